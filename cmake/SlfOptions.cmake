@@ -1,0 +1,39 @@
+# Build options shared by every target of the project.
+option(SLF_BUILD_TESTS "Build the unit and integration tests" ON)
+option(SLF_BUILD_BENCH "Build the benchmarks" ON)
+set(SLF_SANITIZER "" CACHE STRING "Sanitizer build: empty, 'address' (ASan+UBSan) or 'thread' (TSan)")
+set_property(CACHE SLF_SANITIZER PROPERTY STRINGS "" address thread)
+
+# Warnings apply to our code only; they are attached per target through
+# slf_warnings so that third-party headers included as SYSTEM stay quiet.
+add_library(slf_warnings INTERFACE)
+target_compile_options(slf_warnings INTERFACE -Wall -Wextra)
+if(SLF_WERROR)
+  target_compile_options(slf_warnings INTERFACE -Werror)
+endif()
+
+if(SLF_SANITIZER STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(SLF_SANITIZER STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT SLF_SANITIZER STREQUAL "")
+  message(FATAL_ERROR "SLF_SANITIZER must be empty, 'address' or 'thread'")
+endif()
+
+# slf_add_test(NAME SOURCES... LIBS...) builds one GoogleTest binary and
+# registers its cases with CTest. LABELS: "unit" runs everywhere (also under
+# the sanitizers), "integration" needs the real service and engine.
+function(slf_add_test name)
+  cmake_parse_arguments(T "" "LABEL;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  if(NOT T_LABEL)
+    set(T_LABEL unit)
+  endif()
+  if(NOT T_TIMEOUT)
+    set(T_TIMEOUT 120)
+  endif()
+  add_executable(${name} ${T_SOURCES})
+  target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main slf_warnings)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT})
+endfunction()
