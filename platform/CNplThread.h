@@ -7,6 +7,8 @@
 
 typedef void* (*NplThreadFunc)(void*);
 
+// The thread interface. It is abstract: its destructor only ever runs as
+// part of a derived object's destruction.
 class INplThread {
 public:
     virtual ~INplThread();
@@ -45,8 +47,11 @@ private:
     void* m_pThreadArg;
     bool m_bAutoDelete;
     bool m_bCreated;
-    // Flags polled across threads (StopThread polls m_bRunning, the user
-    // function polls m_bTerminationRequested); relaxed atomics, no ordering.
+    // Flags polled across threads without a lock (StopThread polls
+    // m_bRunning every 10 ms, the user function polls
+    // m_bTerminationRequested). The store that clears m_bRunning is the
+    // thread's last touch of the object and is a release, so an owner that
+    // sees it cleared may delete the object.
     std::atomic<bool> m_bRunning;
     std::atomic<bool> m_bTerminationRequested;
     std::atomic<int> m_nThreadId;

@@ -1,4 +1,5 @@
-// Plain or recursive mutex, its scoped lock, and taking two locks at once.
+// Plain or recursive mutex. Its scoped lock and DualMutexLock live in
+// CNplThreadMutexLock.h, included here for every user of the mutex.
 #pragma once
 
 #include <pthread.h>
@@ -10,6 +11,7 @@ public:
     CNplThreadMutex(const CNplThreadMutex&) = delete;
     CNplThreadMutex& operator=(const CNplThreadMutex&) = delete;
 
+    // pthread result codes.
     virtual int Lock();
     virtual int UnLock();
     // True when the lock was taken.
@@ -21,24 +23,4 @@ private:
     pthread_mutex_t m_Mutex;
 };
 
-class CNplThreadMutexLock {
-public:
-    CNplThreadMutexLock(CNplThreadMutex& mutex, bool lockNow = true);
-    ~CNplThreadMutexLock();
-    CNplThreadMutexLock(const CNplThreadMutexLock&) = delete;
-    CNplThreadMutexLock& operator=(const CNplThreadMutexLock&) = delete;
-
-    void Lock();
-    bool TryLock();
-    void UnLock();
-    bool IsLocked() const { return m_bLocked; }
-    pthread_mutex_t* GetMutex() const { return m_pMutex; }
-
-private:
-    pthread_mutex_t* m_pMutex;
-    bool m_bLocked;
-};
-
-// Takes both locks without deadlock (see the implementation for the exact
-// protocol).
-void DualMutexLock(CNplThreadMutexLock& first, CNplThreadMutexLock& second);
+#include "platform/CNplThreadMutexLock.h"
