@@ -47,10 +47,15 @@ bool CNplThread::CreateThread(NplThreadFunc function, void* argument, const char
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    // m_bCreated is set before the thread can run: an auto-delete object may
+    // be gone by the time pthread_create returns, so nothing of it is
+    // touched afterwards unless the create failed.
+    m_bCreated = true;
     const int rc = pthread_create(&m_hThread, &attr, &CNplThread::ThreadProc_Static, this);
     pthread_attr_destroy(&attr);
-    m_bCreated = (rc == 0);
-    return m_bCreated;
+    if (rc != 0)
+        m_bCreated = false;
+    return rc == 0;
 }
 
 void CNplThread::RequestTermination()

@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -67,10 +68,17 @@ struct Stubborn {
 };
 
 // A stubborn thread is abandoned by StopThread, so its object and worker must
-// outlive it: both stay reachable until the process ends.
+// outlive it: both stay reachable (from this list) until the process ends.
+std::vector<void*>* g_retained = new std::vector<void*>;
+
 struct AbandonedThread {
     CNplThread* thread = new CNplThread(false);
     Stubborn* worker = new Stubborn;
+    AbandonedThread()
+    {
+        g_retained->push_back(thread);
+        g_retained->push_back(worker);
+    }
     void Release()
     {
         worker->release = true;

@@ -96,7 +96,8 @@ TEST(DualMutexLockTest, SameLockTwiceLocksOnce)
 
 TEST(DualMutexLockTest, HeldLockMeansTheOtherIsLocked)
 {
-    CNplThreadMutex a, b;
+    // Separate pairs for the two cases: each case alone has one lock order.
+    CNplThreadMutex a, b, c, d;
     {
         CNplThreadMutexLock first(a, true);
         CNplThreadMutexLock second(b, false);
@@ -105,14 +106,16 @@ TEST(DualMutexLockTest, HeldLockMeansTheOtherIsLocked)
         EXPECT_TRUE(second.IsLocked());
     }
     {
-        CNplThreadMutexLock first(a, false);
-        CNplThreadMutexLock second(b, true);
+        CNplThreadMutexLock first(c, false);
+        CNplThreadMutexLock second(d, true);
         DualMutexLock(first, second);
         EXPECT_TRUE(first.IsLocked());
         EXPECT_TRUE(second.IsLocked());
     }
     EXPECT_TRUE(FreeForOthers(a));
     EXPECT_TRUE(FreeForOthers(b));
+    EXPECT_TRUE(FreeForOthers(c));
+    EXPECT_TRUE(FreeForOthers(d));
 }
 
 TEST(DualMutexLockTest, TakesBothOnceTheOtherHolderLetsGo)
