@@ -1,0 +1,367 @@
+#include "engine/wpe/WebKitEnginePort.h"
+
+#include "dbg/NSLog.h"
+#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WebKitView.h"
+
+#include <wpe/fdo.h>
+#include <wpe/unstable/fdo-shm.h>
+#include <wpe/webkit.h>
+
+#include <dirent.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <climits>
+#include <fstream>
+#include <sstream>
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+namespace {
+
+// WebKit, its run loop and the backend loader exist once per process, so
+// the engine can be initialised only once, whatever the port object.
+std::atomic<bool> g_bEngineClaimed{false};
+
+const char kBackendLibrary[] = "libWPEBackend-fdo-1.0.so.1";
+const char kRendererProcessType[] = "renderer";
+constexpr gint64 kShutdownWaitMicroseconds = 3 * G_USEC_PER_SEC;
+
+std::string DirectoryOf(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    if (slash == 0)
+        return "/";
+    return path.substr(0, slash);
+}
+
+std::string ExecutableDirectory()
+{
+    char path[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (length <= 0)
+        return ".";
+    path[length] = '\0';
+    return DirectoryOf(path);
+}
+
+} // namespace
+
+// The GSource that runs queued tasks on the engine context.
+struct TaskSource {
+    GSource source;
+    WebKitEnginePort* port;
+
+    static gboolean Prepare(GSource* source, gint* timeout)
+    {
+        *timeout = -1;
+        return reinterpret_cast<TaskSource*>(source)->port->HasTasks();
+    }
+    static gboolean Check(GSource* source) { return reinterpret_cast<TaskSource*>(source)->port->HasTasks(); }
+    static gboolean Dispatch(GSource* source, GSourceFunc, gpointer)
+    {
+        reinterpret_cast<TaskSource*>(source)->port->RunTasks();
+        return G_SOURCE_CONTINUE;
+    }
+};
+
+static GSourceFuncs s_TaskSourceFuncs = {TaskSource::Prepare, TaskSource::Check, TaskSource::Dispatch, nullptr,
+                                         nullptr, nullptr};
+
+EnginePort* CreateWebKitEnginePort()
+{
+    return new WebKitEnginePort();
+}
+
+WebKitEnginePort::WebKitEnginePort() = default;
+
+WebKitEnginePort::~WebKitEnginePort()
+{
+    for (auto& entry : m_ExtraInitValues)
+        g_variant_unref(entry.second);
+}
+
+void WebKitEnginePort::SetExtensionInitValue(const std::string& key, GVariant* value)
+{
+    if (!value)
+        return;
+    g_variant_ref_sink(value);
+    for (auto& entry : m_ExtraInitValues) {
+        if (entry.first == key) {
+            g_variant_unref(entry.second);
+            entry.second = value;
+            return;
+        }
+    }
+    m_ExtraInitValues.emplace_back(key, value);
+}
+
+std::string WebKitEnginePort::GetExtensionFolder() const
+{
+    return m_strExtensionFolder;
+}
+
+bool WebKitEnginePort::IsPumpThread() const
+{
+    return m_bRunning.load() && std::this_thread::get_id() == m_PumpThread;
+}
+
+bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
+{
+    bool expected = false;
+    if (!g_bEngineClaimed.compare_exchange_strong(expected, true)) {
+        NSLog("WebKitEnginePort::Initialize - the engine was already initialised in this process");
+        return false;
+    }
+
+    m_pApp = app;
+    EngineCommandLine commandLine;
+    if (m_pApp)
+        m_pApp->OnBeforeCommandLineProcessing(std::string(), commandLine);
+    m_DeviceScaleFactor = ForcedDeviceScaleFactor(commandLine);
+    m_strExtensionFolder = settings.browser_subprocess_path.empty() ? ExecutableDirectory()
+                                                                    : DirectoryOf(settings.browser_subprocess_path);
+    if (settings.multi_threaded_message_loop)
+        NSLog("WebKitEnginePort::Initialize - a multi-threaded message loop is not offered; the caller pumps");
+
+    // No accessibility bus exists for an off-screen service; this keeps the
+    // engine from looking for one (also in its web processes).
+    g_setenv("NO_AT_BRIDGE", "1", FALSE);
+
+    // The engine's own context becomes the thread default before WebKit is
+    // first touched, so WebKit's run loop lives in it.
+    m_PumpThread = std::this_thread::get_id();
+    m_pMainContext = g_main_context_new();
+    g_main_context_push_thread_default(m_pMainContext);
+
+    if (!wpe_loader_init(kBackendLibrary)) {
+        NSLog("WebKitEnginePort::Initialize - could not load the view backend %s", kBackendLibrary);
+        g_main_context_pop_thread_default(m_pMainContext);
+        return false;
+    }
+    if (!wpe_fdo_initialize_shm()) {
+        NSLog("WebKitEnginePort::Initialize - could not initialise shared-memory rendering");
+        g_main_context_pop_thread_default(m_pMainContext);
+        return false;
+    }
+
+    m_pTaskSource = g_source_new(&s_TaskSourceFuncs, sizeof(TaskSource));
+    reinterpret_cast<TaskSource*>(m_pTaskSource)->port = this;
+    g_source_set_priority(m_pTaskSource, G_PRIORITY_DEFAULT);
+    g_source_set_name(m_pTaskSource, "SlfEngineTasks");
+    g_source_attach(m_pTaskSource, m_pMainContext);
+
+    m_pWebContext = webkit_web_context_new_ephemeral();
+    webkit_web_context_set_sandbox_enabled(m_pWebContext, FALSE);
+    // One page per view and no page kept for later: a closed view's web
+    // process ends instead of waiting in a cache.
+    webkit_web_context_set_cache_model(m_pWebContext, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
+    webkit_web_context_set_web_extensions_directory(m_pWebContext, m_strExtensionFolder.c_str());
+    g_signal_connect(m_pWebContext, "initialize-web-extensions", G_CALLBACK(InitializeWebExtensionsThunk), this);
+
+    m_bRunning.store(true);
+    return true;
+}
+
+void WebKitEnginePort::InitializeWebExtensionsThunk(WebKitWebContext*, gpointer self)
+{
+    static_cast<WebKitEnginePort*>(self)->OnInitializeWebExtensions();
+}
+
+void WebKitEnginePort::OnInitializeWebExtensions()
+{
+    // A web process is about to start: its command line is made now, and
+    // travels in the module's initialisation data.
+    EngineCommandLine commandLine;
+    if (m_pApp) {
+        if (EngineBrowserProcessHandler* handler = m_pApp->GetBrowserProcessHandler())
+            handler->OnBeforeChildProcessLaunch(commandLine);
+    }
+    GVariant* data = ExtensionInitDataToVariant(kRendererProcessType, commandLine);
+    if (!m_ExtraInitValues.empty()) {
+        GVariantBuilder builder;
+        g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
+        GVariantIter iter;
+        g_variant_iter_init(&iter, data);
+        const gchar* key = nullptr;
+        GVariant* value = nullptr;
+        while (g_variant_iter_next(&iter, "{&sv}", &key, &value)) {
+            g_variant_builder_add(&builder, "{sv}", key, value);
+            g_variant_unref(value);
+        }
+        for (const auto& entry : m_ExtraInitValues)
+            g_variant_builder_add(&builder, "{sv}", entry.first.c_str(), entry.second);
+        g_variant_unref(g_variant_ref_sink(data));
+        data = g_variant_builder_end(&builder);
+    }
+    webkit_web_context_set_web_extensions_initialization_user_data(m_pWebContext, data);
+}
+
+void WebKitEnginePort::DoMessageLoopWork()
+{
+    if (!IsPumpThread())
+        return;
+    g_main_context_iteration(m_pMainContext, FALSE);
+}
+
+void WebKitEnginePort::Post(std::function<void()> task)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_TaskMutex);
+        if (!m_bRunning.load())
+            return;
+        m_Tasks.push_back(std::move(task));
+        m_bHasTasks.store(true, std::memory_order_release);
+    }
+    // Wakes the context when the pump thread blocks in it (shutdown).
+    if (m_pMainContext)
+        g_main_context_wakeup(m_pMainContext);
+}
+
+void WebKitEnginePort::RunTasks()
+{
+    // Only the tasks queued so far run now; tasks they queue run in a later
+    // pass, which is what "reported from a later pump pass" relies on.
+    std::deque<std::function<void()>> batch;
+    {
+        std::lock_guard<std::mutex> lock(m_TaskMutex);
+        batch.swap(m_Tasks);
+        m_bHasTasks.store(false, std::memory_order_release);
+    }
+    for (auto& task : batch)
+        task();
+}
+
+bool WebKitEnginePort::CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
+                                     const EngineBrowserSettings& settings)
+{
+    if (!m_bRunning.load() || !client)
+        return false;
+    if (!windowInfo.windowless_rendering_enabled)
+        NSLog("WebKitEnginePort::CreateBrowser - only windowless browsers exist; rendering off screen");
+    const int id = m_nNextBrowserId.fetch_add(1);
+    Post([this, id, client, url, settings]() { CreateView(id, client, url, settings); });
+    return true;
+}
+
+void WebKitEnginePort::CreateView(int id, EngineClient* client, const std::string& url,
+                                  const EngineBrowserSettings& settings)
+{
+    auto view = std::make_shared<WebKitView>(*this, id, client, settings);
+    m_Views[id] = view;
+    // The client learns the browser first, so that it can answer
+    // GetViewRect for it when the view is made.
+    if (EngineLifeSpanHandler* handler = client->GetLifeSpanHandler())
+        handler->OnAfterCreated(view);
+    view->Open(url);
+}
+
+void WebKitEnginePort::ForgetView(int id)
+{
+    m_Views.erase(id);
+}
+
+void WebKitEnginePort::Shutdown()
+{
+    if (!IsPumpThread())
+        return;
+    {
+        std::lock_guard<std::mutex> lock(m_TaskMutex);
+        m_bRunning.store(false);
+        m_Tasks.clear();
+        m_bHasTasks.store(false);
+    }
+
+    auto views = m_Views;
+    for (auto& entry : views)
+        entry.second->Close(false);
+    m_Views.clear();
+
+    if (m_pWebContext) {
+        g_signal_handlers_disconnect_by_data(m_pWebContext, this);
+        g_object_unref(m_pWebContext);
+        m_pWebContext = nullptr;
+    }
+
+    // The web processes end once their pages and the context are gone; the
+    // context keeps running until then, for a bounded time.
+    auto runUntilGone = [this](bool networkToo, gint64 bound) {
+        const gint64 deadline = g_get_monotonic_time() + bound;
+        for (;;) {
+            while (g_main_context_iteration(m_pMainContext, FALSE)) {
+            }
+            bool running = false;
+            for (const auto& process : RunningEngineProcesses())
+                running = running || networkToo || !process.second;
+            if (!running)
+                return true;
+            if (g_get_monotonic_time() >= deadline)
+                return false;
+            g_usleep(5000);
+        }
+    };
+    if (!runUntilGone(false, kShutdownWaitMicroseconds))
+        NSLog("WebKitEnginePort::Shutdown - web processes still running after %d ms",
+              static_cast<int>(kShutdownWaitMicroseconds / 1000));
+    // The network process of the ephemeral session outlives the context in
+    // the engine's own bookkeeping; it holds nothing worth keeping.
+    for (const auto& process : RunningEngineProcesses()) {
+        if (process.second)
+            kill(process.first, SIGTERM);
+    }
+    runUntilGone(true, kShutdownWaitMicroseconds / 3);
+
+    if (m_pTaskSource) {
+        g_source_destroy(m_pTaskSource);
+        g_source_unref(m_pTaskSource);
+        m_pTaskSource = nullptr;
+    }
+    // WebKit's run loop keeps its reference to the context; it only stops
+    // being the thread default.
+    g_main_context_pop_thread_default(m_pMainContext);
+}
+
+std::vector<int> WebKitEnginePort::RunningWebProcesses()
+{
+    std::vector<int> result;
+    for (const auto& process : RunningEngineProcesses()) {
+        if (!process.second)
+            result.push_back(process.first);
+    }
+    return result;
+}
+
+std::vector<std::pair<int, bool>> WebKitEnginePort::RunningEngineProcesses()
+{
+    std::vector<std::pair<int, bool>> result;
+    DIR* tasks = opendir("/proc/self/task");
+    if (!tasks)
+        return result;
+    while (struct dirent* entry = readdir(tasks)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        std::ifstream children(std::string("/proc/self/task/") + entry->d_name + "/children");
+        int pid = 0;
+        while (children >> pid) {
+            std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+            std::string line;
+            std::getline(stat, line);
+            // "pid (comm) state ...": the engine's helpers are named WPE...
+            const size_t open = line.find('(');
+            const size_t close = line.rfind(')');
+            if (open == std::string::npos || close == std::string::npos || close + 2 >= line.size())
+                continue;
+            const std::string comm = line.substr(open + 1, close - open - 1);
+            const char state = line[close + 2];
+            if (comm.rfind("WPE", 0) == 0 && state != 'Z' && state != 'X')
+                result.emplace_back(pid, comm.rfind("WPENetwork", 0) == 0);
+        }
+    }
+    closedir(tasks);
+    return result;
+}
+
+} // namespace SLF_ChromiumEmbeddedFramework

@@ -1,0 +1,646 @@
+#include "engine/wpe/WebKitView.h"
+
+#include "dbg/NSLog.h"
+#include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WebKitInput.h"
+#include "engine/wpe/WebKitVariantCodec.h"
+
+#include <wayland-server.h>
+#include <wpe/fdo.h>
+#include <wpe/unstable/fdo-shm.h>
+#include <wpe/webkit.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+namespace {
+
+constexpr int kDefaultWidth = 800;
+constexpr int kDefaultHeight = 600;
+constexpr int kMinFrameRate = 1;
+constexpr int kMaxFrameRate = 240;
+// Two presses closer than this (and a few pixels) make one double click.
+constexpr int64_t kDoubleClickMicroseconds = 500 * 1000;
+constexpr int kDoubleClickDistance = 4;
+// A wheel call larger than this is cut to it.
+constexpr int kMaxWheelSteps = 100;
+
+// The backend's destroy notification keeps the view object alive as long as
+// WebKit may call its export callback.
+struct BackendHolder {
+    std::shared_ptr<WebKitView> view;
+    struct wpe_view_backend_exportable_fdo* exportable;
+};
+
+void ApplyState(WebKitSettings* settings, EngineState state, void (*setter)(WebKitSettings*, gboolean))
+{
+    if (state == STATE_ENABLED)
+        setter(settings, TRUE);
+    else if (state == STATE_DISABLED)
+        setter(settings, FALSE);
+}
+
+GSourceFuncs s_FrameTimerFuncs = {nullptr, nullptr,
+                                  [](GSource*, GSourceFunc callback, gpointer data) -> gboolean {
+                                      return callback ? callback(data) : G_SOURCE_CONTINUE;
+                                  },
+                                  nullptr, nullptr, nullptr};
+
+} // namespace
+
+WebKitView::WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings)
+    : m_Port(port), m_nId(id), m_pClient(client), m_Settings(settings)
+{
+    const int rate = std::clamp(settings.windowless_frame_rate, kMinFrameRate, kMaxFrameRate);
+    m_nFramePeriod = G_USEC_PER_SEC / rate;
+}
+
+WebKitView::~WebKitView() = default;
+
+template <typename Fn>
+void WebKitView::OnPump(Fn fn)
+{
+    auto self = shared_from_this();
+    m_Port.Post([self, fn = std::move(fn)]() mutable {
+        if (self->m_pView && !self->m_bClosed)
+            fn();
+    });
+}
+
+struct wpe_view_backend* WebKitView::Backend() const
+{
+    return m_pExportable ? wpe_view_backend_exportable_fdo_get_view_backend(m_pExportable) : nullptr;
+}
+
+uint32_t WebKitView::EventTime() const
+{
+    return static_cast<uint32_t>(g_get_monotonic_time() / 1000);
+}
+
+void WebKitView::SetUrl(const char* uri)
+{
+    std::lock_guard<std::mutex> lock(m_UrlMutex);
+    m_strUrl = uri ? uri : "";
+}
+
+// ---- life cycle ------------------------------------------------------------
+
+void WebKitView::Open(const std::string& url)
+{
+    if (m_bClosed || m_pView)
+        return;
+
+    int width = kDefaultWidth;
+    int height = kDefaultHeight;
+    if (EngineRenderHandler* handler = m_pClient->GetRenderHandler()) {
+        EngineRect rect;
+        if (handler->GetViewRect(shared_from_this(), rect) && rect.width > 0 && rect.height > 0) {
+            width = rect.width;
+            height = rect.height;
+        }
+    }
+
+    static const struct wpe_view_backend_exportable_fdo_client client = {nullptr, nullptr, ExportShmBufferThunk,
+                                                                          nullptr, nullptr};
+    m_pExportable = wpe_view_backend_exportable_fdo_create(&client, this, static_cast<uint32_t>(width),
+                                                           static_cast<uint32_t>(height));
+    struct wpe_view_backend* backend = wpe_view_backend_exportable_fdo_get_view_backend(m_pExportable);
+    wpe_view_backend_add_activity_state(backend, wpe_view_activity_state_visible | wpe_view_activity_state_focused |
+                                                     wpe_view_activity_state_in_window);
+    auto* holder = new BackendHolder{shared_from_this(), m_pExportable};
+    WebKitWebViewBackend* viewBackend = webkit_web_view_backend_new(backend, DestroyBackendThunk, holder);
+
+    WebKitSettings* settings = webkit_settings_new();
+    ApplyState(settings, m_Settings.javascript, webkit_settings_set_enable_javascript);
+    ApplyState(settings, m_Settings.javascript_access_clipboard, webkit_settings_set_javascript_can_access_clipboard);
+    ApplyState(settings, m_Settings.local_storage, webkit_settings_set_enable_html5_local_storage);
+    ApplyState(settings, m_Settings.file_access_from_file_urls, webkit_settings_set_allow_file_access_from_file_urls);
+    ApplyState(settings, m_Settings.universal_access_from_file_urls,
+               webkit_settings_set_allow_universal_access_from_file_urls);
+    ApplyState(settings, m_Settings.webgl, webkit_settings_set_enable_webgl);
+    // Overlays play media and sound without anyone to click them.
+    webkit_settings_set_media_playback_requires_user_gesture(settings, FALSE);
+    webkit_settings_set_enable_webaudio(settings, TRUE);
+    // Window requests reach the client's popup handler (and are refused
+    // there) instead of being blocked silently.
+    webkit_settings_set_javascript_can_open_windows_automatically(settings, TRUE);
+
+    m_pView = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "backend", viewBackend, "web-context",
+                                           m_Port.GetWebContext(), "settings", settings, nullptr));
+    g_object_unref(settings);
+
+    if (auto scale = m_Port.GetDeviceScaleFactor())
+        wpe_view_backend_dispatch_set_device_scale_factor(backend, static_cast<float>(*scale));
+
+    WebKitColor transparent = {0.0, 0.0, 0.0, 0.0};
+    webkit_web_view_set_background_color(m_pView, &transparent);
+
+    m_pFrameTimer = g_source_new(&s_FrameTimerFuncs, sizeof(GSource));
+    g_source_set_callback(m_pFrameTimer, FrameTimerThunk, this, nullptr);
+    g_source_set_priority(m_pFrameTimer, G_PRIORITY_DEFAULT);
+    g_source_set_name(m_pFrameTimer, "SlfViewFrameComplete");
+    g_source_attach(m_pFrameTimer, m_Port.GetMainContext());
+
+    g_signal_connect(m_pView, "load-changed", G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer self) {
+                         static_cast<WebKitView*>(self)->OnLoadChanged(event);
+                     }),
+                     this);
+    g_signal_connect(m_pView, "notify::uri", G_CALLBACK(+[](WebKitWebView* view, GParamSpec*, gpointer self) {
+                         static_cast<WebKitView*>(self)->SetUrl(webkit_web_view_get_uri(view));
+                     }),
+                     this);
+    g_signal_connect(m_pView, "create",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitNavigationAction* action, gpointer self) -> WebKitWebView* {
+                         static_cast<WebKitView*>(self)->OnPopupRequest(action);
+                         return nullptr;
+                     }),
+                     this);
+    g_signal_connect(m_pView, "script-dialog",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitScriptDialog* dialog, gpointer self) -> gboolean {
+                         return static_cast<WebKitView*>(self)->OnScriptDialog(dialog);
+                     }),
+                     this);
+    g_signal_connect(m_pView, "mouse-target-changed",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitHitTestResult* hit, guint, gpointer self) {
+                         static_cast<WebKitView*>(self)->OnMouseTargetChanged(hit);
+                     }),
+                     this);
+    g_signal_connect(m_pView, "user-message-received",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitUserMessage* message, gpointer self) -> gboolean {
+                         return static_cast<WebKitView*>(self)->OnUserMessage(message);
+                     }),
+                     this);
+    g_signal_connect(m_pView, "close", G_CALLBACK(+[](WebKitWebView*, gpointer self) {
+                         static_cast<WebKitView*>(self)->Close(true);
+                     }),
+                     this);
+    g_signal_connect(m_pView, "web-process-terminated",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer self) {
+                         NSLog("WebKitView - the web process of browser %d ended (reason %d)",
+                               static_cast<WebKitView*>(self)->GetIdentifier(), static_cast<int>(reason));
+                     }),
+                     this);
+
+    const std::string target = url.empty() ? std::string("about:blank") : url;
+    SetUrl(target.c_str());
+    webkit_web_view_load_uri(m_pView, target.c_str());
+}
+
+void WebKitView::Close(bool notify)
+{
+    if (m_bClosed)
+        return;
+    m_bClosed = true;
+
+    if (m_pFrameTimer) {
+        g_source_destroy(m_pFrameTimer);
+        g_source_unref(m_pFrameTimer);
+        m_pFrameTimer = nullptr;
+    }
+    if (m_pView) {
+        WebKitWebView* view = m_pView;
+        m_pView = nullptr;
+        g_signal_handlers_disconnect_by_data(view, this);
+        // The last reference: the page closes and its backend goes with it.
+        g_object_unref(view);
+    }
+    m_LastImage.clear();
+    m_LastImage.shrink_to_fit();
+
+    auto self = shared_from_this();
+    m_Port.ForgetView(m_nId);
+    if (notify) {
+        m_Port.Post([self]() {
+            if (EngineLifeSpanHandler* handler = self->m_pClient->GetLifeSpanHandler())
+                handler->OnBeforeClose(self);
+        });
+    }
+}
+
+void WebKitView::DestroyBackendThunk(gpointer data)
+{
+    auto* holder = static_cast<BackendHolder*>(data);
+    wpe_view_backend_exportable_fdo_destroy(holder->exportable);
+    if (holder->view->m_pExportable == holder->exportable)
+        holder->view->m_pExportable = nullptr;
+    delete holder;
+}
+
+// ---- browser and frame -----------------------------------------------------
+
+void WebKitView::Reload()
+{
+    OnPump([this]() { webkit_web_view_reload(m_pView); });
+}
+
+void WebKitView::SendProcessMessage(const EngineProcessMessageRef& message)
+{
+    if (!message)
+        return;
+    OnPump([this, message]() {
+        GVariant* parameters = ProcessMessageArgumentsToVariant(*message);
+        WebKitUserMessage* userMessage = webkit_user_message_new(message->GetName().c_str(), parameters);
+        webkit_web_view_send_message_to_page(m_pView, userMessage, nullptr, nullptr, nullptr);
+    });
+}
+
+std::string WebKitView::GetURL()
+{
+    std::lock_guard<std::mutex> lock(m_UrlMutex);
+    return m_strUrl;
+}
+
+void WebKitView::ExecuteJavaScript(const std::string& code, const std::string&, int)
+{
+    OnPump([this, code]() { webkit_web_view_run_javascript(m_pView, code.c_str(), nullptr, nullptr, nullptr); });
+}
+
+// ---- host ------------------------------------------------------------------
+
+void WebKitView::WasResized()
+{
+    OnPump([this]() { DoResize(); });
+}
+
+void WebKitView::DoResize()
+{
+    EngineRenderHandler* handler = m_pClient->GetRenderHandler();
+    EngineRect rect;
+    if (!handler || !handler->GetViewRect(shared_from_this(), rect) || rect.width <= 0 || rect.height <= 0)
+        return;
+    if (struct wpe_view_backend* backend = Backend())
+        wpe_view_backend_dispatch_set_size(backend, static_cast<uint32_t>(rect.width),
+                                           static_cast<uint32_t>(rect.height));
+}
+
+void WebKitView::WasHidden(bool hidden)
+{
+    OnPump([this, hidden]() {
+        struct wpe_view_backend* backend = Backend();
+        if (!backend)
+            return;
+        if (hidden)
+            wpe_view_backend_remove_activity_state(backend, wpe_view_activity_state_visible);
+        else
+            wpe_view_backend_add_activity_state(backend, wpe_view_activity_state_visible);
+    });
+}
+
+void WebKitView::Invalidate()
+{
+    OnPump([this]() {
+        if (!m_LastImage.empty())
+            DeliverPaint(m_LastImage.data(), m_nLastWidth, m_nLastHeight);
+    });
+}
+
+void WebKitView::SendMouseClickEvent(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp,
+                                     int clickCount)
+{
+    OnPump([this, event, type, mouseUp, clickCount]() { DoClick(event, type, mouseUp, clickCount); });
+}
+
+void WebKitView::DoClick(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp, int clickCount)
+{
+    struct wpe_view_backend* backend = Backend();
+    if (!backend)
+        return;
+    const uint32_t button = WpePointerButton(type);
+    const uint32_t modifiers = WpePointerModifiers(event.modifiers);
+    auto send = [&](bool pressed) {
+        struct wpe_input_pointer_event pointer = {wpe_input_pointer_event_type_button,
+                                                  EventTime(),
+                                                  event.x,
+                                                  event.y,
+                                                  button,
+                                                  pressed ? 1u : 0u,
+                                                  modifiers};
+        wpe_view_backend_dispatch_pointer_event(backend, &pointer);
+    };
+
+    if (!mouseUp) {
+        const int64_t now = g_get_monotonic_time();
+        // WebKit counts clicks itself from their timing: a double click that
+        // does not follow a press of its own is sent as two clicks.
+        const bool recentPress = now - m_nLastPressTime < kDoubleClickMicroseconds &&
+                                 std::abs(event.x - m_nLastPressX) <= kDoubleClickDistance &&
+                                 std::abs(event.y - m_nLastPressY) <= kDoubleClickDistance;
+        if (clickCount >= 2 && !recentPress) {
+            send(true);
+            send(false);
+        }
+        m_nLastPressTime = now;
+        m_nLastPressX = event.x;
+        m_nLastPressY = event.y;
+    }
+    send(!mouseUp);
+}
+
+void WebKitView::SendMouseMoveEvent(const EngineMouseEvent& event, bool)
+{
+    OnPump([this, event]() {
+        struct wpe_view_backend* backend = Backend();
+        if (!backend)
+            return;
+        struct wpe_input_pointer_event pointer = {wpe_input_pointer_event_type_motion,
+                                                  EventTime(),
+                                                  event.x,
+                                                  event.y,
+                                                  0,
+                                                  0,
+                                                  WpePointerModifiers(event.modifiers)};
+        wpe_view_backend_dispatch_pointer_event(backend, &pointer);
+    });
+}
+
+void WebKitView::SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, int deltaY)
+{
+    OnPump([this, event, deltaX, deltaY]() {
+        struct wpe_view_backend* backend = Backend();
+        if (!backend)
+            return;
+        // One axis event is one wheel step; positive values scroll up and
+        // left, as the deltas of the port's wheel events do.
+        auto steps = [&](uint32_t axis, int delta) {
+            const int count = std::min(std::abs(delta), kMaxWheelSteps);
+            for (int i = 0; i < count; ++i) {
+                struct wpe_input_axis_event axisEvent = {wpe_input_axis_event_type_motion,
+                                                         EventTime(),
+                                                         event.x,
+                                                         event.y,
+                                                         axis,
+                                                         delta > 0 ? 1 : -1,
+                                                         WpeKeyboardModifiers(event.modifiers)};
+                wpe_view_backend_dispatch_axis_event(backend, &axisEvent);
+            }
+        };
+        steps(0, deltaY);
+        steps(1, deltaX);
+    });
+}
+
+void WebKitView::SendKeyEvent(const EngineKeyEvent& event)
+{
+    OnPump([this, event]() { DoKey(event); });
+}
+
+void WebKitView::DoKey(const EngineKeyEvent& event)
+{
+    struct wpe_input_xkb_context* xkb = wpe_input_xkb_context_get_default();
+    const bool pressed = event.type != KEYEVENT_KEYUP;
+    const bool shift = (event.modifiers & EVENTFLAG_SHIFT_DOWN) != 0;
+    uint32_t hardwareKeyCode = event.native_key_code > 0 ? static_cast<uint32_t>(event.native_key_code) : 0;
+
+    uint32_t keysym = 0;
+    if (event.type == KEYEVENT_CHAR) {
+        // A character event carries the character (also in the key code).
+        uint32_t character = event.character;
+        if (!character && event.windows_key_code >= 0x20)
+            character = static_cast<uint32_t>(event.windows_key_code);
+        keysym = KeysymForCharacter(character);
+    } else if (event.windows_key_code) {
+        keysym = KeysymForWindowsKeyCode(event.windows_key_code, shift);
+    }
+    if (!keysym && hardwareKeyCode)
+        keysym = wpe_input_xkb_context_get_key_code(xkb, hardwareKeyCode, pressed);
+    if (!keysym && event.character)
+        keysym = KeysymForCharacter(event.character);
+    if (!keysym) {
+        NSLog("WebKitView::SendKeyEvent - no key for key code %d (native %d); dropped", event.windows_key_code,
+              event.native_key_code);
+        return;
+    }
+    if (!hardwareKeyCode) {
+        struct wpe_input_xkb_keymap_entry* entries = nullptr;
+        uint32_t count = 0;
+        wpe_input_xkb_context_get_entries_for_key_code(xkb, keysym, &entries, &count);
+        if (count > 0)
+            hardwareKeyCode = entries[0].hardware_key_code;
+        free(entries);
+    }
+
+    const uint32_t modifiers = WpeKeyboardModifiers(event.modifiers);
+    const uint32_t key = hardwareKeyCode ? hardwareKeyCode : (keysym | 0x80000000u);
+    switch (event.type) {
+    case KEYEVENT_RAWKEYDOWN:
+    case KEYEVENT_KEYDOWN:
+        m_PressedKeys.insert(key);
+        DispatchKey(keysym, hardwareKeyCode, true, modifiers);
+        break;
+    case KEYEVENT_KEYUP:
+        m_PressedKeys.erase(key);
+        DispatchKey(keysym, hardwareKeyCode, false, modifiers);
+        break;
+    case KEYEVENT_CHAR:
+        // The press of a held key has typed its character already; a
+        // character on its own is typed as a press and a release.
+        if (m_PressedKeys.count(key))
+            break;
+        DispatchKey(keysym, hardwareKeyCode, true, modifiers);
+        DispatchKey(keysym, hardwareKeyCode, false, modifiers);
+        break;
+    }
+}
+
+void WebKitView::DispatchKey(uint32_t keysym, uint32_t hardwareKeyCode, bool pressed, uint32_t modifiers)
+{
+    struct wpe_view_backend* backend = Backend();
+    if (!backend)
+        return;
+    struct wpe_input_keyboard_event key = {EventTime(), keysym, hardwareKeyCode, pressed, modifiers};
+    wpe_view_backend_dispatch_keyboard_event(backend, &key);
+}
+
+void WebKitView::CloseBrowser(bool forceClose)
+{
+    OnPump([this, forceClose]() {
+        if (forceClose)
+            Close(true);
+        else
+            webkit_web_view_try_close(m_pView); // "close" follows unless the page objects
+    });
+}
+
+// ---- painting --------------------------------------------------------------
+
+void WebKitView::ExportShmBufferThunk(void* data, struct wpe_fdo_shm_exported_buffer* buffer)
+{
+    static_cast<WebKitView*>(data)->OnExportedBuffer(buffer);
+}
+
+void WebKitView::OnExportedBuffer(struct wpe_fdo_shm_exported_buffer* buffer)
+{
+    bool copied = false;
+    struct wl_shm_buffer* shm = wpe_fdo_shm_exported_buffer_get_shm_buffer(buffer);
+    if (!m_bClosed && shm) {
+        wl_shm_buffer_begin_access(shm);
+        const uint32_t format = wl_shm_buffer_get_format(shm);
+        const int width = wl_shm_buffer_get_width(shm);
+        const int height = wl_shm_buffer_get_height(shm);
+        const int stride = wl_shm_buffer_get_stride(shm);
+        const auto* source = static_cast<const uint8_t*>(wl_shm_buffer_get_data(shm));
+        const bool opaque = format == WL_SHM_FORMAT_XRGB8888;
+        if ((format == WL_SHM_FORMAT_ARGB8888 || opaque) && source && width > 0 && height > 0 &&
+            stride >= width * 4) {
+            const size_t row = static_cast<size_t>(width) * 4;
+            m_LastImage.resize(row * static_cast<size_t>(height));
+            if (static_cast<size_t>(stride) == row) {
+                std::memcpy(m_LastImage.data(), source, m_LastImage.size());
+            } else {
+                for (int y = 0; y < height; ++y)
+                    std::memcpy(m_LastImage.data() + row * y, source + static_cast<size_t>(stride) * y, row);
+            }
+            if (opaque) {
+                for (size_t i = 3; i < m_LastImage.size(); i += 4)
+                    m_LastImage[i] = 0xFF;
+            }
+            m_nLastWidth = width;
+            m_nLastHeight = height;
+            copied = true;
+        } else {
+            NSLog("WebKitView - browser %d: unusable frame (format %u, %d x %d, stride %d) dropped", m_nId, format,
+                  width, height, stride);
+        }
+        wl_shm_buffer_end_access(shm);
+    }
+    if (m_pExportable)
+        wpe_view_backend_exportable_fdo_dispatch_release_shm_exported_buffer(m_pExportable, buffer);
+    m_bFramePending = true;
+    ScheduleFrameComplete();
+    if (copied)
+        DeliverPaint(m_LastImage.data(), m_nLastWidth, m_nLastHeight);
+}
+
+void WebKitView::DeliverPaint(const void* pixels, int width, int height)
+{
+    if (m_bClosed)
+        return;
+    if (EngineRenderHandler* handler = m_pClient->GetRenderHandler())
+        handler->OnPaint(shared_from_this(), pixels, width, height);
+}
+
+void WebKitView::ScheduleFrameComplete()
+{
+    if (!m_pFrameTimer)
+        return;
+    // The next frame may start one frame period after the last one did.
+    const int64_t due = std::max(m_nLastFrameComplete + m_nFramePeriod, g_get_monotonic_time());
+    g_source_set_ready_time(m_pFrameTimer, due);
+}
+
+gboolean WebKitView::FrameTimerThunk(gpointer data)
+{
+    static_cast<WebKitView*>(data)->DispatchFrameComplete();
+    return G_SOURCE_CONTINUE;
+}
+
+void WebKitView::DispatchFrameComplete()
+{
+    if (m_pFrameTimer)
+        g_source_set_ready_time(m_pFrameTimer, -1);
+    if (!m_bFramePending || !m_pExportable || m_bClosed)
+        return;
+    m_bFramePending = false;
+    m_nLastFrameComplete = g_get_monotonic_time();
+    wpe_view_backend_exportable_fdo_dispatch_frame_complete(m_pExportable);
+}
+
+// ---- WebKit signals ----------------------------------------------------------
+
+void WebKitView::OnLoadChanged(int loadEvent)
+{
+    EngineLoadHandler* handler = m_pClient->GetLoadHandler();
+    if (!handler)
+        return;
+    auto self = shared_from_this();
+    if (loadEvent == WEBKIT_LOAD_STARTED) {
+        handler->OnLoadStart(self, self);
+    } else if (loadEvent == WEBKIT_LOAD_FINISHED) {
+        int status = 0;
+        if (WebKitWebResource* resource = webkit_web_view_get_main_resource(m_pView)) {
+            if (WebKitURIResponse* response = webkit_web_resource_get_response(resource))
+                status = static_cast<int>(webkit_uri_response_get_status_code(response));
+        }
+        // Local documents have no HTTP status; a finished load of one is a
+        // success.
+        if (status == 0)
+            status = 200;
+        handler->OnLoadEnd(self, self, status);
+    }
+}
+
+bool WebKitView::OnScriptDialog(WebKitScriptDialog* dialog)
+{
+    const WebKitScriptDialogType type = webkit_script_dialog_get_dialog_type(dialog);
+    if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM) {
+        // Nobody can answer; leaving the page is always allowed.
+        webkit_script_dialog_confirm_set_confirmed(dialog, TRUE);
+        return true;
+    }
+    if (EngineJSDialogHandler* handler = m_pClient->GetJSDialogHandler()) {
+        EngineJSDialogType dialogType = JSDIALOGTYPE_ALERT;
+        std::string defaultText;
+        if (type == WEBKIT_SCRIPT_DIALOG_CONFIRM) {
+            dialogType = JSDIALOGTYPE_CONFIRM;
+        } else if (type == WEBKIT_SCRIPT_DIALOG_PROMPT) {
+            dialogType = JSDIALOGTYPE_PROMPT;
+            if (const char* text = webkit_script_dialog_prompt_get_default_text(dialog))
+                defaultText = text;
+        }
+        const char* message = webkit_script_dialog_get_message(dialog);
+        bool suppress = false;
+        handler->OnJSDialog(shared_from_this(), GetURL(), dialogType, message ? message : "", defaultText, suppress);
+    }
+    // No dialog can be shown off screen: every dialog ends unanswered
+    // (confirm is false, prompt null).
+    if (type == WEBKIT_SCRIPT_DIALOG_CONFIRM)
+        webkit_script_dialog_confirm_set_confirmed(dialog, FALSE);
+    return true;
+}
+
+void WebKitView::OnMouseTargetChanged(WebKitHitTestResult* hit)
+{
+    EngineCursorType cursor = CT_POINTER;
+    if (webkit_hit_test_result_context_is_link(hit))
+        cursor = CT_HAND;
+    else if (webkit_hit_test_result_context_is_editable(hit))
+        cursor = CT_IBEAM;
+    if (cursor == m_nCursor)
+        return;
+    m_nCursor = cursor;
+    if (EngineRenderHandler* handler = m_pClient->GetRenderHandler())
+        handler->OnCursorChange(shared_from_this(), cursor);
+}
+
+bool WebKitView::OnUserMessage(WebKitUserMessage* userMessage)
+{
+    const char* name = webkit_user_message_get_name(userMessage);
+    std::string error;
+    EngineProcessMessageRef message =
+        ProcessMessageFromVariant(name ? name : "", webkit_user_message_get_parameters(userMessage), error);
+    if (!message) {
+        NSLog("WebKitView - browser %d: message from the web process dropped: %s", m_nId, error.c_str());
+        return true;
+    }
+    return m_pClient->OnProcessMessageReceived(shared_from_this(), message);
+}
+
+void WebKitView::OnPopupRequest(WebKitNavigationAction* action)
+{
+    std::string target;
+    if (WebKitURIRequest* request = webkit_navigation_action_get_request(action)) {
+        if (const char* uri = webkit_uri_request_get_uri(request))
+            target = uri;
+    }
+    bool cancelled = true;
+    if (EngineLifeSpanHandler* handler = m_pClient->GetLifeSpanHandler())
+        cancelled = handler->OnBeforePopup(shared_from_this(), target);
+    if (!cancelled)
+        NSLog("WebKitView - browser %d: popup to %s refused; off-screen browsers open no windows", m_nId,
+              target.c_str());
+}
+
+} // namespace SLF_ChromiumEmbeddedFramework

@@ -1,0 +1,127 @@
+// One browser of the WebKit port: a WebKitWebView on an exportable
+// shared-memory view backend. The object is the browser, its host and its
+// main frame at once. Calls from any thread are queued to the pump thread;
+// the WebKit objects are touched only there.
+#pragma once
+
+#include "engine/port/EnginePort.h"
+
+#include <glib.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+typedef struct _WebKitWebView WebKitWebView;
+typedef struct _WebKitUserMessage WebKitUserMessage;
+typedef struct _WebKitHitTestResult WebKitHitTestResult;
+typedef struct _WebKitScriptDialog WebKitScriptDialog;
+typedef struct _WebKitNavigationAction WebKitNavigationAction;
+struct wpe_view_backend;
+struct wpe_view_backend_exportable_fdo;
+struct wpe_fdo_shm_exported_buffer;
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+class WebKitEnginePort;
+
+class WebKitView : public EngineBrowser,
+                   public EngineBrowserHost,
+                   public EngineFrame,
+                   public std::enable_shared_from_this<WebKitView> {
+public:
+    WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings);
+    ~WebKitView() override;
+    WebKitView(const WebKitView&) = delete;
+    WebKitView& operator=(const WebKitView&) = delete;
+
+    // Pump thread: creates the WebKit view at the size the render handler
+    // reports and starts loading url.
+    void Open(const std::string& url);
+    // Pump thread: destroys the WebKit view (idempotent). With notify, the
+    // client's OnBeforeClose follows from a later pump pass.
+    void Close(bool notify);
+
+    // EngineBrowser
+    int GetIdentifier() override { return m_nId; }
+    EngineBrowserHostRef GetHost() override { return shared_from_this(); }
+    EngineFrameRef GetMainFrame() override { return shared_from_this(); }
+    void Reload() override;
+    void SendProcessMessage(const EngineProcessMessageRef& message) override;
+
+    // EngineBrowserHost
+    void WasResized() override;
+    void WasHidden(bool hidden) override;
+    void Invalidate() override;
+    void SendMouseClickEvent(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp,
+                             int clickCount) override;
+    void SendMouseMoveEvent(const EngineMouseEvent& event, bool mouseLeave) override;
+    void SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, int deltaY) override;
+    void SendKeyEvent(const EngineKeyEvent& event) override;
+    void CloseBrowser(bool forceClose) override;
+
+    // EngineFrame
+    std::string GetURL() override;
+    void ExecuteJavaScript(const std::string& code, const std::string& scriptUrl, int startLine) override;
+
+private:
+    // Runs fn on the pump thread while the WebKit view exists.
+    template <typename Fn>
+    void OnPump(Fn fn);
+
+    struct wpe_view_backend* Backend() const;
+    uint32_t EventTime() const;
+    void SetUrl(const char* uri);
+    void DoResize();
+    void DoClick(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp, int clickCount);
+    void DoKey(const EngineKeyEvent& event);
+    void DispatchKey(uint32_t keysym, uint32_t hardwareKeyCode, bool pressed, uint32_t modifiers);
+    void DeliverPaint(const void* pixels, int width, int height);
+
+    // Frame pacing: WebKit renders the next frame only after frame_complete.
+    void ScheduleFrameComplete();
+    void DispatchFrameComplete();
+
+    // WebKit and backend callbacks.
+    void OnExportedBuffer(struct wpe_fdo_shm_exported_buffer* buffer);
+    void OnLoadChanged(int loadEvent);
+    bool OnScriptDialog(WebKitScriptDialog* dialog);
+    void OnMouseTargetChanged(WebKitHitTestResult* hit);
+    bool OnUserMessage(WebKitUserMessage* message);
+    void OnPopupRequest(WebKitNavigationAction* action);
+    static void ExportShmBufferThunk(void* data, struct wpe_fdo_shm_exported_buffer* buffer);
+    static void DestroyBackendThunk(gpointer data);
+    static gboolean FrameTimerThunk(gpointer data);
+
+    WebKitEnginePort& m_Port;
+    const int m_nId;
+    EngineClient* const m_pClient;
+    const EngineBrowserSettings m_Settings;
+
+    // Pump-thread state.
+    WebKitWebView* m_pView = nullptr;
+    struct wpe_view_backend_exportable_fdo* m_pExportable = nullptr;
+    GSource* m_pFrameTimer = nullptr;
+    bool m_bClosed = false;
+    bool m_bFramePending = false;
+    int64_t m_nLastFrameComplete = 0; // monotonic microseconds
+    int64_t m_nFramePeriod = 0;       // microseconds
+    std::vector<uint8_t> m_LastImage;
+    int m_nLastWidth = 0;
+    int m_nLastHeight = 0;
+    int m_nCursor = -1;
+    std::set<uint32_t> m_PressedKeys;
+    int64_t m_nLastPressTime = 0;
+    int m_nLastPressX = 0;
+    int m_nLastPressY = 0;
+    uint32_t m_nHeldButtons = 0;
+
+    // The view's URL, readable from any thread. Lock order: a leaf lock.
+    std::mutex m_UrlMutex;
+    std::string m_strUrl;
+};
+
+} // namespace SLF_ChromiumEmbeddedFramework

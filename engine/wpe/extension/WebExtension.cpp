@@ -1,0 +1,86 @@
+// The module every web process of the engine loads. It reads the command
+// line the service made for the process, creates the application object and
+// hands each message from the service to its render-process handler, with
+// the page the message is for as the browser.
+
+#include "engine/port/EnginePort.h"
+#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/extension/WebPageBrowser.h"
+#include "engine/wpe/extension/WebProcessApp.h"
+
+#include <wpe/webkit-web-extension.h>
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <map>
+#include <memory>
+
+using namespace SLF_ChromiumEmbeddedFramework;
+
+namespace {
+
+struct WebProcessState {
+    std::unique_ptr<EngineApp> app;
+    EngineCommandLine switches;
+    // Pages by their identifier; an entry goes with its page.
+    std::map<guint64, std::shared_ptr<WebPageBrowser>> pages;
+};
+
+WebProcessState* g_pState = nullptr;
+
+gboolean OnPageMessage(WebKitWebPage* page, WebKitUserMessage* userMessage, gpointer)
+{
+    if (!g_pState || !g_pState->app)
+        return FALSE;
+    EngineRenderProcessHandler* handler = g_pState->app->GetRenderProcessHandler();
+    if (!handler)
+        return FALSE;
+    auto found = g_pState->pages.find(webkit_web_page_get_id(page));
+    if (found == g_pState->pages.end())
+        return FALSE;
+
+    const char* name = webkit_user_message_get_name(userMessage);
+    std::string error;
+    EngineProcessMessageRef message =
+        ProcessMessageFromVariant(name ? name : "", webkit_user_message_get_parameters(userMessage), error);
+    if (!message) {
+        std::fprintf(stderr, "slf web process %d: message dropped: %s\n", static_cast<int>(getpid()), error.c_str());
+        return TRUE;
+    }
+    return handler->OnProcessMessageReceived(found->second, message) ? TRUE : FALSE;
+}
+
+void OnPageGone(gpointer id, GObject*)
+{
+    if (g_pState)
+        g_pState->pages.erase(*static_cast<guint64*>(id));
+    delete static_cast<guint64*>(id);
+}
+
+void OnPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer)
+{
+    const guint64 id = webkit_web_page_get_id(page);
+    g_pState->pages[id] = std::make_shared<WebPageBrowser>(page);
+    g_object_weak_ref(G_OBJECT(page), OnPageGone, new guint64(id));
+    g_signal_connect(page, "user-message-received", G_CALLBACK(OnPageMessage), nullptr);
+}
+
+} // namespace
+
+extern "C" G_MODULE_EXPORT void webkit_web_extension_initialize_with_user_data(WebKitWebExtension* extension,
+                                                                              const GVariant* userData)
+{
+    if (g_pState)
+        return;
+    g_pState = new WebProcessState();
+
+    ExtensionInitData data = ExtensionInitDataFromVariant(const_cast<GVariant*>(userData));
+    g_pState->switches = data.switches;
+    g_pState->app = CreateWebProcessApp();
+    if (g_pState->app)
+        g_pState->app->OnBeforeCommandLineProcessing(data.processType.empty() ? "renderer" : data.processType,
+                                                     g_pState->switches);
+
+    g_signal_connect(extension, "page-created", G_CALLBACK(OnPageCreated), nullptr);
+}

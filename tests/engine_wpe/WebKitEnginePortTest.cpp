@@ -1,0 +1,325 @@
+// The WebKit engine port against the real engine, on a shipped page with
+// known colours. The engine starts once per process, so one port serves
+// every case of this binary.
+#include "engine/wpe/WebKitEnginePort.h"
+
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace SLF_ChromiumEmbeddedFramework;
+
+namespace {
+
+const std::string kColoursPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_colors.html";
+
+struct Bgra {
+    uint8_t b, g, r, a;
+    bool operator==(const Bgra&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const Bgra& p)
+{
+    return out << "BGRA(" << int(p.b) << "," << int(p.g) << "," << int(p.r) << "," << int(p.a) << ")";
+}
+
+constexpr Bgra kRed{0, 0, 255, 255};
+constexpr Bgra kBlue{255, 0, 0, 255};
+constexpr Bgra kGreen{0, 128, 0, 255};
+constexpr Bgra kMagenta{255, 0, 255, 255};
+constexpr Bgra kGrey{128, 128, 128, 255};
+constexpr Bgra kCyan{255, 255, 0, 255};
+
+// Forces a device scale factor of 1, in the service and in web processes.
+class TestApp : public EngineApp, public EngineBrowserProcessHandler, public EngineRenderProcessHandler {
+public:
+    void OnBeforeCommandLineProcessing(const std::string&, EngineCommandLine& commandLine) override
+    {
+        commandLine.AppendSwitchWithValue("force-device-scale-factor", "1");
+    }
+    void OnBeforeChildProcessLaunch(EngineCommandLine& commandLine) override
+    {
+        commandLine.AppendSwitchWithValue("force-device-scale-factor", "1");
+    }
+    EngineBrowserProcessHandler* GetBrowserProcessHandler() override { return this; }
+    EngineRenderProcessHandler* GetRenderProcessHandler() override { return this; }
+    bool OnProcessMessageReceived(EngineBrowserRef, EngineProcessMessageRef) override { return false; }
+};
+
+// One client per browser; everything runs on the test thread, which pumps.
+class TestClient : public EngineClient,
+                   public EngineRenderHandler,
+                   public EngineLifeSpanHandler,
+                   public EngineLoadHandler {
+public:
+    TestClient(int width, int height) : width(width), height(height) {}
+
+    EngineRenderHandler* GetRenderHandler() override { return this; }
+    EngineLifeSpanHandler* GetLifeSpanHandler() override { return this; }
+    EngineLoadHandler* GetLoadHandler() override { return this; }
+
+    bool GetViewRect(EngineBrowserRef, EngineRect& rect) override
+    {
+        rect = {0, 0, width, height};
+        return true;
+    }
+    void OnPaint(EngineBrowserRef, const void* buffer, int w, int h) override
+    {
+        ++paints;
+        paintWidth = w;
+        paintHeight = h;
+        const auto* bytes = static_cast<const uint8_t*>(buffer);
+        image.assign(bytes, bytes + static_cast<size_t>(w) * h * 4);
+    }
+    void OnCursorChange(EngineBrowserRef, EngineCursorType) override {}
+
+    void OnAfterCreated(EngineBrowserRef created) override
+    {
+        ++createdCount;
+        browser = created;
+    }
+    void OnBeforeClose(EngineBrowserRef) override { ++closedCount; }
+    bool OnBeforePopup(EngineBrowserRef, const std::string& targetUrl) override
+    {
+        popups.push_back(targetUrl);
+        return true;
+    }
+
+    void OnLoadStart(EngineBrowserRef, EngineFrameRef) override {}
+    void OnLoadEnd(EngineBrowserRef, EngineFrameRef, int status) override { loadEndStatus = status; }
+
+    bool OnProcessMessageReceived(EngineBrowserRef, EngineProcessMessageRef message) override
+    {
+        if (message->GetName() != "SlfCef_Response_GetRenderProcessId")
+            return false;
+        if (message->HasArgumentList() && !message->Arguments()->empty()) {
+            if (const int* pid = std::get_if<int>(&message->Arguments()->at(0)))
+                renderProcessId = *pid;
+        }
+        return true;
+    }
+
+    Bgra Pixel(int x, int y) const
+    {
+        const size_t at = (static_cast<size_t>(y) * paintWidth + x) * 4;
+        if (at + 3 >= image.size())
+            return {0, 0, 0, 0};
+        return {image[at], image[at + 1], image[at + 2], image[at + 3]};
+    }
+
+    int width;
+    int height;
+    EngineBrowserRef browser;
+    int createdCount = 0;
+    int closedCount = 0;
+    int paints = 0;
+    int paintWidth = 0;
+    int paintHeight = 0;
+    int loadEndStatus = -1;
+    int renderProcessId = 0;
+    std::vector<uint8_t> image;
+    std::vector<std::string> popups;
+};
+
+bool ProcessRuns(int pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    if (!std::getline(stat, line))
+        return false;
+    const size_t close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
+}
+
+class WebKitEnginePortTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        s_pPort = new WebKitEnginePort();
+        EngineSettings settings;
+        settings.no_sandbox = true;
+        settings.windowless_rendering_enabled = true;
+        s_bInitialized = s_pPort->Initialize(settings, &s_App);
+    }
+    static void TearDownTestSuite()
+    {
+        if (s_bInitialized) {
+            s_pPort->Shutdown();
+            EXPECT_FALSE(s_pPort->Initialize(EngineSettings(), &s_App)) << "initialised again after shutdown";
+            EXPECT_TRUE(WebKitEnginePort::RunningEngineProcesses().empty());
+        }
+        // The engine keeps references to the port's context; the port stays.
+    }
+    void SetUp() override { ASSERT_TRUE(s_bInitialized) << "the engine did not start"; }
+
+    bool PumpUntil(const std::function<bool()>& done, int timeoutMs = 20000)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
+            s_pPort->DoMessageLoopWork();
+            usleep(1000);
+        }
+        return true;
+    }
+
+    void Pump(int milliseconds)
+    {
+        PumpUntil([] { return false; }, milliseconds);
+    }
+
+    // Creates a browser on the colours page and waits for its first painted
+    // frame with the page's content.
+    void Open(TestClient& client, int frameRate = 30)
+    {
+        EngineWindowInfo windowInfo;
+        windowInfo.SetAsWindowless(nullptr);
+        EngineBrowserSettings settings;
+        settings.windowless_frame_rate = frameRate;
+        ASSERT_TRUE(s_pPort->CreateBrowser(windowInfo, &client, kColoursPage, settings));
+        ASSERT_TRUE(PumpUntil([&] { return client.browser != nullptr; })) << "no OnAfterCreated";
+        ASSERT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == kRed; }))
+            << "page never painted; last pixel " << client.Pixel(25, 25);
+    }
+
+    static inline WebKitEnginePort* s_pPort = nullptr;
+    static inline bool s_bInitialized = false;
+    static inline TestApp s_App;
+};
+
+TEST_F(WebKitEnginePortTest, PaintsPageColoursKeepsTransparencyAndRefusesPopups)
+{
+    TestClient client(200, 100);
+    Open(client);
+
+    EXPECT_GT(client.browser->GetIdentifier(), 0);
+    EXPECT_EQ(client.paintWidth, 200);
+    EXPECT_EQ(client.paintHeight, 100);
+    EXPECT_EQ(client.image.size(), 200u * 100u * 4u);
+    EXPECT_EQ(client.Pixel(25, 25), kRed);
+    EXPECT_EQ(client.Pixel(75, 25), kBlue) << "devicePixelRatio is not 1";
+    EXPECT_EQ(client.Pixel(125, 25), kGreen);
+    EXPECT_EQ(client.Pixel(175, 25), kGrey);
+    EXPECT_EQ(client.Pixel(100, 75).a, 0) << "the transparent background got painted";
+    EXPECT_EQ(client.Pixel(199, 99).a, 0);
+
+    ASSERT_TRUE(PumpUntil([&] { return client.loadEndStatus >= 0; }));
+    EXPECT_EQ(client.loadEndStatus, 200);
+    EXPECT_EQ(client.browser->GetMainFrame()->GetURL(), kColoursPage);
+
+    // The page's window.open reached the popup handler and made no browser.
+    ASSERT_TRUE(PumpUntil([&] { return !client.popups.empty(); }));
+    EXPECT_EQ(client.popups.front(), "about:blank");
+    Pump(300);
+    EXPECT_EQ(client.createdCount, 1);
+
+    // A repaint request delivers the last image again.
+    const int paints = client.paints;
+    client.browser->GetHost()->Invalidate();
+    ASSERT_TRUE(PumpUntil([&] { return client.paints > paints; }));
+    EXPECT_EQ(client.Pixel(25, 25), kRed);
+}
+
+TEST_F(WebKitEnginePortTest, TwoBrowsersResizeAndTakeInputFromOtherThreads)
+{
+    TestClient first(200, 100);
+    TestClient second(200, 60);
+    Open(first);
+    Open(second, 60);
+    EXPECT_NE(first.browser->GetIdentifier(), second.browser->GetIdentifier());
+    EXPECT_EQ(second.paintHeight, 60);
+
+    // Resize: the next frames have the new size and the same content.
+    first.width = 300;
+    first.height = 150;
+    first.browser->GetHost()->WasResized();
+    ASSERT_TRUE(PumpUntil([&] { return first.paintWidth == 300 && first.paintHeight == 150; }));
+    EXPECT_EQ(first.image.size(), 300u * 150u * 4u);
+    EXPECT_EQ(first.Pixel(25, 25), kRed);
+    EXPECT_EQ(first.Pixel(250, 120).a, 0);
+
+    // Input arrives from a thread other than the pump thread, as the
+    // service's connection threads send it.
+    EngineBrowserHostRef host = second.browser->GetHost();
+    std::thread sender([host] {
+        EngineMouseEvent event;
+        event.x = 10;
+        event.y = 55;
+        host->SendMouseMoveEvent(event, false);
+        event.modifiers = EVENTFLAG_LEFT_MOUSE_BUTTON;
+        host->SendMouseClickEvent(event, MBT_LEFT, false, 1);
+        event.modifiers = 0;
+        host->SendMouseClickEvent(event, MBT_LEFT, true, 1);
+
+        EngineKeyEvent key;
+        key.type = KEYEVENT_RAWKEYDOWN;
+        key.windows_key_code = 'A';
+        host->SendKeyEvent(key);
+        key.type = KEYEVENT_KEYUP;
+        host->SendKeyEvent(key);
+    });
+    sender.join();
+    EXPECT_TRUE(PumpUntil([&] { return second.Pixel(125, 25) == kMagenta; }))
+        << "click not seen; pixel " << second.Pixel(125, 25);
+    EXPECT_TRUE(PumpUntil([&] { return second.Pixel(175, 25) == kCyan; }))
+        << "key not seen; pixel " << second.Pixel(175, 25);
+    // The other browser saw none of it.
+    EXPECT_EQ(first.Pixel(125, 25), kGreen);
+    EXPECT_EQ(first.Pixel(175, 25), kGrey);
+}
+
+TEST_F(WebKitEnginePortTest, RenderProcessAnswersItsIdAndEndsWhenTheBrowserCloses)
+{
+    TestClient client(120, 60);
+    Open(client);
+
+    client.browser->SendProcessMessage(EngineProcessMessage::Create("SlfCef_Request_GetRenderProcessId"));
+    ASSERT_TRUE(PumpUntil([&] { return client.renderProcessId != 0; })) << "no answer from the web process";
+    const int pid = client.renderProcessId;
+    EXPECT_NE(pid, getpid());
+    EXPECT_TRUE(ProcessRuns(pid)) << "pid " << pid << " is not a live process";
+
+    EngineBrowserRef browser = client.browser;
+    browser->GetHost()->CloseBrowser(true);
+    ASSERT_TRUE(PumpUntil([&] { return client.closedCount == 1; })) << "no OnBeforeClose";
+    EXPECT_TRUE(PumpUntil([&] { return !ProcessRuns(pid); })) << "web process " << pid << " still runs";
+
+    // A closed browser ignores further calls.
+    const int paints = client.paints;
+    browser->GetHost()->Invalidate();
+    browser->GetHost()->CloseBrowser(true);
+    browser->GetMainFrame()->ExecuteJavaScript("1", "", 0);
+    Pump(200);
+    EXPECT_EQ(client.paints, paints);
+    EXPECT_EQ(client.closedCount, 1);
+}
+
+TEST_F(WebKitEnginePortTest, EngineStartsOncePerProcess)
+{
+    EXPECT_FALSE(s_pPort->Initialize(EngineSettings(), &s_App));
+    bool fromOtherThread = true;
+    std::thread other([&] {
+        WebKitEnginePort another;
+        fromOtherThread = another.Initialize(EngineSettings(), nullptr);
+    });
+    other.join();
+    EXPECT_FALSE(fromOtherThread);
+
+    // The pump ignores calls from threads other than its own.
+    std::thread pumper([] { s_pPort->DoMessageLoopWork(); });
+    pumper.join();
+
+    TestClient client(10, 10);
+    EXPECT_FALSE(s_pPort->CreateBrowser(EngineWindowInfo(), nullptr, kColoursPage, EngineBrowserSettings()));
+}
+
+} // namespace
