@@ -1,0 +1,163 @@
+#include "audio_transport/NVKXPCAudioBuffer.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "audio_transport/NVKXPCAudioBufferPool.h"
+#include "audio_transport/NVKXPCRecord.h"
+#include "dbg/NSLog.h"
+
+namespace {
+
+// Lines of the transport's assertion reports; the host's crash reports have
+// always shown these numbers.
+constexpr int kAppendBytesAssertLine = 131;
+constexpr int kAppendDataAssertLine = 141;
+constexpr int kReturnToPoolAssertLine = 164;
+
+} // namespace
+
+void NVKXPCAudioBufferAssertionFailure(const char* method, const char* expression, int line)
+{
+    fprintf(stderr, "*** Assertion failure in %s, NVKXPCAudioBuffer:%d: %s\n", method, line, expression);
+    fflush(stderr);
+    abort();
+}
+
+NVKXPCAudioBuffer::NVKXPCAudioBuffer(void* base, uint64_t offset, uint64_t capacity)
+    : m_mappedMemory(base)
+    , m_offset(offset)
+    , m_shmemSize(capacity)
+{
+}
+
+std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBuffer::initWithBuffer(void* base, uint64_t offset, uint64_t capacity)
+{
+    return std::shared_ptr<NVKXPCAudioBuffer>(new NVKXPCAudioBuffer(base, offset, capacity));
+}
+
+NVKXPCAudioBuffer::~NVKXPCAudioBuffer()
+{
+    m_mappedMemory = nullptr;
+    // Nobody else can see the buffer any more: no lock needed.
+    if (m_hasReturnBlock.load(std::memory_order_acquire) && m_returnBlock) {
+        ReturnBlock block = std::move(m_returnBlock);
+        block();
+    }
+}
+
+std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBuffer::initWithRecord(GVariant* record)
+{
+    NVKXPCRecordReader reader(record);
+    if (!reader.valid())
+        return nullptr;
+    // The empty dictionary stands for "no buffer": not worth a log line.
+    if (reader.empty())
+        return nullptr;
+
+    uint64_t shmemSize = 0;
+    uint64_t length = 0;
+    uint64_t offset = 0;
+    int64_t sampleRate = 0;
+    int64_t channelCount = 0;
+    int64_t bitsPerSample = 0;
+    if (!reader.readUnsigned("NVKShmemSize", &shmemSize) || !reader.readUnsigned("NVKLength", &length)
+        || !reader.readUnsigned("NVKOffset", &offset) || !reader.readSigned("NVKSampleRate", &sampleRate)
+        || !reader.readSigned("NVKChannelCount", &channelCount)
+        || !reader.readSigned("NVKBitsPerSample", &bitsPerSample)) {
+        NSLog("NVKXPCAudioBuffer initWithRecord - Refused a buffer record with a missing or mistyped key");
+        return nullptr;
+    }
+    if (shmemSize == 0 || shmemSize > kNVKXPCAudioBufferMaxSlotSize) {
+        NSLog("NVKXPCAudioBuffer initWithRecord - Refused a buffer record with a slot size of %llu bytes",
+              static_cast<unsigned long long>(shmemSize));
+        return nullptr;
+    }
+
+    auto buffer = std::shared_ptr<NVKXPCAudioBuffer>(new NVKXPCAudioBuffer(nullptr, offset, shmemSize));
+    buffer->m_length = length > shmemSize ? shmemSize : length;
+    buffer->m_sampleRate = sampleRate;
+    buffer->m_channelCount = channelCount;
+    buffer->m_bitsPerSample = bitsPerSample;
+    return buffer;
+}
+
+GVariant* NVKXPCAudioBuffer::encodeRecord() const
+{
+    NVKXPCRecordWriter writer;
+    writer.addUnsigned("NVKShmemSize", m_shmemSize);
+    writer.addUnsigned("NVKLength", m_length);
+    writer.addUnsigned("NVKOffset", m_offset);
+    writer.addSigned("NVKSampleRate", m_sampleRate);
+    writer.addSigned("NVKChannelCount", m_channelCount);
+    writer.addSigned("NVKBitsPerSample", m_bitsPerSample);
+    return writer.finish();
+}
+
+const void* NVKXPCAudioBuffer::bytes() const
+{
+    // Integer arithmetic: before the mapping is set this is `offset` taken as
+    // an address, never a pointer derived from null.
+    return reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(m_mappedMemory) + m_offset);
+}
+
+void* NVKXPCAudioBuffer::mutableBytes() const
+{
+    if (hasReturnBlock())
+        return nullptr;
+    return reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(m_mappedMemory) + m_offset);
+}
+
+void NVKXPCAudioBuffer::appendBytes(const void* source, uint64_t length)
+{
+    if (hasReturnBlock())
+        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::appendBytes", "_returnBlock == nil", kAppendBytesAssertLine);
+    uint64_t n = length;
+    if (n > m_shmemSize - m_length)
+        n = m_shmemSize - m_length;
+    if (n == 0)
+        return;
+    memcpy(static_cast<uint8_t*>(m_mappedMemory) + m_offset + m_length, source, n);
+    m_length += n;
+}
+
+void NVKXPCAudioBuffer::appendData(std::span<const uint8_t> data)
+{
+    if (hasReturnBlock())
+        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::appendData", "_returnBlock == nil", kAppendDataAssertLine);
+    uint64_t n = data.size();
+    if (n > m_shmemSize - m_length)
+        n = m_shmemSize - m_length;
+    if (n == 0)
+        return;
+    memcpy(static_cast<uint8_t*>(m_mappedMemory) + m_offset + m_length, data.data(), n);
+    m_length += n;
+}
+
+void NVKXPCAudioBuffer::returnToPool()
+{
+    if (hasReturnBlock())
+        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::returnToPool", "_returnBlock == nil", kReturnToPoolAssertLine);
+    std::shared_ptr<NVKXPCAudioBufferPool> pool = m_owningPool.lock();
+    if (pool)
+        pool->returnBuffer(shared_from_this());
+}
+
+NVKXPCAudioBuffer::ReturnBlock NVKXPCAudioBuffer::returnBlock() const
+{
+    std::lock_guard<std::mutex> lock(m_returnBlockLock);
+    return m_returnBlock;
+}
+
+void NVKXPCAudioBuffer::setReturnBlock(ReturnBlock block)
+{
+    ReturnBlock previous;
+    {
+        std::lock_guard<std::mutex> lock(m_returnBlockLock);
+        previous = std::move(m_returnBlock);
+        m_returnBlock = std::move(block);
+        m_hasReturnBlock.store(static_cast<bool>(m_returnBlock), std::memory_order_release);
+    }
+    // `previous` (and whatever its captures hold) is released here, unlocked.
+}

@@ -1,0 +1,296 @@
+#include "audio_transport/NVKXPCAudioBufferPool.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "audio_transport/NVKXPCRecord.h"
+#include "dbg/NSLog.h"
+
+namespace {
+
+// Line of the assertion report for receivedBuffer on the sending side.
+constexpr int kReceivedBufferAssertLine = 357;
+
+constexpr char kSegmentNamePrefix[] = "NVKXPCABN_";
+
+bool sizesAreAcceptable(uint64_t bufferSize, uint64_t count)
+{
+    return bufferSize > 0 && bufferSize <= kNVKXPCAudioBufferMaxSlotSize && count > 0
+        && count <= kNVKXPCAudioBufferMaxSlotCount;
+}
+
+} // namespace
+
+NVKXPCAudioBufferPool::NVKXPCAudioBufferPool(uint64_t bufferSize, uint64_t count)
+    : m_shmemSize(bufferSize * count)
+    , m_freeBuffers(static_cast<uint32_t>(count))
+    , m_maxNumBuffers(count)
+    , m_bufferSize(bufferSize)
+{
+}
+
+bool NVKXPCAudioBufferPool::isValidSegmentName(const std::string& name)
+{
+    // "NVKXPCABN_" and a pointer as printf's %p writes it: 0x and hex digits.
+    const size_t prefixLength = sizeof kSegmentNamePrefix - 1;
+    if (name.compare(0, prefixLength, kSegmentNamePrefix) != 0)
+        return false;
+    const std::string address = name.substr(prefixLength);
+    if (address.size() < 3 || address.size() > 18 || address[0] != '0' || address[1] != 'x')
+        return false;
+    for (size_t i = 2; i < address.size(); ++i) {
+        if (!g_ascii_isxdigit(address[i]))
+            return false;
+    }
+    return true;
+}
+
+std::shared_ptr<NVKXPCAudioBufferPool> NVKXPCAudioBufferPool::initWithBufferSize(uint64_t bufferSize, uint64_t count)
+{
+    if (!sizesAreAcceptable(bufferSize, count)) {
+        NSLog("NVKXPCAudioBufferPool initWithBufferSize - Refused a pool of %llu slots of %llu bytes",
+              static_cast<unsigned long long>(count), static_cast<unsigned long long>(bufferSize));
+        return nullptr;
+    }
+    std::shared_ptr<NVKXPCAudioBufferPool> pool(new NVKXPCAudioBufferPool(bufferSize, count));
+    pool->m_buffersInUse.resize(count);
+    char name[64];
+    snprintf(name, sizeof name, "%s%p", kSegmentNamePrefix, static_cast<void*>(pool.get()));
+    pool->m_shmemName = name;
+    pool->m_shmemFD = -1;
+    if (!pool->nvk_createShMemAndReturnSuccess())
+        return nullptr;
+
+    for (uint64_t i = 0; i < count; ++i) {
+        auto buffer = NVKXPCAudioBuffer::initWithBuffer(pool->m_mappedMemory, i * bufferSize, bufferSize);
+        buffer->setOwningPool(pool);
+        pool->m_freeBuffers.Enqueue(std::move(buffer));
+    }
+    return pool;
+}
+
+bool NVKXPCAudioBufferPool::nvk_createShMemAndReturnSuccess()
+{
+    m_isXPCService = true;
+    int fd = shm_open(m_shmemName.c_str(), O_RDWR | O_CREAT, 0666);
+    if (fd == -1) {
+        NSLog("Couldn't shm_open: %d", errno);
+        return false;
+    }
+    m_shmemFD = fd;
+    int truncated = ftruncate(fd, static_cast<off_t>(m_shmemSize));
+    (void)truncated; // a short segment shows up as a failed or faulting mapping, as it always has
+    void* memory = mmap(nullptr, m_shmemSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    // The mapping keeps the segment alive; the descriptor is not needed any
+    // more. Its stale number stays in m_shmemFD.
+    close(fd);
+    if (memory == MAP_FAILED) {
+        shm_unlink(m_shmemName.c_str());
+        m_shmemFD = -1;
+        NSLog("Couldn't mmap: %d", errno);
+        return false;
+    }
+    m_mappedMemory = memory;
+    return true;
+}
+
+std::shared_ptr<NVKXPCAudioBufferPool> NVKXPCAudioBufferPool::initWithRecord(GVariant* record)
+{
+    NVKXPCRecordReader reader(record);
+    int64_t sampleRate = 0;
+    int64_t channelCount = 0;
+    int64_t bitsPerSample = 0;
+    uint64_t bufferSize = 0;
+    uint64_t count = 0;
+    std::string name;
+    if (!reader.readSigned("NVKBufferSampleRate", &sampleRate)
+        || !reader.readSigned("NVKBufferChannelCount", &channelCount)
+        || !reader.readSigned("NVKBufferBitsPerSample", &bitsPerSample)
+        || !reader.readUnsigned("NVKBufferCapacity", &bufferSize) || !reader.readUnsigned("NVKMaxNumBuffers", &count)
+        || !reader.readString("NVKShmemName", &name)) {
+        NSLog("NVKXPCAudioBufferPool initWithRecord - Refused a pool record with a missing or mistyped key");
+        return nullptr;
+    }
+    if (!sizesAreAcceptable(bufferSize, count)) {
+        NSLog("NVKXPCAudioBufferPool initWithRecord - Refused a pool record of %llu slots of %llu bytes",
+              static_cast<unsigned long long>(count), static_cast<unsigned long long>(bufferSize));
+        return nullptr;
+    }
+    if (!isValidSegmentName(name)) {
+        NSLog("NVKXPCAudioBufferPool initWithRecord - Refused a pool record with the segment name \"%s\"",
+              name.c_str());
+        return nullptr;
+    }
+
+    std::shared_ptr<NVKXPCAudioBufferPool> pool(new NVKXPCAudioBufferPool(bufferSize, count));
+    pool->m_sampleRate = sampleRate;
+    pool->m_channelCount = channelCount;
+    pool->m_bitsPerSample = bitsPerSample;
+    pool->m_shmemName = std::move(name);
+    pool->m_shmemFD = -1;
+    if (!pool->nvk_openShMemAndReturnSuccess())
+        return nullptr;
+    // No buffers yet: they arrive one by one.
+    return pool;
+}
+
+bool NVKXPCAudioBufferPool::nvk_openShMemAndReturnSuccess()
+{
+    m_isXPCService = false;
+    int fd = shm_open(m_shmemName.c_str(), O_RDONLY, 0600);
+    if (fd == -1) {
+        NSLog("Couldn't shm_open: %d", errno);
+        return false;
+    }
+    m_shmemFD = fd;
+
+    // A segment shorter than its record says would make reads of the last
+    // slots fault: refuse it. The name is left alone, it may well belong to a
+    // healthy pool that this record merely describes wrongly.
+    struct stat status;
+    if (fstat(fd, &status) != 0 || status.st_size < 0 || static_cast<uint64_t>(status.st_size) < m_shmemSize) {
+        close(fd);
+        m_shmemFD = -1;
+        NSLog("NVKXPCAudioBufferPool - Shared memory segment %s is smaller than %llu bytes", m_shmemName.c_str(),
+              static_cast<unsigned long long>(m_shmemSize));
+        return false;
+    }
+
+    void* memory = mmap(nullptr, m_shmemSize, PROT_READ, MAP_SHARED, fd, 0);
+    if (memory == MAP_FAILED) {
+        shm_unlink(m_shmemName.c_str());
+        int mapError = errno;
+        close(fd);
+        m_shmemFD = -1;
+        NSLog("Couldn't mmap: %d", mapError);
+        return false;
+    }
+    m_mappedMemory = memory;
+    return true;
+}
+
+GVariant* NVKXPCAudioBufferPool::encodeRecord() const
+{
+    NVKXPCRecordWriter writer;
+    writer.addSigned("NVKBufferBitsPerSample", m_bitsPerSample);
+    writer.addSigned("NVKBufferChannelCount", m_channelCount);
+    writer.addSigned("NVKBufferSampleRate", m_sampleRate);
+    writer.addUnsigned("NVKBufferCapacity", m_bufferSize);
+    writer.addUnsigned("NVKMaxNumBuffers", m_maxNumBuffers);
+    writer.addString("NVKShmemName", m_shmemName.c_str());
+    return writer.finish();
+}
+
+NVKXPCAudioBufferPool::~NVKXPCAudioBufferPool()
+{
+    if (m_mappedMemory) {
+        munmap(m_mappedMemory, m_shmemSize);
+        m_mappedMemory = nullptr;
+    }
+    // Only the receiving side unlinks: the creating side's name goes away
+    // when the receiver that opened it lets go (or when its mapping failed).
+    if (!m_isXPCService && m_shmemFD >= 0) {
+        shm_unlink(m_shmemName.c_str());
+        // The receiving side's descriptor is closed too, so that a host that
+        // sees many streams does not run out of descriptors.
+        close(m_shmemFD);
+    }
+    m_shmemFD = -1;
+    // The queued buffers go now: received ones that were never taken run
+    // their return blocks, so the sender gets those slots back.
+    m_freeBuffers.Clear();
+}
+
+bool NVKXPCAudioBufferPool::ownsBuffer(const NVKXPCAudioBuffer& buffer) const
+{
+    return buffer.mappedMemory() == m_mappedMemory && buffer.offset() % m_bufferSize == 0
+        && buffer.offset() / m_bufferSize < m_maxNumBuffers;
+}
+
+std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBufferPool::bufferFromPool()
+{
+    std::shared_ptr<NVKXPCAudioBuffer> buffer = m_freeBuffers.Dequeue();
+    if (m_isXPCService && buffer) {
+        buffer->setLength(0);
+        buffer->setBitsPerSample(m_bitsPerSample);
+        buffer->setSampleRate(m_sampleRate);
+        buffer->setChannelCount(m_channelCount);
+        std::lock_guard<std::recursive_mutex> lock(m_buffersInUseLock);
+        std::shared_ptr<NVKXPCAudioBuffer>& entry = m_buffersInUse[buffer->offset() / m_bufferSize];
+        if (!entry) {
+            entry = buffer;
+            ++m_buffersInUseCount;
+        }
+    }
+    return buffer;
+}
+
+void NVKXPCAudioBufferPool::returnBuffer(const std::shared_ptr<NVKXPCAudioBuffer>& buffer)
+{
+    if (!m_isXPCService) {
+        NSLog("Asked to return a buffer to a client's pool. Did you forget to set the returnBlock?");
+        return;
+    }
+    // Only slots of this pool's own segment can come back here.
+    if (!buffer || !ownsBuffer(*buffer))
+        return;
+    std::shared_ptr<NVKXPCAudioBuffer> removed;
+    {
+        std::lock_guard<std::recursive_mutex> lock(m_buffersInUseLock);
+        std::shared_ptr<NVKXPCAudioBuffer>& entry = m_buffersInUse[buffer->offset() / m_bufferSize];
+        if (entry) {
+            removed = std::move(entry);
+            --m_buffersInUseCount;
+        }
+    }
+    m_freeBuffers.Enqueue(buffer);
+}
+
+bool NVKXPCAudioBufferPool::receivedBuffer(const std::shared_ptr<NVKXPCAudioBuffer>& buffer, ReturnBlock returnBlock)
+{
+    if (m_isXPCService)
+        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBufferPool::receivedBuffer", "!isXPCService",
+                                          kReceivedBufferAssertLine);
+    if (!buffer)
+        return false;
+    // The slot must lie inside this process's mapping, whatever the record said.
+    if (buffer->offset() > m_shmemSize || buffer->capacity() > m_shmemSize - buffer->offset()) {
+        NSLog("NVKXPCAudioBufferPool receivedBuffer - Refused a buffer of %llu bytes at offset %llu in a segment of "
+              "%llu bytes",
+              static_cast<unsigned long long>(buffer->capacity()), static_cast<unsigned long long>(buffer->offset()),
+              static_cast<unsigned long long>(m_shmemSize));
+        return false;
+    }
+    if (buffer->hasReturnBlock()) {
+        NSLog("NVKXPCAudioBufferPool receivedBuffer - Refused a buffer that was received before");
+        return false;
+    }
+    buffer->setOwningPool(shared_from_this());
+    buffer->setReturnBlock(std::move(returnBlock));
+    buffer->setMappedMemory(m_mappedMemory);
+    return m_freeBuffers.Enqueue(buffer);
+}
+
+uint64_t NVKXPCAudioBufferPool::usedBufferCount()
+{
+    m_buffersInUseLock.lock();
+    uint64_t count = m_buffersInUseCount;
+    m_buffersInUseLock.lock();
+    return count;
+}
+
+std::vector<std::shared_ptr<NVKXPCAudioBuffer>> NVKXPCAudioBufferPool::buffersInUse() const
+{
+    std::vector<std::shared_ptr<NVKXPCAudioBuffer>> copy;
+    std::lock_guard<std::recursive_mutex> lock(m_buffersInUseLock);
+    copy.reserve(m_buffersInUseCount);
+    for (const auto& entry : m_buffersInUse) {
+        if (entry)
+            copy.push_back(entry);
+    }
+    return copy;
+}
