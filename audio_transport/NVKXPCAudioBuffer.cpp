@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "audio_transport/NVKXPCAudioBufferPool.h"
 #include "audio_transport/NVKXPCRecord.h"
@@ -15,6 +16,68 @@ namespace {
 constexpr int kAppendBytesAssertLine = 131;
 constexpr int kAppendDataAssertLine = 141;
 constexpr int kReturnToPoolAssertLine = 164;
+
+// The buffer record, in the order it is written.
+constexpr const char* kRecordKeys[] = {"NVKShmemSize", "NVKLength", "NVKOffset",
+                                       "NVKSampleRate", "NVKChannelCount", "NVKBitsPerSample"};
+constexpr int kRecordFields = 6;
+
+GVariant* WriteRecord(const uint64_t (&values)[kRecordFields])
+{
+    NVKXPCRecordWriter writer;
+    for (int i = 0; i < 3; ++i)
+        writer.addUnsigned(kRecordKeys[i], values[i]);
+    for (int i = 3; i < kRecordFields; ++i)
+        writer.addSigned(kRecordKeys[i], static_cast<int64_t>(values[i]));
+    return writer.finish();
+}
+
+// A buffer record is sent for every block of audio. Its shape never changes:
+// the same six keys, each with an 8-byte integer. So GLib serialises it once,
+// with marker values, and every later record is that byte image with the six
+// values written over the markers: three allocations instead of dozens.
+struct BufferRecordImage {
+    // The marker record itself stays alive for the whole process: it keeps
+    // GLib's type information for a{sv} cached, which would otherwise be made
+    // and freed again with every record.
+    GVariant* typeKeeper = nullptr;
+    std::vector<uint8_t> bytes;
+    size_t valueOffsets[kRecordFields] = {};
+    bool usable = false;
+};
+
+BufferRecordImage MakeBufferRecordImage()
+{
+    BufferRecordImage image;
+    uint64_t markers[kRecordFields];
+    for (int i = 0; i < kRecordFields; ++i)
+        markers[i] = 0x5AC3E1F00D0B7E00ull + static_cast<uint64_t>(i + 1) * 0x0100000000000011ull;
+    GVariant* record = g_variant_ref_sink(WriteRecord(markers));
+    const uint8_t* data = static_cast<const uint8_t*>(g_variant_get_data(record));
+    image.bytes.assign(data, data + g_variant_get_size(record));
+    image.typeKeeper = record;
+
+    image.usable = true;
+    for (int i = 0; i < kRecordFields && image.usable; ++i) {
+        int found = 0;
+        for (size_t at = 0; at + sizeof markers[i] <= image.bytes.size(); at += 8) {
+            if (memcmp(image.bytes.data() + at, &markers[i], sizeof markers[i]) == 0) {
+                image.valueOffsets[i] = at;
+                ++found;
+            }
+        }
+        // Each marker must sit at exactly one aligned place, or the image is
+        // not used and records are built entry by entry.
+        image.usable = found == 1;
+    }
+    return image;
+}
+
+const BufferRecordImage& TheBufferRecordImage()
+{
+    static const BufferRecordImage image = MakeBufferRecordImage();
+    return image;
+}
 
 } // namespace
 
@@ -85,14 +148,21 @@ std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBuffer::initWithRecord(GVariant* r
 
 GVariant* NVKXPCAudioBuffer::encodeRecord() const
 {
-    NVKXPCRecordWriter writer;
-    writer.addUnsigned("NVKShmemSize", m_shmemSize);
-    writer.addUnsigned("NVKLength", m_length);
-    writer.addUnsigned("NVKOffset", m_offset);
-    writer.addSigned("NVKSampleRate", m_sampleRate);
-    writer.addSigned("NVKChannelCount", m_channelCount);
-    writer.addSigned("NVKBitsPerSample", m_bitsPerSample);
-    return writer.finish();
+    const uint64_t values[kRecordFields] = {m_shmemSize,
+                                            m_length,
+                                            m_offset,
+                                            static_cast<uint64_t>(m_sampleRate),
+                                            static_cast<uint64_t>(m_channelCount),
+                                            static_cast<uint64_t>(m_bitsPerSample)};
+    const BufferRecordImage& image = TheBufferRecordImage();
+    if (!image.usable)
+        return WriteRecord(values);
+    // g_malloc's memory is aligned for any GVariant value.
+    uint8_t* data = static_cast<uint8_t*>(g_malloc(image.bytes.size()));
+    memcpy(data, image.bytes.data(), image.bytes.size());
+    for (int i = 0; i < kRecordFields; ++i)
+        memcpy(data + image.valueOffsets[i], &values[i], sizeof values[i]);
+    return g_variant_new_from_data(G_VARIANT_TYPE_VARDICT, data, image.bytes.size(), TRUE, g_free, data);
 }
 
 const void* NVKXPCAudioBuffer::bytes() const

@@ -136,6 +136,42 @@ TEST(NVKXPCAudioBuffer, RecordRoundTripsAndDecodingIsStrict)
     g_variant_unref(record);
 }
 
+TEST(NVKXPCAudioBuffer, RecordIsTheSameAsOneBuiltEntryByEntry)
+{
+    std::vector<uint8_t> segment(16);
+    const struct {
+        uint64_t offset, capacity, length;
+        int64_t rate, channels, bits;
+    } cases[] = {{0, 16, 0, 0, 0, 0},
+                 {3840 * 199, 3840, 3000, 48000, 2, 16},
+                 {UINT64_MAX, UINT64_MAX, UINT64_MAX, INT64_MIN, -1, INT64_MAX}};
+    for (const auto& c : cases) {
+        auto buffer = NVKXPCAudioBuffer::initWithBuffer(segment.data(), c.offset, c.capacity);
+        buffer->setLength(c.length);
+        buffer->setSampleRate(c.rate);
+        buffer->setChannelCount(c.channels);
+        buffer->setBitsPerSample(c.bits);
+        GVariant* encoded = g_variant_ref_sink(buffer->encodeRecord());
+
+        GVariantBuilder builder;
+        g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
+        g_variant_builder_add(&builder, "{sv}", "NVKShmemSize", g_variant_new_uint64(c.capacity));
+        g_variant_builder_add(&builder, "{sv}", "NVKLength", g_variant_new_uint64(c.length));
+        g_variant_builder_add(&builder, "{sv}", "NVKOffset", g_variant_new_uint64(c.offset));
+        g_variant_builder_add(&builder, "{sv}", "NVKSampleRate", g_variant_new_int64(c.rate));
+        g_variant_builder_add(&builder, "{sv}", "NVKChannelCount", g_variant_new_int64(c.channels));
+        g_variant_builder_add(&builder, "{sv}", "NVKBitsPerSample", g_variant_new_int64(c.bits));
+        GVariant* expected = g_variant_ref_sink(g_variant_builder_end(&builder));
+
+        EXPECT_TRUE(g_variant_is_normal_form(encoded));
+        ASSERT_EQ(g_variant_get_size(encoded), g_variant_get_size(expected));
+        EXPECT_EQ(memcmp(g_variant_get_data(encoded), g_variant_get_data(expected), g_variant_get_size(expected)), 0);
+        EXPECT_TRUE(g_variant_equal(encoded, expected));
+        g_variant_unref(expected);
+        g_variant_unref(encoded);
+    }
+}
+
 TEST(NVKXPCAudioBuffer, ReturnBlockRunsOnceWhenTheLastReferenceGoes)
 {
     int runs = 0;
