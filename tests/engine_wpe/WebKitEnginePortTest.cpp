@@ -20,6 +20,7 @@ using namespace SLF_ChromiumEmbeddedFramework;
 namespace {
 
 const std::string kColoursPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_colors.html";
+const std::string kEventsPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_events.html";
 
 struct Bgra {
     uint8_t b, g, r, a;
@@ -37,6 +38,9 @@ constexpr Bgra kGreen{0, 128, 0, 255};
 constexpr Bgra kMagenta{255, 0, 255, 255};
 constexpr Bgra kGrey{128, 128, 128, 255};
 constexpr Bgra kCyan{255, 255, 0, 255};
+constexpr Bgra kLime{0, 255, 0, 255};
+constexpr Bgra kYellow{0, 255, 255, 255};
+constexpr Bgra kOrange{0, 128, 255, 255};
 
 // Forces a device scale factor of 1, in the service and in web processes.
 class TestApp : public EngineApp, public EngineBrowserProcessHandler, public EngineRenderProcessHandler {
@@ -58,13 +62,15 @@ public:
 class TestClient : public EngineClient,
                    public EngineRenderHandler,
                    public EngineLifeSpanHandler,
-                   public EngineLoadHandler {
+                   public EngineLoadHandler,
+                   public EngineJSDialogHandler {
 public:
     TestClient(int width, int height) : width(width), height(height) {}
 
     EngineRenderHandler* GetRenderHandler() override { return this; }
     EngineLifeSpanHandler* GetLifeSpanHandler() override { return this; }
     EngineLoadHandler* GetLoadHandler() override { return this; }
+    EngineJSDialogHandler* GetJSDialogHandler() override { return this; }
 
     bool GetViewRect(EngineBrowserRef, EngineRect& rect) override
     {
@@ -79,7 +85,7 @@ public:
         const auto* bytes = static_cast<const uint8_t*>(buffer);
         image.assign(bytes, bytes + static_cast<size_t>(w) * h * 4);
     }
-    void OnCursorChange(EngineBrowserRef, EngineCursorType) override {}
+    void OnCursorChange(EngineBrowserRef, EngineCursorType type) override { cursor = type; }
 
     void OnAfterCreated(EngineBrowserRef created) override
     {
@@ -93,8 +99,16 @@ public:
         return true;
     }
 
-    void OnLoadStart(EngineBrowserRef, EngineFrameRef) override {}
+    void OnLoadStart(EngineBrowserRef, EngineFrameRef) override { ++loadStarts; }
     void OnLoadEnd(EngineBrowserRef, EngineFrameRef, int status) override { loadEndStatus = status; }
+
+    bool OnJSDialog(EngineBrowserRef, const std::string&, EngineJSDialogType type, const std::string& text,
+                    const std::string& defaultPrompt, bool& suppress) override
+    {
+        dialogs.push_back(std::to_string(type) + ":" + text + ":" + defaultPrompt);
+        suppress = true;
+        return false;
+    }
 
     bool OnProcessMessageReceived(EngineBrowserRef, EngineProcessMessageRef message) override
     {
@@ -125,6 +139,9 @@ public:
     int paintHeight = 0;
     int loadEndStatus = -1;
     int renderProcessId = 0;
+    int loadStarts = 0;
+    int cursor = -1;
+    std::vector<std::string> dialogs;
     std::vector<uint8_t> image;
     std::vector<std::string> popups;
 };
@@ -179,15 +196,16 @@ protected:
 
     // Creates a browser on the colours page and waits for its first painted
     // frame with the page's content.
-    void Open(TestClient& client, int frameRate = 30)
+    void Open(TestClient& client, int frameRate = 30, const std::string& url = kColoursPage,
+              Bgra ready = kRed)
     {
         EngineWindowInfo windowInfo;
         windowInfo.SetAsWindowless(nullptr);
         EngineBrowserSettings settings;
         settings.windowless_frame_rate = frameRate;
-        ASSERT_TRUE(s_pPort->CreateBrowser(windowInfo, &client, kColoursPage, settings));
+        ASSERT_TRUE(s_pPort->CreateBrowser(windowInfo, &client, url, settings));
         ASSERT_TRUE(PumpUntil([&] { return client.browser != nullptr; })) << "no OnAfterCreated";
-        ASSERT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == kRed; }))
+        ASSERT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == ready; }))
             << "page never painted; last pixel " << client.Pixel(25, 25);
     }
 
@@ -301,6 +319,65 @@ TEST_F(WebKitEnginePortTest, RenderProcessAnswersItsIdAndEndsWhenTheBrowserClose
     Pump(200);
     EXPECT_EQ(client.paints, paints);
     EXPECT_EQ(client.closedCount, 1);
+}
+
+TEST_F(WebKitEnginePortTest, DialogsCursorWheelDoubleClickScriptsAndVisibility)
+{
+    // The page asks alert, confirm and prompt while loading: the handler
+    // sees each, none blocks, confirm answers false and prompt null.
+    TestClient client(250, 100);
+    Open(client, 60, kEventsPage, kLime);
+    ASSERT_EQ(client.dialogs.size(), 3u);
+    EXPECT_EQ(client.dialogs[0], "0:hello:");
+    EXPECT_EQ(client.dialogs[1], "1:continue?:");
+    EXPECT_EQ(client.dialogs[2], "2:name?:default");
+
+    EngineBrowserHostRef host = client.browser->GetHost();
+    EngineMouseEvent event;
+    auto moveTo = [&](int x, int y) {
+        event.x = x;
+        event.y = y;
+        host->SendMouseMoveEvent(event, false);
+    };
+    moveTo(150, 75);
+    EXPECT_TRUE(PumpUntil([&] { return client.cursor == CT_HAND; })) << "cursor " << client.cursor;
+    moveTo(50, 75);
+    EXPECT_TRUE(PumpUntil([&] { return client.cursor == CT_IBEAM; })) << "cursor " << client.cursor;
+    moveTo(25, 25);
+    EXPECT_TRUE(PumpUntil([&] { return client.cursor == CT_POINTER; })) << "cursor " << client.cursor;
+
+    // A positive vertical delta is one step upwards.
+    moveTo(75, 25);
+    host->SendMouseWheelEvent(event, 0, 1);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(75, 25) == kBlue; })) << client.Pixel(75, 25);
+    host->SendMouseWheelEvent(event, 0, -1);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(75, 25) == kYellow; })) << client.Pixel(75, 25);
+
+    // A double click on its own (no click before it) reaches the page as two
+    // clicks.
+    moveTo(125, 25);
+    event.modifiers = EVENTFLAG_LEFT_MOUSE_BUTTON;
+    host->SendMouseClickEvent(event, MBT_LEFT, false, 2);
+    event.modifiers = 0;
+    host->SendMouseClickEvent(event, MBT_LEFT, true, 1);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(125, 25) == kMagenta; })) << client.Pixel(125, 25);
+
+    client.browser->GetMainFrame()->ExecuteJavaScript("paint('script', 'rgb(0, 255, 255)')", "", 0);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(175, 25) == kCyan; })) << client.Pixel(175, 25);
+
+    host->WasHidden(true);
+    Pump(100);
+    host->WasHidden(false);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(225, 25) == kOrange; })) << client.Pixel(225, 25);
+
+    // Reload starts a new load and runs the page again from the start.
+    const int starts = client.loadStarts;
+    client.browser->Reload();
+    EXPECT_TRUE(PumpUntil([&] { return client.loadStarts > starts && client.dialogs.size() == 6; }));
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(175, 25) == kGrey; }));
+
+    host->CloseBrowser(false);
+    EXPECT_TRUE(PumpUntil([&] { return client.closedCount == 1; })) << "a polite close did not close";
 }
 
 TEST_F(WebKitEnginePortTest, EngineStartsOncePerProcess)
