@@ -1,0 +1,22 @@
+#include "engine/CBrowser.h"
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+CBrowser::CBrowser(const std::string& startURL_, int frameRate_, unsigned int width_, unsigned int height_,
+                   SLFCefVideoFrameCallbackType frameCallback_, SLFCefAudioCallbackType audioCallback_,
+                   SLFCefURLChangeCallbackType urlChangeCallback_, void* callbackContext_,
+                   const CAccessHandlingForRequestSettings* accessSettings_)
+    : startURL(startURL_),
+      frameRate(frameRate_),
+      width(width_),
+      height(height_),
+      frameCallback(frameCallback_),
+      audioCallback(audioCallback_),
+      urlChangeCallback(urlChangeCallback_),
+      callbackContext(callbackContext_)
+{
+    if (accessSettings_)
+        accessSettings = *accessSettings_;
+}
+
+} // namespace SLF_ChromiumEmbeddedFramework

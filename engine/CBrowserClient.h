@@ -1,0 +1,162 @@
+// The engine's client: initialises and shuts the engine down, keeps one
+// CBrowser record per off-screen browser, creates and closes browsers with a
+// hand-shake against the engine's life-span notifications, pumps the engine's
+// message loop when asked, and is every handler the engine calls back:
+// render (frames, view size, cursor), life span, load, audio, script dialogs
+// and process messages.
+//
+// Threads: the wrapper calls the operations under its client lock from the
+// owner's threads. Render, life-span and load handlers arrive on the pump
+// thread inside ProcessBrowser; audio handlers on the port's own threads.
+//
+// Lock order: CBrowserWrapper::m_ClientMutex, then m_CefStateMutex, then
+// m_BrowsersMutex. Callbacks into the service (frames, audio, URL change) run
+// under m_BrowsersMutex and must not call back into the engine.
+#pragma once
+
+#include "engine/BrowserCallbacks.h"
+#include "engine/CBrowser.h"
+#include "engine/port/EnginePort.h"
+#include "platform/CNplThreadCondition.h"
+#include "platform/CNplThreadMutex.h"
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+#include <map>
+#include <string>
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+class CBrowserApp;
+
+class CBrowserClient : public EngineClient,
+                       public EngineAudioHandler,
+                       public EngineRenderHandler,
+                       public EngineLifeSpanHandler,
+                       public EngineLoadHandler,
+                       public EngineJSDialogHandler {
+public:
+    CBrowserClient();
+    ~CBrowserClient() override;
+    CBrowserClient(const CBrowserClient&) = delete;
+    CBrowserClient& operator=(const CBrowserClient&) = delete;
+
+    // ---- engine lifecycle (pump thread) ----------------------------------
+    // Initialises the engine through the installed port; false when there is
+    // no port or the engine refused. A second call after success is true.
+    bool StartCEF(CBrowserApp* app, const std::string& subprocessPath);
+    void StopCEF();
+    // One pass of the engine's message loop, only while the engine runs and
+    // at least one browser record exists; true when a pass ran.
+    bool ProcessBrowser();
+    bool IsCefInitialized();
+
+    // ---- browsers ------------------------------------------------------------
+    // The new browser's ID, or -1: empty URL, engine not running, or the
+    // engine did not report the browser within 2000 ms. Calls must not
+    // overlap (the wrapper's lock serialises them).
+    int StartBrowser(std::string url, int frameRate, unsigned int width, unsigned int height,
+                     SLFCefVideoFrameCallbackType frameCallback, SLFCefAudioCallbackType audioCallback,
+                     SLFCefURLChangeCallbackType urlChangeCallback, void* callbackContext,
+                     const CAccessHandlingForRequestSettings* accessSettings);
+    // Forced close, then a wait of up to 2000 ms for the engine's notice.
+    // False only for an unknown ID.
+    bool StopBrowser(int id);
+    void PauseBrowser(int id);
+    void ResumeBrowser(int id);
+    // The resume state kept per browser (true after start and ResumeBrowser).
+    bool IsBrowserResumed(int id);
+    bool EnableReceivingFrames(int id, bool enable);
+    bool SetRenderSize(int id, unsigned int width, unsigned int height);
+    bool RefreshBrowser(int id);
+    // The first paint after the reload is not delivered.
+    bool ReloadBrowser(int id);
+    std::string GetUrl(int id);
+    // 0 for an unknown browser or before the web process answered.
+    int GetRenderProcessId(int id);
+    void ExecuteJavaScript(int id, std::string code);
+
+    EngineBrowserHostRef GetBrowserHost(int id);
+    // A copy of the record of the browser with this engine ID.
+    CBrowser GetCBrowserForCEFID(int64_t id, bool& found);
+    size_t GetBrowserCount();
+
+    // ---- input (false, or 0 for the move, when the browser is unknown) ------
+    // buttonType 0 left, 1 middle, 2 right.
+    bool EventMouseClick(int id, int buttonType, bool mouseUp, int x, int y, bool doubleClick);
+    // Returns the last cursor type the engine reported.
+    int EventMouseMove(int id, int x, int y);
+    bool EventMouseWheelScroll(int id, int x, int y, int deltaX, int deltaY);
+    bool EventKey(int id, bool rawKeyDown, bool keyUp, int nativeKeyCode);
+    bool EventKey(int id, bool rawKeyDown, bool keyUp, bool isSystemKey, int nativeKeyCode, int windowsKeyCode,
+                  unsigned int modifiers);
+
+    // ---- EngineClient ----------------------------------------------------------
+    EngineRenderHandler* GetRenderHandler() override { return this; }
+    EngineLifeSpanHandler* GetLifeSpanHandler() override { return this; }
+    EngineLoadHandler* GetLoadHandler() override { return this; }
+    EngineAudioHandler* GetAudioHandler() override { return this; }
+    // Resource-request interception plugs in here: the client becomes the
+    // request handler and answers taken-over requests itself. Until then
+    // every request loads normally.
+    EngineRequestHandler* GetRequestHandler() override { return nullptr; }
+    EngineJSDialogHandler* GetJSDialogHandler() override { return this; }
+    // Stores the web process's answer to the render-process-ID question.
+    bool OnProcessMessageReceived(EngineBrowserRef browser, EngineProcessMessageRef message) override;
+
+    // ---- EngineRenderHandler ---------------------------------------------------
+    bool GetViewRect(EngineBrowserRef browser, EngineRect& rect) override;
+    void OnPaint(EngineBrowserRef browser, const void* buffer, int width, int height) override;
+    void OnCursorChange(EngineBrowserRef browser, EngineCursorType type) override;
+
+    // ---- EngineLifeSpanHandler -------------------------------------------------
+    void OnAfterCreated(EngineBrowserRef browser) override;
+    void OnBeforeClose(EngineBrowserRef browser) override;
+    bool OnBeforePopup(EngineBrowserRef browser, const std::string& targetUrl) override;
+
+    // ---- EngineLoadHandler -----------------------------------------------------
+    void OnLoadStart(EngineBrowserRef browser, EngineFrameRef frame) override;
+    void OnLoadEnd(EngineBrowserRef browser, EngineFrameRef frame, int httpStatusCode) override;
+
+    // ---- EngineAudioHandler ----------------------------------------------------
+    void OnAudioStreamStarted(EngineBrowserRef browser, int audioStreamId, int sampleRate, int channels,
+                              int bitsPerSample, int64_t bufferDuration) override;
+    void OnAudioStreamPacket(EngineBrowserRef browser, int audioStreamId, const void* data,
+                             int dataLength) override;
+    void OnAudioSteamStopped(EngineBrowserRef browser, int audioStreamId) override;
+
+    // ---- EngineJSDialogHandler -------------------------------------------------
+    bool OnJSDialog(EngineBrowserRef browser, const std::string& originUrl, EngineJSDialogType type,
+                    const std::string& messageText, const std::string& defaultPromptText,
+                    bool& suppressMessage) override;
+
+private:
+    // Callers hold m_BrowsersMutex. The first record with this ID, or null.
+    CBrowser* FindBrowserRecord(int id);
+    EngineBrowserRef GetBrowser(int id);
+
+    // Lock order 2 (after the wrapper's client lock): engine start, stop,
+    // each message-loop pass, browser creation and close requests.
+    // Recursive so that an engine call made under it may re-enter the client.
+    CNplThreadMutex m_CefStateMutex;
+    std::atomic<bool> m_bCefInitialized;
+    EnginePort* m_pEnginePort;
+    int m_nMouseButtonFlags;
+    std::atomic<int> m_nCursorType;
+    // Lock order 3 (innermost): the browser list, the per-browser maps and the
+    // mouse button flags. Recursive: the input operations look the host up
+    // with GetBrowserHost while holding it.
+    CNplThreadMutex m_BrowsersMutex;
+    std::list<CBrowser> m_Browsers;
+    // Signalled by OnAfterCreated / OnBeforeClose. The waits use a mutex of
+    // their own call, so a signal given before a wait begins is lost and the
+    // wait runs its full time.
+    CNplThreadCondition m_CreatedCondition;
+    CNplThreadCondition m_ClosedCondition;
+    std::map<int, bool> m_mapResume;
+    // Browsers asked for their web process's ID; only their answers are taken.
+    std::map<int, bool> m_mapRenderProcessIdRequested;
+};
+
+} // namespace SLF_ChromiumEmbeddedFramework

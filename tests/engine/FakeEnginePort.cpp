@@ -1,0 +1,665 @@
+#include "tests/engine/FakeEnginePort.h"
+
+#include <chrono>
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+namespace {
+
+using LinkRef = std::shared_ptr<FakeEnginePort::Link>;
+
+// Runs fn(port) while the fake is alive; the link's mutex keeps it alive
+// for the call. The port methods used here never call the client.
+template <typename Fn>
+void WithPort(const LinkRef& link, Fn fn)
+{
+    std::lock_guard<std::mutex> guard(link->mutex);
+    if (link->port)
+        fn(*link->port);
+}
+
+class FakeHost : public EngineBrowserHost {
+public:
+    FakeHost(int id, LinkRef link) : m_nId(id), m_Link(std::move(link)) {}
+
+    void WasResized() override
+    {
+        Record(FakeHostCall::WasResized, [](FakeHostCall&) {});
+        WithPort(m_Link, [&](FakeEnginePort& port) { port.OnHostResized(m_nId); });
+    }
+    void WasHidden(bool hidden) override
+    {
+        Record(FakeHostCall::WasHidden, [&](FakeHostCall& c) { c.hidden = hidden; });
+    }
+    void Invalidate() override { Record(FakeHostCall::Invalidate, [](FakeHostCall&) {}); }
+    void SendMouseClickEvent(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp,
+                             int clickCount) override
+    {
+        Record(FakeHostCall::MouseClick, [&](FakeHostCall& c) {
+            c.mouse = event;
+            c.button = type;
+            c.mouseUp = mouseUp;
+            c.clickCount = clickCount;
+        });
+    }
+    void SendMouseMoveEvent(const EngineMouseEvent& event, bool mouseLeave) override
+    {
+        Record(FakeHostCall::MouseMove, [&](FakeHostCall& c) {
+            c.mouse = event;
+            c.mouseLeave = mouseLeave;
+        });
+    }
+    void SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, int deltaY) override
+    {
+        Record(FakeHostCall::MouseWheel, [&](FakeHostCall& c) {
+            c.mouse = event;
+            c.deltaX = deltaX;
+            c.deltaY = deltaY;
+        });
+    }
+    void SendKeyEvent(const EngineKeyEvent& event) override
+    {
+        Record(FakeHostCall::Key, [&](FakeHostCall& c) { c.key = event; });
+    }
+    void CloseBrowser(bool forceClose) override
+    {
+        Record(FakeHostCall::CloseBrowser, [&](FakeHostCall& c) { c.forceClose = forceClose; });
+        WithPort(m_Link, [&](FakeEnginePort& port) { port.OnHostClose(m_nId); });
+    }
+
+private:
+    template <typename Fill>
+    void Record(FakeHostCall::Kind kind, Fill fill)
+    {
+        FakeHostCall call;
+        call.kind = kind;
+        call.browserId = m_nId;
+        fill(call);
+        WithPort(m_Link, [&](FakeEnginePort& port) { port.Record(call); });
+    }
+
+    int m_nId;
+    LinkRef m_Link;
+};
+
+class FakeFrame : public EngineFrame {
+public:
+    FakeFrame(int id, LinkRef link) : m_nId(id), m_Link(std::move(link)) {}
+
+    std::string GetURL() override
+    {
+        std::string url;
+        WithPort(m_Link, [&](FakeEnginePort& port) { url = port.Url(m_nId); });
+        return url;
+    }
+    void ExecuteJavaScript(const std::string& code, const std::string& scriptUrl, int startLine) override
+    {
+        FakeHostCall call;
+        call.kind = FakeHostCall::ExecuteJavaScript;
+        call.browserId = m_nId;
+        call.script = code;
+        call.scriptUrl = scriptUrl;
+        call.startLine = startLine;
+        WithPort(m_Link, [&](FakeEnginePort& port) {
+            port.Record(call);
+            port.OnScript(m_nId, code);
+        });
+    }
+
+private:
+    int m_nId;
+    LinkRef m_Link;
+};
+
+// The service's view of a browser.
+class FakeBrowser : public EngineBrowser {
+public:
+    FakeBrowser(int id, LinkRef link)
+        : m_nId(id),
+          m_Link(link),
+          m_Host(std::make_shared<FakeHost>(id, link)),
+          m_Frame(std::make_shared<FakeFrame>(id, link))
+    {
+    }
+
+    int GetIdentifier() override { return m_nId; }
+    EngineBrowserHostRef GetHost() override { return m_Host; }
+    EngineFrameRef GetMainFrame() override { return m_Frame; }
+    void Reload() override
+    {
+        FakeHostCall call;
+        call.kind = FakeHostCall::Reload;
+        call.browserId = m_nId;
+        WithPort(m_Link, [&](FakeEnginePort& port) { port.Record(call); });
+    }
+    void SendProcessMessage(const EngineProcessMessageRef& message) override
+    {
+        WithPort(m_Link, [&](FakeEnginePort& port) { port.OnSendToRenderProcess(m_nId, message); });
+    }
+
+private:
+    int m_nId;
+    LinkRef m_Link;
+    EngineBrowserHostRef m_Host;
+    EngineFrameRef m_Frame;
+};
+
+// The web process's view of the same browser: what it sends goes back to
+// the service.
+class FakeRenderSideBrowser : public EngineBrowser {
+public:
+    FakeRenderSideBrowser(int id, LinkRef link) : m_nId(id), m_Link(std::move(link)) {}
+
+    int GetIdentifier() override { return m_nId; }
+    EngineBrowserHostRef GetHost() override { return nullptr; }
+    EngineFrameRef GetMainFrame() override { return nullptr; }
+    void Reload() override {}
+    void SendProcessMessage(const EngineProcessMessageRef& message) override
+    {
+        WithPort(m_Link, [&](FakeEnginePort& port) { port.OnSendFromRenderProcess(m_nId, message); });
+    }
+
+private:
+    int m_nId;
+    LinkRef m_Link;
+};
+
+} // namespace
+
+FakeEnginePort::FakeEnginePort() : m_Link(std::make_shared<Link>())
+{
+    m_Link->port = this;
+}
+
+FakeEnginePort::~FakeEnginePort()
+{
+    {
+        std::lock_guard<std::mutex> guard(m_Link->mutex);
+        m_Link->port = nullptr;
+    }
+    if (m_bInstalled && GetEnginePort() == this)
+        SetEnginePort(nullptr);
+}
+
+void FakeEnginePort::Install()
+{
+    m_bInstalled = true;
+    SetEnginePort(this);
+}
+
+// ---- behaviour -----------------------------------------------------------------------
+
+void FakeEnginePort::SetFailInitialize(bool fail)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bFailInitialize = fail;
+}
+
+void FakeEnginePort::SetInitializeOncePerProcess(bool once)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bOncePerProcess = once;
+}
+
+void FakeEnginePort::SetAcceptCreateBrowser(bool accept)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bAcceptCreate = accept;
+}
+
+void FakeEnginePort::SetReportCreation(bool report)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bReportCreation = report;
+}
+
+void FakeEnginePort::SetReportClose(bool report)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bReportClose = report;
+}
+
+void FakeEnginePort::SetAnswerProcessMessages(bool answer)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bAnswerMessages = answer;
+}
+
+void FakeEnginePort::SetScriptHandler(std::function<void(int, const std::string&)> handler)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_ScriptHandler = std::move(handler);
+}
+
+// ---- observations -------------------------------------------------------------------
+
+bool FakeEnginePort::IsInitialized()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_bInitialized;
+}
+
+int FakeEnginePort::InitializeCalls()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_nInitializeCalls;
+}
+
+int FakeEnginePort::ShutdownCalls()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_nShutdownCalls;
+}
+
+int FakeEnginePort::PumpPasses()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_nPumpPasses;
+}
+
+int FakeEnginePort::CreateBrowserCalls()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_nCreateCalls;
+}
+
+bool FakeEnginePort::PumpedOffThread()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_bPumpedOffThread;
+}
+
+EngineSettings FakeEnginePort::LastSettings()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_Settings;
+}
+
+EngineApp* FakeEnginePort::App()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_pApp;
+}
+
+EngineClient* FakeEnginePort::Client()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_pClient;
+}
+
+EngineCommandLine FakeEnginePort::ServiceCommandLine()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_ServiceCommandLine;
+}
+
+EngineCommandLine FakeEnginePort::ChildCommandLine()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_ChildCommandLine;
+}
+
+EngineBrowserSettings FakeEnginePort::LastBrowserSettings()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_LastBrowserSettings;
+}
+
+EngineWindowInfo FakeEnginePort::LastWindowInfo()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_LastWindowInfo;
+}
+
+std::string FakeEnginePort::LastCreateUrl()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return m_strLastCreateUrl;
+}
+
+std::vector<int> FakeEnginePort::OpenBrowserIds()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    std::vector<int> ids;
+    for (const auto& entry : m_OpenBrowsers)
+        ids.push_back(entry.first);
+    return ids;
+}
+
+std::vector<FakeHostCall> FakeEnginePort::HostCalls(int browserId)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    if (browserId < 0)
+        return m_HostCalls;
+    std::vector<FakeHostCall> calls;
+    for (const auto& call : m_HostCalls)
+        if (call.browserId == browserId)
+            calls.push_back(call);
+    return calls;
+}
+
+void FakeEnginePort::ClearHostCalls()
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_HostCalls.clear();
+}
+
+std::vector<EngineProcessMessageRef> FakeEnginePort::SentProcessMessages(int browserId)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    auto it = m_SentMessages.find(browserId);
+    return it == m_SentMessages.end() ? std::vector<EngineProcessMessageRef>() : it->second;
+}
+
+EngineRect FakeEnginePort::LastViewRect(int browserId)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    auto it = m_ViewRects.find(browserId);
+    return it == m_ViewRects.end() ? EngineRect() : it->second;
+}
+
+bool FakeEnginePort::WaitForPumpPasses(int passes, int timeoutMs)
+{
+    std::unique_lock<std::mutex> lock(m_Mutex);
+    const int target = m_nPumpPasses + passes;
+    return m_PumpCondition.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                    [&] { return m_nPumpPasses >= target; });
+}
+
+// ---- driving the client ------------------------------------------------------------
+
+EngineBrowserRef FakeEnginePort::BrowserLocked(int browserId)
+{
+    auto it = m_OpenBrowsers.find(browserId);
+    if (it != m_OpenBrowsers.end())
+        return it->second;
+    return std::make_shared<FakeBrowser>(browserId, m_Link);
+}
+
+EngineBrowserRef FakeEnginePort::Browser(int browserId)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    return BrowserLocked(browserId);
+}
+
+void FakeEnginePort::SetUrl(int browserId, const std::string& url)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_Urls[browserId] = url;
+}
+
+std::string FakeEnginePort::Url(int browserId)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    auto it = m_Urls.find(browserId);
+    return it == m_Urls.end() ? std::string() : it->second;
+}
+
+void FakeEnginePort::Post(std::function<void()> task)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_Tasks.push_back(std::move(task));
+}
+
+void FakeEnginePort::EmitPaint(int browserId, int width, int height, uint8_t fill)
+{
+    std::vector<uint8_t> image(static_cast<size_t>(width > 0 ? width : 0) * static_cast<size_t>(height > 0 ? height : 0) *
+                                   4,
+                               fill);
+    EmitPaintBuffer(browserId, image.data(), width, height);
+}
+
+void FakeEnginePort::EmitPaintBuffer(int browserId, const void* buffer, int width, int height)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (client && client->GetRenderHandler())
+        client->GetRenderHandler()->OnPaint(browser, buffer, width, height);
+}
+
+void FakeEnginePort::EmitCursorChange(int browserId, EngineCursorType type)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (client && client->GetRenderHandler())
+        client->GetRenderHandler()->OnCursorChange(browser, type);
+}
+
+void FakeEnginePort::EmitAudioStarted(int browserId, int streamId, int sampleRate, int channels, int bitsPerSample,
+                                      int64_t bufferDuration)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (client && client->GetAudioHandler())
+        client->GetAudioHandler()->OnAudioStreamStarted(browser, streamId, sampleRate, channels, bitsPerSample,
+                                                        bufferDuration);
+}
+
+void FakeEnginePort::EmitAudioPacket(int browserId, int streamId, const void* data, int length)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (client && client->GetAudioHandler())
+        client->GetAudioHandler()->OnAudioStreamPacket(browser, streamId, data, length);
+}
+
+void FakeEnginePort::EmitAudioStopped(int browserId, int streamId)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (client && client->GetAudioHandler())
+        client->GetAudioHandler()->OnAudioSteamStopped(browser, streamId);
+}
+
+void FakeEnginePort::EmitLoadStart(int browserId)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (client && client->GetLoadHandler())
+        client->GetLoadHandler()->OnLoadStart(browser, browser->GetMainFrame());
+}
+
+void FakeEnginePort::EmitLoadEnd(int browserId, int httpStatusCode)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (client && client->GetLoadHandler())
+        client->GetLoadHandler()->OnLoadEnd(browser, browser->GetMainFrame(), httpStatusCode);
+}
+
+bool FakeEnginePort::EmitPopup(int browserId, const std::string& targetUrl)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (!client || !client->GetLifeSpanHandler())
+        return false;
+    return client->GetLifeSpanHandler()->OnBeforePopup(browser, targetUrl);
+}
+
+bool FakeEnginePort::EmitJSDialog(int browserId, EngineJSDialogType type, const std::string& message,
+                                  bool& suppress)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    if (!client || !client->GetJSDialogHandler())
+        return false;
+    return client->GetJSDialogHandler()->OnJSDialog(browser, Url(browserId), type, message, std::string(),
+                                                    suppress);
+}
+
+bool FakeEnginePort::DeliverProcessMessage(int browserId, const EngineProcessMessageRef& message)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser = Browser(browserId);
+    return client && client->OnProcessMessageReceived(browser, message);
+}
+
+void FakeEnginePort::EmitClose(int browserId)
+{
+    EngineClient* client = Client();
+    EngineBrowserRef browser;
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        browser = BrowserLocked(browserId);
+        m_OpenBrowsers.erase(browserId);
+    }
+    if (client && client->GetLifeSpanHandler())
+        client->GetLifeSpanHandler()->OnBeforeClose(browser);
+}
+
+// ---- calls from the fake's browser objects (under the link's mutex) -------------------
+
+void FakeEnginePort::Record(const FakeHostCall& call)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_HostCalls.push_back(call);
+}
+
+void FakeEnginePort::OnHostClose(int browserId)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    if (!m_bReportClose || !m_OpenBrowsers.count(browserId))
+        return;
+    m_Tasks.push_back([this, browserId] { EmitClose(browserId); });
+}
+
+void FakeEnginePort::OnHostResized(int browserId)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_Tasks.push_back([this, browserId] {
+        EngineClient* client = Client();
+        EngineBrowserRef browser = Browser(browserId);
+        EngineRect rect;
+        if (client && client->GetRenderHandler() && client->GetRenderHandler()->GetViewRect(browser, rect)) {
+            std::lock_guard<std::mutex> inner(m_Mutex);
+            m_ViewRects[browserId] = rect;
+        }
+    });
+}
+
+void FakeEnginePort::OnScript(int browserId, const std::string& code)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    if (!m_ScriptHandler)
+        return;
+    auto handler = m_ScriptHandler;
+    m_Tasks.push_back([handler, browserId, code] { handler(browserId, code); });
+}
+
+void FakeEnginePort::OnSendToRenderProcess(int browserId, const EngineProcessMessageRef& message)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_SentMessages[browserId].push_back(message);
+    if (!m_bAnswerMessages)
+        return;
+    // The web process receives the message on a later pass.
+    LinkRef link = m_Link;
+    m_Tasks.push_back([this, browserId, message, link] {
+        EngineApp* app = App();
+        EngineRenderProcessHandler* handler = app ? app->GetRenderProcessHandler() : nullptr;
+        if (handler)
+            handler->OnProcessMessageReceived(std::make_shared<FakeRenderSideBrowser>(browserId, link), message);
+    });
+}
+
+void FakeEnginePort::OnSendFromRenderProcess(int browserId, const EngineProcessMessageRef& message)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_Tasks.push_back([this, browserId, message] { DeliverProcessMessage(browserId, message); });
+}
+
+// ---- EnginePort -------------------------------------------------------------------------
+
+bool FakeEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
+{
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        ++m_nInitializeCalls;
+        if (m_bFailInitialize || m_bInitialized || (m_bOncePerProcess && m_nInitializeCalls > 1))
+            return false;
+        m_Settings = settings;
+        m_pApp = app;
+        m_PumpThread = std::this_thread::get_id();
+    }
+    // What the real port does with the application object: let it adjust
+    // the service's command line and that of every web process.
+    EngineCommandLine serviceCommandLine;
+    EngineCommandLine childCommandLine;
+    if (app) {
+        app->OnBeforeCommandLineProcessing(std::string(), serviceCommandLine);
+        if (EngineBrowserProcessHandler* handler = app->GetBrowserProcessHandler())
+            handler->OnBeforeChildProcessLaunch(childCommandLine);
+    }
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_ServiceCommandLine = serviceCommandLine;
+    m_ChildCommandLine = childCommandLine;
+    m_bInitialized = true;
+    return true;
+}
+
+void FakeEnginePort::DoMessageLoopWork()
+{
+    std::vector<std::function<void()>> tasks;
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        if (std::this_thread::get_id() != m_PumpThread)
+            m_bPumpedOffThread = true;
+        tasks.swap(m_Tasks);
+    }
+    for (auto& task : tasks)
+        task();
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        ++m_nPumpPasses;
+    }
+    m_PumpCondition.notify_all();
+}
+
+void FakeEnginePort::Shutdown()
+{
+    std::vector<int> open;
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        ++m_nShutdownCalls;
+        if (!m_bInitialized)
+            return;
+        m_Tasks.clear();
+        for (const auto& entry : m_OpenBrowsers)
+            open.push_back(entry.first);
+    }
+    // Like the real engine, shutting down closes every browser.
+    for (int id : open)
+        EmitClose(id);
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    m_bInitialized = false;
+    m_pClient = nullptr;
+}
+
+bool FakeEnginePort::CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
+                                   const EngineBrowserSettings& settings)
+{
+    std::lock_guard<std::mutex> guard(m_Mutex);
+    ++m_nCreateCalls;
+    m_LastWindowInfo = windowInfo;
+    m_LastBrowserSettings = settings;
+    m_strLastCreateUrl = url;
+    if (!m_bAcceptCreate || !m_bInitialized || !client)
+        return false;
+    m_pClient = client;
+    const int id = m_nNextBrowserId++;
+    EngineBrowserRef browser = std::make_shared<FakeBrowser>(id, m_Link);
+    m_Urls[id] = url;
+    if (!m_bReportCreation)
+        return true;
+    m_Tasks.push_back([this, id, browser, client] {
+        {
+            std::lock_guard<std::mutex> inner(m_Mutex);
+            m_OpenBrowsers[id] = browser;
+        }
+        if (client->GetLifeSpanHandler())
+            client->GetLifeSpanHandler()->OnAfterCreated(browser);
+    });
+    return true;
+}
+
+} // namespace SLF_ChromiumEmbeddedFramework
