@@ -81,8 +81,9 @@ void SetMaskBit(uint32_t bit, bool on)
         settings.sinkMask.fetch_and(~bit, std::memory_order_relaxed);
 }
 
-// Messages about the configuration: level 3, no module tag.
-#define DBG_CONFIG_LOG(...) dbgprintf(3, "npl", nullptr, __PRETTY_FUNCTION__, __VA_ARGS__)
+// Messages about the configuration: level 3, no module tag, in the name of
+// the command entry point.
+#define DBG_CONFIG_LOG(...) dbgprintf(3, "npl", nullptr, "int32_t dbgcommand(const char*)", __VA_ARGS__)
 
 void CommandSyslog(Words& words)
 {

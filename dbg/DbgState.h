@@ -54,6 +54,10 @@ DbgSettings& DbgGetSettings();
 DbgSyslogState& DbgGetSyslog();
 DbgLogFileState& DbgGetLogFile();
 
+// The elapsed-time field of reference and delta times, microseconds in:
+// "%2lld.%3lld.%3lld " of seconds (mod 1000), milliseconds, microseconds.
+void DbgFormatElapsed(char* out, size_t size, int64_t microseconds);
+
 // The index of a module's flag by name, -1 when the module has no such flag.
 int32_t DbgFindFlag(int32_t moduleIndex, const char* name);
 

@@ -83,10 +83,9 @@ const char* LevelTag(int level)
 
 void AppendElapsed(LineBuffer& line, int64_t d)
 {
-    // Seconds, milliseconds and microseconds; the last two are padded with
-    // spaces, not zeros.
-    line.AppendFormat("%2lld.%3lld.%3lld ", static_cast<long long>((d / 1000000) % 1000),
-                      static_cast<long long>((d / 1000) % 1000), static_cast<long long>(d % 1000));
+    char text[64];
+    DbgFormatElapsed(text, sizeof text, d);
+    line.Append(text);
 }
 
 // Writes "<prefix><name><suffix>: " for a caller's signature: the text up
@@ -146,6 +145,14 @@ void AppendFunctionName(LineBuffer& line, const char* name, bool pureName, int m
 }
 
 } // namespace
+
+void DbgFormatElapsed(char* out, size_t size, int64_t d)
+{
+    // Seconds, milliseconds and microseconds; the last two are padded with
+    // spaces, not zeros.
+    snprintf(out, size, "%2lld.%3lld.%3lld ", static_cast<long long>((d / 1000000) % 1000),
+             static_cast<long long>((d / 1000) % 1000), static_cast<long long>(d % 1000));
+}
 
 int32_t DbgFindFlag(int32_t moduleIndex, const char* name)
 {
