@@ -1,8 +1,8 @@
 #include "tests/dbg/DbgFixture.h"
+#include "tests/dbg/Matches.h"
 
 #include "platform/NplDebug.h"
 
-#include <regex>
 
 namespace {
 
@@ -37,7 +37,7 @@ TEST_F(DbgCommandTest, SinkKeywordsSetAndClearTheirBits)
     EXPECT_NE(texts.back().find("removing printf\n"), std::string::npos) << texts.back();
     // Configuration messages are debug lines without a module tag.
     EXPECT_EQ(Lines()[0].level, 3);
-    EXPECT_TRUE(std::regex_match(texts[0], std::regex(R"(\d{4}-.{19} {4}int32_t dbgcommand\(\): using printf\n)")))
+    EXPECT_TRUE(Matches(texts[0], (R"(\d{4}-.{19} {4}int32_t dbgcommand\(\): using printf\n)")))
         << texts[0];
 
     dbgcommand("nocallback");

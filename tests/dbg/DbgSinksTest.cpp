@@ -1,10 +1,10 @@
 #include "tests/dbg/DbgFixture.h"
+#include "tests/dbg/Matches.h"
 
 #include <atomic>
 #include <fcntl.h>
 #include <fstream>
 #include <pwd.h>
-#include <regex>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -96,14 +96,14 @@ TEST_F(DbgSinksTest, UdpHeaderTypes)
     dbgprintf(2, "npl", "udp", nullptr, "info");
     const std::string rfc3164 = receiver.Receive();
     const std::string pid = std::to_string(getpid());
-    EXPECT_TRUE(std::regex_match(rfc3164, std::regex(R"(<14>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d [\d.]* slf-dbg-test\[)" +
+    EXPECT_TRUE(Matches(rfc3164, (R"(<14>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d [\d.]* slf-dbg-test\[)" +
                                                      pid + R"(\]: udp  inf info)")))
         << rfc3164;
 
     UseReceiver(receiver, "RFC5424");
     dbgprintf(0, "npl", "udp", nullptr, "failed");
     const std::string rfc5424 = receiver.Receive();
-    EXPECT_TRUE(std::regex_match(rfc5424, std::regex(R"(<11>1 - [\d.]* slf-dbg-test )" + pid + R"( npl - udp  ERR failed)")))
+    EXPECT_TRUE(Matches(rfc5424, (R"(<11>1 - [\d.]* slf-dbg-test )" + pid + R"( npl - udp  ERR failed)")))
         << rfc5424;
     dbgprintf(7, "npl", "udp", nullptr, "other level");
     EXPECT_EQ(receiver.Receive().rfind("<15>1 - ", 0), 0u);
@@ -166,7 +166,7 @@ TEST_F(DbgSinksTest, LocalAddressIsDottedTextOrEmpty)
     // Finding the local address connects a UDP socket without sending.
     DbgSyslogSetUpUdp();
     const std::string local = DbgGetSyslog().localAddress;
-    EXPECT_TRUE(local.empty() || std::regex_match(local, std::regex(R"(\d+\.\d+\.\d+\.\d+)"))) << local;
+    EXPECT_TRUE(local.empty() || Matches(local, (R"(\d+\.\d+\.\d+\.\d+)"))) << local;
     DbgSyslogCloseUdp();
 }
 
