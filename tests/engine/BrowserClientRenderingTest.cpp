@@ -1,6 +1,8 @@
 // Paint delivery and its size rules, the view size, input events with their
 // button flags and click counts, and audio stream forwarding.
+#include "dbg/dbg.h"
 #include "engine/CBrowserClient.h"
+#include "engine/EngineLog.h"
 #include "tests/engine/EngineTestSupport.h"
 #include "tests/engine/FakeEnginePort.h"
 
@@ -294,6 +296,39 @@ TEST_F(AudioForwarding, TheFormatIsKeptWhileDeliveryIsOff)
     m_Port.EmitAudioPacket(8, 1, samples, sizeof samples);
     m_Port.EmitAudioStopped(8, 1);
     EXPECT_EQ(m_Recorder.AudioCalls().size(), 1u);
+}
+
+struct LogLines {
+    static void Sink(void* context, int level, const char* line, int length)
+    {
+        auto* self = static_cast<LogLines*>(context);
+        std::lock_guard<std::mutex> guard(self->mutex);
+        if (level == 2)
+            self->lines.emplace_back(line, static_cast<size_t>(length));
+    }
+    std::mutex mutex;
+    std::vector<std::string> lines;
+};
+
+TEST_F(AudioForwarding, StreamStartAndStopAreLoggedAtInfoLevel)
+{
+    LogLines log;
+    const int32_t module = EngineLog_GetModuleIndex();
+    ASSERT_GE(module, 0);
+    dbgsetcallback(&LogLines::Sink, &log);
+    dbgcommand("callback");
+    dbgcommand("cef INF:1");
+    m_Port.EmitAudioStarted(m_nId, 4, 48000, 2, 16, 20);
+    m_Port.EmitAudioStopped(77, 4); // logged also for an unknown browser
+    dbgcommand("cef INF:0");
+    dbgcommand("nocallback");
+    dbgsetcallback(nullptr, nullptr);
+
+    ASSERT_EQ(log.lines.size(), 2u);
+    EXPECT_NE(log.lines[0].find("---> Starting audio stream: 4, channels: 2, samplerate: 48000, buffer_duration: 20, "
+                                "bits_per_sample: 16"),
+              std::string::npos);
+    EXPECT_NE(log.lines[1].find("---> Stopping audio stream : 4"), std::string::npos);
 }
 
 } // namespace
