@@ -201,7 +201,8 @@ const char* HomeOf(uid_t uid)
 }
 
 // Creates the missing folders of a file's path (mode 0700, as the user's
-// state folder wants).
+// state folder wants), but only inside folders this process owns: a service
+// running as root must not leave root-owned folders in a user's home.
 void CreateParentFolders(const char* path)
 {
     char folder[4096];
@@ -210,14 +211,37 @@ void CreateParentFolders(const char* path)
     if (!slash || slash == folder)
         return;
     *slash = 0;
-    for (char* p = folder + 1; *p; ++p) {
-        if (*p == '/') {
-            *p = 0;
-            mkdir(folder, 0700);
-            *p = '/';
+    const size_t length = strlen(folder);
+    for (size_t end = 1; end <= length; ++end) {
+        if (folder[end] != '/' && folder[end] != 0)
+            continue;
+        const char saved = folder[end];
+        folder[end] = 0;
+        struct stat info;
+        if (stat(folder, &info) != 0) {
+            // The parent is the text up to the previous slash.
+            char* parentEnd = strrchr(folder, '/');
+            struct stat parent;
+            bool owned = false;
+            if (parentEnd) {
+                const char keep = parentEnd == folder ? parentEnd[1] : parentEnd[0];
+                if (parentEnd == folder)
+                    parentEnd[1] = 0;
+                else
+                    parentEnd[0] = 0;
+                owned = stat(folder, &parent) == 0 && parent.st_uid == geteuid();
+                if (parentEnd == folder)
+                    parentEnd[1] = keep;
+                else
+                    parentEnd[0] = keep;
+            }
+            if (!owned || mkdir(folder, 0700) != 0) {
+                folder[end] = saved;
+                return;
+            }
         }
+        folder[end] = saved;
     }
-    mkdir(folder, 0700);
 }
 
 void WriteLogFile(const char* line, int length)

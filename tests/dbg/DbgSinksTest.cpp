@@ -206,6 +206,26 @@ TEST_F(DbgSinksTest, LogFileUnderTheHomeFolder)
     EXPECT_FALSE(Lines().empty()); // the other sinks still got it
 }
 
+TEST_F(DbgSinksTest, NoFoldersAreMadeInAnotherUsersHome)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root to hand the folder to another user";
+    const std::string home = m_home + "/someone";
+    ASSERT_EQ(mkdir(home.c_str(), 0777), 0);
+    ASSERT_EQ(chown(home.c_str(), 65534, 65534), 0);
+    DbgSetHomeFolderOverride(home.c_str());
+    dbgcommand("logfile");
+    dbgprintf(1, "npl", "file", nullptr, "dropped");
+    EXPECT_FALSE(NplFile_FileExists(home + "/.local"));
+    EXPECT_EQ(DbgGetLogFile().fd.load(), -1);
+
+    // Once the user's folder exists, the file is made in it.
+    ASSERT_EQ(mkdir((home + "/.local").c_str(), 0777), 0);
+    ASSERT_EQ(mkdir((home + "/.local/state").c_str(), 0777), 0);
+    dbgprintf(1, "npl", "file", nullptr, "written");
+    EXPECT_EQ(ReadFile(home + "/.local/state/norvik.log"), "file wrn written\n");
+}
+
 TEST_F(DbgSinksTest, RelativePathsOfRootGoToTheFirstUsersHome)
 {
     DbgSetHomeFolderOverride(nullptr);
