@@ -1,6 +1,8 @@
 #include "engine/wpe/WebKitEnginePort.h"
 
 #include "dbg/NSLog.h"
+#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WebKitResourceServer.h"
 #include "engine/wpe/WebKitVariantCodec.h"
 #include "engine/wpe/WebKitView.h"
 
@@ -80,6 +82,8 @@ WebKitEnginePort::WebKitEnginePort() = default;
 
 WebKitEnginePort::~WebKitEnginePort()
 {
+    if (m_pResourceServer)
+        m_pResourceServer->Stop();
     for (auto& entry : m_ExtraInitValues)
         g_variant_unref(entry.second);
 }
@@ -154,6 +158,16 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     g_source_set_name(m_pTaskSource, "SlfEngineTasks");
     g_source_attach(m_pTaskSource, m_pMainContext);
 
+    // Resource requests of every page are offered to the clients through
+    // the resource thread; the web processes learn its socket.
+    m_pResourceServer = std::make_unique<WebKitResourceServer>(*this);
+    if (m_pResourceServer->Start()) {
+        SetExtensionInitValue(kResourceSocketKey, g_variant_new_string(m_pResourceServer->GetSocketPath().c_str()));
+    } else {
+        NSLog("WebKitEnginePort::Initialize - resource requests go unchecked: the resource thread did not start");
+        m_pResourceServer.reset();
+    }
+
     m_pWebContext = webkit_web_context_new_ephemeral();
     webkit_web_context_set_sandbox_enabled(m_pWebContext, FALSE);
     // One page per view and no page kept for later: a closed view's web
@@ -161,6 +175,14 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     webkit_web_context_set_cache_model(m_pWebContext, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
     webkit_web_context_set_web_extensions_directory(m_pWebContext, m_strExtensionFolder.c_str());
     g_signal_connect(m_pWebContext, "initialize-web-extensions", G_CALLBACK(InitializeWebExtensionsThunk), this);
+    if (m_pResourceServer) {
+        webkit_web_context_register_uri_scheme(m_pWebContext, kResourceScheme, SchemeRequestThunk, this, nullptr);
+        WebKitSecurityManager* security = webkit_web_context_get_security_manager(m_pWebContext);
+        // Taken-over requests of any page (also https pages, also fetches)
+        // may load from the internal scheme.
+        webkit_security_manager_register_uri_scheme_as_secure(security, kResourceScheme);
+        webkit_security_manager_register_uri_scheme_as_cors_enabled(security, kResourceScheme);
+    }
 
     m_bRunning.store(true);
     return true;
@@ -169,6 +191,37 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
 void WebKitEnginePort::InitializeWebExtensionsThunk(WebKitWebContext*, gpointer self)
 {
     static_cast<WebKitEnginePort*>(self)->OnInitializeWebExtensions();
+}
+
+void WebKitEnginePort::SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self)
+{
+    auto* port = static_cast<WebKitEnginePort*>(self);
+    if (port->m_pResourceServer) {
+        port->m_pResourceServer->OnSchemeRequest(request);
+    } else {
+        GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_NOT_FOUND, "no resource thread");
+        webkit_uri_scheme_request_finish_error(request, error);
+        g_error_free(error);
+    }
+}
+
+std::shared_ptr<WebKitView> WebKitEnginePort::FindViewForPage(uint64_t pageId)
+{
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    auto found = m_Pages.find(pageId);
+    return found == m_Pages.end() ? nullptr : found->second.lock();
+}
+
+void WebKitEnginePort::RegisterPage(uint64_t pageId, const std::shared_ptr<WebKitView>& view)
+{
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    m_Pages[pageId] = view;
+}
+
+void WebKitEnginePort::UnregisterPage(uint64_t pageId)
+{
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    m_Pages.erase(pageId);
 }
 
 void WebKitEnginePort::OnInitializeWebExtensions()
@@ -279,6 +332,8 @@ void WebKitEnginePort::Shutdown()
     for (auto& entry : views)
         entry.second->Close(false);
     m_Views.clear();
+    if (m_pResourceServer)
+        m_pResourceServer->Stop();
 
     if (m_pWebContext) {
         g_signal_handlers_disconnect_by_data(m_pWebContext, this);

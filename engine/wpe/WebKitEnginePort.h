@@ -22,10 +22,12 @@
 #include <vector>
 
 typedef struct _WebKitWebContext WebKitWebContext;
+typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
 class WebKitView;
+class WebKitResourceServer;
 
 // Creates the WebKit port; the caller owns it and installs it with
 // SetEnginePort.
@@ -64,6 +66,14 @@ public:
     // A view was closed: forget it.
     void ForgetView(int id);
 
+    // The view showing a page (by WebKit's page identifier), from any
+    // thread; null when none does.
+    std::shared_ptr<WebKitView> FindViewForPage(uint64_t pageId);
+    void RegisterPage(uint64_t pageId, const std::shared_ptr<WebKitView>& view);
+    void UnregisterPage(uint64_t pageId);
+    // Null when resource requests are not offered to the clients.
+    WebKitResourceServer* GetResourceServer() const { return m_pResourceServer.get(); }
+
     // Process ids of the web processes this process started that still run.
     static std::vector<int> RunningWebProcesses();
     // The same for every helper process of the engine: pid, and whether it
@@ -78,6 +88,7 @@ private:
     void CreateView(int id, EngineClient* client, const std::string& url, const EngineBrowserSettings& settings);
 
     static void InitializeWebExtensionsThunk(WebKitWebContext* context, gpointer self);
+    static void SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self);
 
     EngineApp* m_pApp = nullptr;
     std::string m_strExtensionFolder;
@@ -90,6 +101,12 @@ private:
     GSource* m_pTaskSource = nullptr;
     WebKitWebContext* m_pWebContext = nullptr;
     std::map<int, std::shared_ptr<WebKitView>> m_Views;
+    std::unique_ptr<WebKitResourceServer> m_pResourceServer;
+
+    // Views by page identifier, for the resource thread. Lock order: a leaf
+    // lock.
+    std::mutex m_PageMutex;
+    std::map<uint64_t, std::weak_ptr<WebKitView>> m_Pages;
 
     std::atomic<bool> m_bRunning{false};
     std::atomic<int> m_nNextBrowserId{1};

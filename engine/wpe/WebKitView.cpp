@@ -3,6 +3,7 @@
 #include "dbg/NSLog.h"
 #include "engine/wpe/WebKitEnginePort.h"
 #include "engine/wpe/WebKitInput.h"
+#include "engine/wpe/WebKitResourceServer.h"
 #include "engine/wpe/WebKitVariantCodec.h"
 
 #include <wayland-server.h>
@@ -135,6 +136,9 @@ void WebKitView::Open(const std::string& url)
     if (auto scale = m_Port.GetDeviceScaleFactor())
         wpe_view_backend_dispatch_set_device_scale_factor(backend, static_cast<float>(*scale));
 
+    m_nPageId = webkit_web_view_get_page_id(m_pView);
+    m_Port.RegisterPage(m_nPageId, shared_from_this());
+
     WebKitColor transparent = {0.0, 0.0, 0.0, 0.0};
     webkit_web_view_set_background_color(m_pView, &transparent);
 
@@ -209,6 +213,23 @@ void WebKitView::Close(bool notify)
     }
     m_LastImage.clear();
     m_LastImage.shrink_to_fit();
+    if (m_nPageId)
+        m_Port.UnregisterPage(m_nPageId);
+
+    // Requests that were to stay open end with the view; their handlers
+    // hear of it on the resource thread.
+    std::vector<EngineResourceHandler*> handlers;
+    for (auto& open : m_OpenRequests) {
+        GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "the browser closed");
+        webkit_uri_scheme_request_finish_error(open.first, error);
+        g_error_free(error);
+        g_object_unref(open.first);
+        if (open.second)
+            handlers.push_back(open.second);
+    }
+    m_OpenRequests.clear();
+    if (!handlers.empty() && notify && m_Port.GetResourceServer())
+        m_Port.GetResourceServer()->CancelRequests(handlers);
 
     auto self = shared_from_this();
     m_Port.ForgetView(m_nId);
@@ -218,6 +239,15 @@ void WebKitView::Close(bool notify)
                 handler->OnBeforeClose(self);
         });
     }
+}
+
+bool WebKitView::KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler)
+{
+    if (m_bClosed)
+        return false;
+    g_object_ref(request);
+    m_OpenRequests.emplace_back(request, handler);
+    return true;
 }
 
 void WebKitView::DestroyBackendThunk(gpointer data)

@@ -20,6 +20,7 @@ typedef struct _WebKitUserMessage WebKitUserMessage;
 typedef struct _WebKitHitTestResult WebKitHitTestResult;
 typedef struct _WebKitScriptDialog WebKitScriptDialog;
 typedef struct _WebKitNavigationAction WebKitNavigationAction;
+typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
 struct wpe_view_backend;
 struct wpe_view_backend_exportable_fdo;
 struct wpe_fdo_shm_exported_buffer;
@@ -44,6 +45,11 @@ public:
     // Pump thread: destroys the WebKit view (idempotent). With notify, the
     // client's OnBeforeClose follows from a later pump pass.
     void Close(bool notify);
+
+    EngineClient* GetClient() const { return m_pClient; }
+    // Engine context: keeps a request for the internal scheme open until
+    // the view closes (false when it has closed already).
+    bool KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler);
 
     // EngineBrowser
     int GetIdentifier() override { return m_nId; }
@@ -117,7 +123,8 @@ private:
     int64_t m_nLastPressTime = 0;
     int m_nLastPressX = 0;
     int m_nLastPressY = 0;
-    uint32_t m_nHeldButtons = 0;
+    uint64_t m_nPageId = 0;
+    std::vector<std::pair<WebKitURISchemeRequest*, EngineResourceHandler*>> m_OpenRequests;
 
     // The view's URL, readable from any thread. Lock order: a leaf lock.
     std::mutex m_UrlMutex;

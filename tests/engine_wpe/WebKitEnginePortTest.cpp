@@ -7,7 +7,11 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cstring>
+#include <mutex>
 #include <cstdint>
 #include <fstream>
 #include <functional>
@@ -20,6 +24,7 @@ using namespace SLF_ChromiumEmbeddedFramework;
 namespace {
 
 const std::string kColoursPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_colors.html";
+const std::string kResourcesPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_resources.html";
 const std::string kEventsPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_events.html";
 
 struct Bgra {
@@ -155,6 +160,68 @@ bool ProcessRuns(int pid)
     const size_t close = line.rfind(')');
     return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
 }
+
+// Answers http://streamloft/settings with a colour name and keeps
+// http://streamloft/pending open (length -1, no data), the way the engine's
+// client answers refused requests. Runs on the port's resource thread.
+class ResourceClient : public TestClient, public EngineRequestHandler, public EngineResourceHandler {
+public:
+    ResourceClient() : TestClient(150, 50) {}
+    EngineRequestHandler* GetRequestHandler() override { return this; }
+
+    EngineResourceHandler* GetResourceHandler(EngineBrowserRef browser, EngineFrameRef,
+                                              EngineRequestRef request) override
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        seenUrls.push_back(request->GetURL());
+        askedOnPumpThread = askedOnPumpThread || std::this_thread::get_id() == pumpThread;
+        askedForBrowser = browser ? browser->GetIdentifier() : -1;
+        return request->GetURL().rfind("http://streamloft/", 0) == 0 ? this : nullptr;
+    }
+    bool ProcessRequest(EngineRequestRef request, EngineCallbackRef callback) override
+    {
+        lastUrl = request->GetURL();
+        callback->Continue();
+        return true;
+    }
+    void GetResponseHeaders(EngineResponseRef response, int64_t& length, std::string&) override
+    {
+        if (lastUrl == "http://streamloft/settings") {
+            body = "rgb(0, 0, 255)";
+            length = static_cast<int64_t>(body.size());
+            response->SetMimeType("text/plain");
+        } else {
+            length = -1;
+            response->SetStatus(403);
+        }
+    }
+    bool ReadResponse(void* out, int bytesToRead, int& bytesRead, EngineCallbackRef) override
+    {
+        if (!body.empty()) {
+            bytesRead = std::min<int>(bytesToRead, static_cast<int>(body.size()));
+            std::memcpy(out, body.data(), static_cast<size_t>(bytesRead));
+            body.erase(0, static_cast<size_t>(bytesRead));
+            return true;
+        }
+        return true;
+    }
+    void Cancel() override { ++cancels; }
+
+    bool Saw(const std::string& url)
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return std::find(seenUrls.begin(), seenUrls.end(), url) != seenUrls.end();
+    }
+
+    std::thread::id pumpThread = std::this_thread::get_id();
+    std::mutex mutex;
+    std::vector<std::string> seenUrls;
+    bool askedOnPumpThread = false;
+    int askedForBrowser = 0;
+    std::atomic<int> cancels{0};
+    std::string lastUrl;
+    std::string body;
+};
 
 class WebKitEnginePortTest : public ::testing::Test {
 protected:
@@ -378,6 +445,32 @@ TEST_F(WebKitEnginePortTest, DialogsCursorWheelDoubleClickScriptsAndVisibility)
 
     host->CloseBrowser(false);
     EXPECT_TRUE(PumpUntil([&] { return client.closedCount == 1; })) << "a polite close did not close";
+}
+
+TEST_F(WebKitEnginePortTest, ServiceAnswersTakenOverRequestsAndKeepsOpenOnesOpen)
+{
+    ResourceClient client;
+    Open(client, 30, kResourcesPage);
+
+    // Every request is offered, the document too; others load normally.
+    EXPECT_TRUE(client.Saw(kResourcesPage));
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(75, 25) == kBlue; }))
+        << "settings body not applied; pixel " << client.Pixel(75, 25);
+    {
+        std::lock_guard<std::mutex> lock(client.mutex);
+        EXPECT_FALSE(client.askedOnPumpThread) << "requests must be decided on the resource thread";
+        EXPECT_EQ(client.askedForBrowser, client.browser->GetIdentifier());
+    }
+    EXPECT_TRUE(client.Saw("http://streamloft/pending"));
+
+    // The request without an end stays open while the browser lives...
+    Pump(300);
+    EXPECT_EQ(client.Pixel(125, 25), kGrey);
+    EXPECT_EQ(client.cancels.load(), 0);
+    // ...and is cancelled when it closes.
+    client.browser->GetHost()->CloseBrowser(true);
+    ASSERT_TRUE(PumpUntil([&] { return client.closedCount == 1; }));
+    EXPECT_TRUE(PumpUntil([&] { return client.cancels.load() == 1; }));
 }
 
 TEST_F(WebKitEnginePortTest, EngineStartsOncePerProcess)

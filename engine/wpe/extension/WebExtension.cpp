@@ -7,6 +7,8 @@
 #include "engine/wpe/WebKitVariantCodec.h"
 #include "engine/wpe/extension/WebPageBrowser.h"
 #include "engine/wpe/extension/WebProcessApp.h"
+#include "engine/wpe/extension/WebResourceFilter.h"
+#include "engine/wpe/WebKitResourceChannel.h"
 
 #include <wpe/webkit-web-extension.h>
 
@@ -25,6 +27,8 @@ struct WebProcessState {
     EngineCommandLine switches;
     // Pages by their identifier; an entry goes with its page.
     std::map<guint64, std::shared_ptr<WebPageBrowser>> pages;
+    // Present when the service offers resource requests to its clients.
+    std::unique_ptr<WebResourceFilter> resourceFilter;
 };
 
 WebProcessState* g_pState = nullptr;
@@ -64,6 +68,8 @@ void OnPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer)
     g_pState->pages[id] = std::make_shared<WebPageBrowser>(page);
     g_object_weak_ref(G_OBJECT(page), OnPageGone, new guint64(id));
     g_signal_connect(page, "user-message-received", G_CALLBACK(OnPageMessage), nullptr);
+    if (g_pState->resourceFilter)
+        g_pState->resourceFilter->Attach(page);
 }
 
 } // namespace
@@ -75,7 +81,12 @@ extern "C" G_MODULE_EXPORT void webkit_web_extension_initialize_with_user_data(W
         return;
     g_pState = new WebProcessState();
 
-    ExtensionInitData data = ExtensionInitDataFromVariant(const_cast<GVariant*>(userData));
+    auto* initData = const_cast<GVariant*>(userData);
+    ExtensionInitData data = ExtensionInitDataFromVariant(initData);
+    const gchar* socketPath = nullptr;
+    if (initData && g_variant_is_of_type(initData, G_VARIANT_TYPE_VARDICT) &&
+        g_variant_lookup(initData, kResourceSocketKey, "&s", &socketPath))
+        g_pState->resourceFilter = std::make_unique<WebResourceFilter>(socketPath);
     g_pState->switches = data.switches;
     g_pState->app = CreateWebProcessApp();
     if (g_pState->app)

@@ -1,0 +1,106 @@
+#include "engine/wpe/WebKitResourceChannel.h"
+
+#include <errno.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+namespace {
+
+bool WriteAll(int fd, const void* data, size_t size)
+{
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    while (size > 0) {
+        const ssize_t written = send(fd, bytes, size, MSG_NOSIGNAL);
+        if (written < 0 && errno == EINTR)
+            continue;
+        if (written <= 0)
+            return false;
+        bytes += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+bool ReadAll(int fd, void* data, size_t size)
+{
+    auto* bytes = static_cast<uint8_t*>(data);
+    while (size > 0) {
+        const ssize_t got = read(fd, bytes, size);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return false;
+        bytes += got;
+        size -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+} // namespace
+
+bool WriteResourceFrame(int fd, GVariant* value)
+{
+    g_variant_ref_sink(value);
+    // The serialised form, taken as it is (storing it behind the length
+    // would misalign it).
+    const gsize size = g_variant_get_size(value);
+    std::vector<uint8_t> frame(sizeof(uint32_t) + size);
+    const uint32_t length = static_cast<uint32_t>(size);
+    std::memcpy(frame.data(), &length, sizeof(length));
+    if (size)
+        std::memcpy(frame.data() + sizeof(length), g_variant_get_data(value), size);
+    g_variant_unref(value);
+    return WriteAll(fd, frame.data(), frame.size());
+}
+
+GVariant* ReadResourceFrame(int fd, const char* type)
+{
+    uint32_t length = 0;
+    if (!ReadAll(fd, &length, sizeof(length)) || length > kMaxFrameBytes)
+        return nullptr;
+    auto* data = static_cast<uint8_t*>(g_malloc(length ? length : 1));
+    if (!ReadAll(fd, data, length)) {
+        g_free(data);
+        return nullptr;
+    }
+    GBytes* bytes = g_bytes_new_take(data, length);
+    GVariant* value = g_variant_new_from_bytes(G_VARIANT_TYPE(type), bytes, FALSE);
+    g_bytes_unref(bytes);
+    g_variant_ref_sink(value);
+    // Untrusted bytes: only a value in normal form is taken as it is.
+    if (!g_variant_is_normal_form(value)) {
+        g_variant_unref(value);
+        return nullptr;
+    }
+    return value;
+}
+
+std::string ResourceUrlForIdentifier(uint64_t identifier)
+{
+    return std::string(kResourceScheme) + ":" + std::to_string(identifier);
+}
+
+uint64_t ResourceIdentifierFromUrl(const char* url)
+{
+    if (!url)
+        return 0;
+    const size_t schemeLength = std::strlen(kResourceScheme);
+    if (std::strncmp(url, kResourceScheme, schemeLength) != 0 || url[schemeLength] != ':')
+        return 0;
+    const char* digits = url + schemeLength + 1;
+    if (*digits < '0' || *digits > '9')
+        return 0;
+    char* end = nullptr;
+    const unsigned long long value = std::strtoull(digits, &end, 10);
+    if (!end || *end != '\0')
+        return 0;
+    return value;
+}
+
+} // namespace SLF_ChromiumEmbeddedFramework

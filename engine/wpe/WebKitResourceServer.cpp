@@ -1,0 +1,331 @@
+#include "engine/wpe/WebKitResourceServer.h"
+
+#include "dbg/NSLog.h"
+#include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WebKitView.h"
+
+#include <libsoup/soup.h>
+#include <wpe/webkit.h>
+
+#include <errno.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+namespace {
+
+constexpr int kReadChunk = 64 * 1024;
+// A body larger than this is cut off; no internal resource comes near it.
+constexpr size_t kMaxBodyBytes = 256 * 1024 * 1024;
+
+class ResourceRequest : public EngineRequest {
+public:
+    ResourceRequest(uint64_t identifier, std::string url) : m_nIdentifier(identifier), m_strUrl(std::move(url)) {}
+    uint64_t GetIdentifier() override { return m_nIdentifier; }
+    std::string GetURL() override { return m_strUrl; }
+
+private:
+    uint64_t m_nIdentifier;
+    std::string m_strUrl;
+};
+
+class ResourceResponse : public EngineResponse {
+public:
+    void SetStatus(int status) override { m_nStatus = status; }
+    int GetStatus() override { return m_nStatus; }
+    void SetMimeType(const std::string& mimeType) override { m_strMimeType = mimeType; }
+    void SetHeader(const std::string& name, const std::string& value) override
+    {
+        m_Headers.emplace_back(name, value);
+    }
+
+    int m_nStatus = 0;
+    std::string m_strMimeType;
+    std::vector<std::pair<std::string, std::string>> m_Headers;
+};
+
+// The handler runs synchronously on the resource thread; there is nothing
+// to resume later.
+class ResourceCallback : public EngineCallback {
+public:
+    void Continue() override {}
+    void Cancel() override {}
+};
+
+// What the resource thread produced for one request.
+struct ResourceResult {
+    enum Kind { Finished, Failed, Open } kind = Failed;
+    int status = 200;
+    std::string mimeType;
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::vector<uint8_t> body;
+};
+
+void FinishRequest(WebKitURISchemeRequest* request, ResourceResult& result)
+{
+    if (result.kind == ResourceResult::Failed) {
+        GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_FAILED, "the resource handler refused the request");
+        webkit_uri_scheme_request_finish_error(request, error);
+        g_error_free(error);
+        return;
+    }
+    const gint64 length = static_cast<gint64>(result.body.size());
+    GBytes* bytes = g_bytes_new(result.body.data(), result.body.size());
+    GInputStream* stream = g_memory_input_stream_new_from_bytes(bytes);
+    g_bytes_unref(bytes);
+    WebKitURISchemeResponse* response = webkit_uri_scheme_response_new(stream, length);
+    g_object_unref(stream);
+    webkit_uri_scheme_response_set_status(response, static_cast<guint>(result.status), nullptr);
+    if (!result.mimeType.empty())
+        webkit_uri_scheme_response_set_content_type(response, result.mimeType.c_str());
+    SoupMessageHeaders* headers = soup_message_headers_new(SOUP_MESSAGE_HEADERS_RESPONSE);
+    // Pages of any origin may read what the service answers.
+    soup_message_headers_replace(headers, "Access-Control-Allow-Origin", "*");
+    for (const auto& header : result.headers)
+        soup_message_headers_replace(headers, header.first.c_str(), header.second.c_str());
+    webkit_uri_scheme_response_set_http_headers(response, headers);
+    webkit_uri_scheme_request_finish_with_response(request, response);
+    g_object_unref(response);
+}
+
+} // namespace
+
+WebKitResourceServer::WebKitResourceServer(WebKitEnginePort& port) : m_Port(port) {}
+
+WebKitResourceServer::~WebKitResourceServer()
+{
+    Stop();
+}
+
+bool WebKitResourceServer::Start()
+{
+    GError* error = nullptr;
+    // A folder only this user can enter keeps other users off the socket.
+    gchar* folder = g_dir_make_tmp("slf-engine-XXXXXX", &error);
+    if (!folder) {
+        NSLog("WebKitResourceServer::Start - no private folder: %s", error->message);
+        g_error_free(error);
+        return false;
+    }
+    m_strFolder = folder;
+    g_free(folder);
+    m_strSocketPath = m_strFolder + "/resources.sock";
+
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (m_strSocketPath.size() >= sizeof(address.sun_path)) {
+        NSLog("WebKitResourceServer::Start - socket path too long: %s", m_strSocketPath.c_str());
+        Stop();
+        return false;
+    }
+    std::strcpy(address.sun_path, m_strSocketPath.c_str());
+    m_nListenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (m_nListenFd < 0 || bind(m_nListenFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(m_nListenFd, 16) != 0) {
+        NSLog("WebKitResourceServer::Start - cannot listen on %s: %s", m_strSocketPath.c_str(), strerror(errno));
+        Stop();
+        return false;
+    }
+    m_nWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (m_nWakeFd < 0) {
+        Stop();
+        return false;
+    }
+    m_bStop.store(false);
+    m_Thread = std::thread([this] { ThreadMain(); });
+    return true;
+}
+
+void WebKitResourceServer::Stop()
+{
+    if (m_Thread.joinable()) {
+        m_bStop.store(true);
+        const uint64_t one = 1;
+        if (write(m_nWakeFd, &one, sizeof(one)) < 0)
+            NSLog("WebKitResourceServer::Stop - cannot wake the resource thread: %s", strerror(errno));
+        m_Thread.join();
+    }
+    if (m_nListenFd >= 0)
+        close(m_nListenFd);
+    if (m_nWakeFd >= 0)
+        close(m_nWakeFd);
+    m_nListenFd = m_nWakeFd = -1;
+    if (!m_strSocketPath.empty())
+        unlink(m_strSocketPath.c_str());
+    if (!m_strFolder.empty())
+        rmdir(m_strFolder.c_str());
+    m_strSocketPath.clear();
+    m_strFolder.clear();
+    m_Pending.clear();
+    std::lock_guard<std::mutex> lock(m_JobMutex);
+    m_Jobs.clear();
+}
+
+void WebKitResourceServer::Queue(std::function<void()> job)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_JobMutex);
+        m_Jobs.push_back(std::move(job));
+    }
+    const uint64_t one = 1;
+    if (write(m_nWakeFd, &one, sizeof(one)) < 0)
+        NSLog("WebKitResourceServer - cannot wake the resource thread: %s", strerror(errno));
+}
+
+void WebKitResourceServer::OnSchemeRequest(WebKitURISchemeRequest* request)
+{
+    const uint64_t identifier = ResourceIdentifierFromUrl(webkit_uri_scheme_request_get_uri(request));
+    g_object_ref(request);
+    Queue([this, identifier, request] { Serve(identifier, request); });
+}
+
+void WebKitResourceServer::CancelRequests(const std::vector<EngineResourceHandler*>& handlers)
+{
+    Queue([handlers] {
+        for (EngineResourceHandler* handler : handlers)
+            handler->Cancel();
+    });
+}
+
+void WebKitResourceServer::ThreadMain()
+{
+    pthread_setname_np(pthread_self(), "SlfResources");
+    std::vector<int> clients;
+    while (!m_bStop.load()) {
+        std::vector<pollfd> fds;
+        fds.push_back({m_nWakeFd, POLLIN, 0});
+        fds.push_back({m_nListenFd, POLLIN, 0});
+        for (int fd : clients)
+            fds.push_back({fd, POLLIN, 0});
+        if (poll(fds.data(), fds.size(), -1) < 0) {
+            if (errno == EINTR)
+                continue;
+            NSLog("WebKitResourceServer - poll failed: %s", strerror(errno));
+            break;
+        }
+        if (fds[0].revents) {
+            uint64_t count = 0;
+            if (read(m_nWakeFd, &count, sizeof(count)) < 0 && errno != EAGAIN)
+                NSLog("WebKitResourceServer - wake read failed: %s", strerror(errno));
+            std::deque<std::function<void()>> jobs;
+            {
+                std::lock_guard<std::mutex> lock(m_JobMutex);
+                jobs.swap(m_Jobs);
+            }
+            if (m_bStop.load())
+                break;
+            for (auto& job : jobs)
+                job();
+        }
+        if (fds[1].revents & POLLIN) {
+            const int client = accept4(m_nListenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            if (client >= 0)
+                clients.push_back(client);
+        }
+        for (size_t i = 2; i < fds.size(); ++i) {
+            if (!fds[i].revents)
+                continue;
+            const int fd = fds[i].fd;
+            GVariant* question = (fds[i].revents & POLLIN) ? ReadResourceFrame(fd, kQuestionType) : nullptr;
+            bool keep = false;
+            if (question) {
+                guint64 pageId = 0;
+                const gchar* url = nullptr;
+                g_variant_get(question, "(t&s)", &pageId, &url);
+                const uint64_t identifier = Answer(pageId, url);
+                g_variant_unref(question);
+                keep = WriteResourceFrame(fd, g_variant_new(kAnswerType, static_cast<guint64>(identifier)));
+            }
+            if (!keep) {
+                close(fd);
+                std::erase(clients, fd);
+            }
+        }
+    }
+    for (int fd : clients)
+        close(fd);
+}
+
+uint64_t WebKitResourceServer::Answer(uint64_t pageId, const std::string& url)
+{
+    std::shared_ptr<WebKitView> view = m_Port.FindViewForPage(pageId);
+    if (!view)
+        return 0;
+    EngineRequestHandler* requestHandler = view->GetClient()->GetRequestHandler();
+    if (!requestHandler)
+        return 0;
+    const uint64_t identifier = m_nNextIdentifier++;
+    auto request = std::make_shared<ResourceRequest>(identifier, url);
+    EngineResourceHandler* handler = requestHandler->GetResourceHandler(view, view, request);
+    if (!handler)
+        return 0;
+    m_Pending[identifier] = Pending{view, request, handler};
+    return identifier;
+}
+
+void WebKitResourceServer::Serve(uint64_t identifier, WebKitURISchemeRequest* request)
+{
+    auto result = std::make_shared<ResourceResult>();
+    std::shared_ptr<WebKitView> view;
+    EngineResourceHandler* handler = nullptr;
+
+    auto found = m_Pending.find(identifier);
+    if (found != m_Pending.end()) {
+        Pending pending = std::move(found->second);
+        m_Pending.erase(found);
+        view = pending.view;
+        handler = pending.handler;
+        auto callback = std::make_shared<ResourceCallback>();
+        if (handler->ProcessRequest(pending.request, callback)) {
+            auto response = std::make_shared<ResourceResponse>();
+            int64_t length = -1;
+            std::string redirectUrl;
+            handler->GetResponseHeaders(response, length, redirectUrl);
+            result->kind = ResourceResult::Finished;
+            result->status = response->m_nStatus > 0 ? response->m_nStatus : 200;
+            result->mimeType = response->m_strMimeType;
+            result->headers = response->m_Headers;
+            // Read until the handler ends the body or the announced length
+            // arrived. A handler that has nothing now and more "later" keeps
+            // the request open: no later exists here, so it stays open until
+            // its view closes.
+            std::vector<uint8_t> chunk(kReadChunk);
+            while (length != 0) {
+                int bytesRead = 0;
+                if (!handler->ReadResponse(chunk.data(), kReadChunk, bytesRead, callback))
+                    break;
+                if (bytesRead <= 0) {
+                    result->kind = ResourceResult::Open;
+                    break;
+                }
+                result->body.insert(result->body.end(), chunk.begin(), chunk.begin() + std::min(bytesRead, kReadChunk));
+                if ((length > 0 && result->body.size() >= static_cast<size_t>(length)) ||
+                    result->body.size() > kMaxBodyBytes)
+                    break;
+            }
+            if (length > 0 && result->body.size() > static_cast<size_t>(length))
+                result->body.resize(static_cast<size_t>(length));
+        }
+    }
+
+    m_Port.Post([view, handler, request, result]() {
+        if (result->kind == ResourceResult::Open && view && view->KeepRequestOpen(request, handler)) {
+            g_object_unref(request);
+            return;
+        }
+        if (result->kind == ResourceResult::Open)
+            result->kind = ResourceResult::Failed;
+        FinishRequest(request, *result);
+        g_object_unref(request);
+    });
+}
+
+} // namespace SLF_ChromiumEmbeddedFramework
