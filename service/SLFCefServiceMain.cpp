@@ -1,0 +1,145 @@
+#include "service/SLFCefServiceMain.h"
+
+#include "dbg/NSLog.h"
+#include "service/SLFCefServiceDelegate.h"
+#include "service/SLFCefServiceSocket.h"
+#include "service/SLFCefXPCListener.h"
+
+#if __has_include("dbg/dbg.h")
+#include "dbg/dbg.h"
+#define SLF_HAVE_DBGCOMMAND 1
+#endif
+
+#if SLF_HAVE_WPE_ENGINE
+#include "engine/port/EnginePort.h"
+#include "engine/wpe/WebKitEnginePort.h"
+#endif
+
+#include <CLI/CLI.hpp>
+#include <glib-unix.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#ifndef SLF_VERSION
+#define SLF_VERSION "0"
+#endif
+
+namespace {
+
+constexpr int kUsageExitCode = 2;
+
+void ApplyLogCommand(const std::string& command)
+{
+    if (command.find_first_not_of(" \t") == std::string::npos)
+        return;
+#if SLF_HAVE_DBGCOMMAND
+    dbgcommand(command.c_str());
+#else
+    NSLog("Log configuration is not part of this build; ignored \"%s\"", command.c_str());
+#endif
+}
+
+// STREAMLOFT_LOG first (commands separated by ";"), then every --log in
+// order, so that the command line has the last word.
+void ConfigureLog(const std::vector<std::string>& commands)
+{
+    if (const char* environment = getenv("STREAMLOFT_LOG")) {
+        std::stringstream list(environment);
+        std::string command;
+        while (std::getline(list, command, ';'))
+            ApplyLogCommand(command);
+    }
+    for (const std::string& command : commands)
+        ApplyLogCommand(command);
+}
+
+void InstallEngine()
+{
+#if SLF_HAVE_WPE_ENGINE
+    SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateWebKitEnginePort());
+#else
+    NSLog("No web engine in this build: open requests are answered with browser ID -1");
+#endif
+}
+
+gboolean OnTerminate(gpointer data)
+{
+    static_cast<SLFCefXPCListener*>(data)->quit();
+    return G_SOURCE_CONTINUE;
+}
+
+} // namespace
+
+int SLFCefServiceMain(int argc, char** argv)
+{
+    CLI::App app("Renders web pages off screen for a streaming application (the host) and hands it the frames "
+                 "and the audio. Started on demand by the host library, or by systemd socket activation.",
+                 "StreamloftCEFOverlayHelper");
+    std::string listenPath;
+    std::vector<std::string> logCommands;
+    app.add_option("--listen", listenPath,
+                   "Listen on this Unix socket path (default: a socket handed over by systemd, else "
+                   "$XDG_RUNTIME_DIR/streamloft/overlay-helper.sock)");
+    app.add_option("--log", logCommands,
+                   "Apply a log configuration command (repeatable; also STREAMLOFT_LOG, commands separated "
+                   "by ';')")
+        ->allow_extra_args(false);
+    app.set_version_flag("--version", std::string("StreamloftCEFOverlayHelper ") + SLF_VERSION);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForVersion& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return kUsageExitCode;
+    }
+
+    ConfigureLog(logCommands);
+    signal(SIGPIPE, SIG_IGN);
+
+    SLFCefServiceSocket socket;
+    std::string error;
+    switch (SLFCefOpenServiceSocket(listenPath, socket, error)) {
+    case SLFCefServiceSocketResult::AlreadyServed:
+        // Another service answers on this address: nothing to do.
+        return 0;
+    case SLFCefServiceSocketResult::Failed:
+        NSLog("Cannot listen: %s", error.c_str());
+        return 1;
+    case SLFCefServiceSocketResult::Ready:
+        break;
+    }
+
+    InstallEngine();
+
+    GError* listenError = nullptr;
+    int listenFd = socket.listenFd;
+    socket.listenFd = -1; // the listener owns it now
+    std::shared_ptr<SLFCefXPCListener> listener = SLFCefXPCListener::CreateWithListeningSocket(listenFd, &listenError);
+    if (!listener) {
+        NSLog("Cannot listen: %s", listenError ? listenError->message : "?");
+        g_clear_error(&listenError);
+        SLFCefReleaseServiceSocket(socket);
+        return 1;
+    }
+    // Lives for the whole process.
+    auto* delegate = new SLFCefServiceDelegate();
+    listener->setDelegate(delegate);
+    g_unix_signal_add(SIGTERM, OnTerminate, listener.get());
+    g_unix_signal_add(SIGINT, OnTerminate, listener.get());
+    // Runs until the process is told to end.
+    listener->resume();
+
+    listener->stop();
+    SLFCefReleaseServiceSocket(socket);
+    return 0;
+}

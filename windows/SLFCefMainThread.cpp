@@ -1,0 +1,99 @@
+#include "windows/SLFCefMainThread.h"
+
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <mutex>
+
+namespace {
+
+struct MainThreadJob {
+    const std::function<void()>* work;
+    // Leaf lock of the hand-over; nothing else is taken while it is held.
+    std::mutex lock;
+    std::condition_variable finished;
+    bool done = false;
+};
+
+gboolean RunJob(gpointer data)
+{
+    auto* job = static_cast<MainThreadJob*>(data);
+    (*job->work)();
+    std::lock_guard<std::mutex> guard(job->lock);
+    job->done = true;
+    job->finished.notify_one();
+    return G_SOURCE_REMOVE;
+}
+
+struct PeriodicSource {
+    GSource source;
+    int fd;
+};
+
+gboolean PeriodicDispatch(GSource* source, GSourceFunc callback, gpointer userData)
+{
+    auto* periodic = reinterpret_cast<PeriodicSource*>(source);
+    uint64_t expirations = 0;
+    ssize_t n;
+    do {
+        n = read(periodic->fd, &expirations, sizeof expirations);
+    } while (n < 0 && errno == EINTR);
+    if (!callback)
+        return G_SOURCE_CONTINUE;
+    return callback(userData);
+}
+
+void PeriodicFinalize(GSource* source)
+{
+    auto* periodic = reinterpret_cast<PeriodicSource*>(source);
+    if (periodic->fd >= 0)
+        close(periodic->fd);
+    periodic->fd = -1;
+}
+
+// Without prepare and check, the source is dispatched whenever its fd is
+// readable.
+GSourceFuncs gPeriodicSourceFuncs = {nullptr, nullptr, PeriodicDispatch, PeriodicFinalize, nullptr, nullptr};
+
+} // namespace
+
+void SLFCefRunOnMainAndWait(const std::function<void()>& work)
+{
+    GMainContext* mainContext = g_main_context_default();
+    if (g_main_context_is_owner(mainContext)) {
+        work();
+        return;
+    }
+    MainThreadJob job;
+    job.work = &work;
+    GSource* source = g_idle_source_new();
+    g_source_set_priority(source, G_PRIORITY_DEFAULT);
+    g_source_set_callback(source, RunJob, &job, nullptr);
+    g_source_attach(source, mainContext);
+    g_source_unref(source);
+    std::unique_lock<std::mutex> guard(job.lock);
+    job.finished.wait(guard, [&job] { return job.done; });
+}
+
+GSource* SLFCefPeriodicSourceNew(uint64_t periodNanoseconds)
+{
+    int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    if (fd < 0)
+        return nullptr;
+    struct itimerspec spec = {};
+    spec.it_interval.tv_sec = static_cast<time_t>(periodNanoseconds / 1000000000u);
+    spec.it_interval.tv_nsec = static_cast<long>(periodNanoseconds % 1000000000u);
+    spec.it_value = spec.it_interval;
+    if (timerfd_settime(fd, 0, &spec, nullptr) != 0) {
+        close(fd);
+        return nullptr;
+    }
+    GSource* source = g_source_new(&gPeriodicSourceFuncs, sizeof(PeriodicSource));
+    auto* periodic = reinterpret_cast<PeriodicSource*>(source);
+    periodic->fd = fd;
+    g_source_set_name(source, "SLFCefPeriodicSource");
+    g_source_add_unix_fd(source, fd, G_IO_IN);
+    return source;
+}

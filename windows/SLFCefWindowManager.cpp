@@ -1,0 +1,240 @@
+#include "windows/SLFCefWindowManager.h"
+
+#include "dbg/NSLog.h"
+#include "windows/SLFCefMainThread.h"
+
+#if SLF_HAVE_ENGINE
+#include "engine/BrowserCallbacks.h"
+#include "engine/CBrowserWrapper.h"
+#endif
+
+#include <cmath>
+#include <limits>
+
+using SLF_ChromiumEmbeddedFramework::CBrowserWrapper;
+
+namespace {
+
+// Truncation toward zero into the engine's unsigned pixel and frame counts.
+// Values the engine cannot take (not a number, negative, too large) are
+// clamped instead of overflowing.
+[[maybe_unused]] unsigned int TruncatedToUnsigned(double value)
+{
+    if (!(value > 0))
+        return 0;
+    if (value >= static_cast<double>(std::numeric_limits<unsigned int>::max()))
+        return std::numeric_limits<unsigned int>::max();
+    return static_cast<unsigned int>(value);
+}
+
+#if SLF_HAVE_ENGINE
+gboolean PumpEngine(gpointer data)
+{
+    auto* wrapper = static_cast<CBrowserWrapper*>(data);
+    if (wrapper)
+        wrapper->ProcessCEFThread();
+    return G_SOURCE_CONTINUE;
+}
+#endif
+
+} // namespace
+
+std::shared_ptr<SLFCefWindowManager> SLFCefWindowManager::sharedManager()
+{
+    static std::once_flag once;
+    // Deliberately never released: the engine must not be torn down by static
+    // destruction at exit, when no main loop runs any more.
+    static std::shared_ptr<SLFCefWindowManager>* shared = nullptr;
+    std::call_once(once, [] { shared = new std::shared_ptr<SLFCefWindowManager>(new SLFCefWindowManager()); });
+    return *shared;
+}
+
+SLFCefWindowManager::SLFCefWindowManager() = default;
+
+SLFCefWindowManager::~SLFCefWindowManager()
+{
+    shutdownBrowser();
+}
+
+SLFCefWindowRepresentationRef SLFCefWindowManager::startBrowserWithURL(
+    const std::string& url, NSSize size, double framerate, const std::vector<std::string>& permittedFileURLStrings)
+{
+    if (numberOfOpenBrowserWindows() == 0)
+        ensureBrowserIsRunnning();
+
+    // Every request gets a browser of its own, so no lookup by
+    // uniqueLookupKey feeds this candidate and the branch is never taken.
+    SLFCefWindowRepresentationRef existing;
+    if (existing) {
+        NSLog("%s - requested browser for url that is already in use: %s",
+              "-[SLFCefWindowManager startBrowserWithURL:size:framerate:permittedFileURLStrings:]", url.c_str());
+        return nullptr;
+    }
+
+    auto representation = std::make_shared<SLFCefWindowRepresentation>();
+    representation->setUrl(url);
+    representation->setSize(size);
+    representation->setFramerate(framerate);
+    representation->setPermittedFileURLStrings(permittedFileURLStrings);
+
+    int browserID = -1;
+#if SLF_HAVE_ENGINE
+    SLF_ChromiumEmbeddedFramework::CAccessHandlingForRequestSettings accessHandling;
+    accessHandling.handleRequestURL = SLFCefHandleRequestURL;
+    accessHandling.getResponseHeadersForURL = SLFCefGetResponseHeadersForURL;
+    accessHandling.accessControlEnabled = true;
+    if (CBrowserWrapper* wrapper = _browserWrapper.load()) {
+        // The representation goes in unretained: the registry keeps it alive.
+        browserID = wrapper->StartBrowser(url, TruncatedToUnsigned(size.width), TruncatedToUnsigned(size.height),
+                                          TruncatedToUnsigned(framerate), SLFCefVideoFrameCallback,
+                                          SLFCefAudioCallback, representation.get(), &accessHandling, nullptr,
+                                          false);
+        if (browserID >= 0)
+            wrapper->EnableReceivingFrames(browserID, true);
+    }
+#endif
+    representation->setBrowserID(browserID);
+    registerWindowRepresentation(representation);
+    return representation;
+}
+
+SLFCefWindowRepresentationRef SLFCefWindowManager::updateBrowserWithID(int browserID, NSSize size)
+{
+    SLFCefWindowRepresentationRef representation = windowRepresentationWithID(browserID);
+    // Remember the flag and raise it in one step, so that of two concurrent
+    // updates only the first goes ahead.
+    bool wasUpdating = representation ? representation->exchangeUpdating(true) : false;
+#if SLF_HAVE_ENGINE
+    CBrowserWrapper* wrapper = _browserWrapper.load();
+    if (wrapper && browserID >= 0 && !wasUpdating) {
+        // Frames stay off while the size changes, so that no image of the
+        // old size meets a representation of the new one.
+        wrapper->EnableReceivingFrames(browserID, false);
+        if (representation)
+            representation->setSize(size);
+        wrapper->SetRenderSize(browserID, TruncatedToUnsigned(size.width), TruncatedToUnsigned(size.height));
+        wrapper->EnableReceivingFrames(browserID, true);
+        if (representation)
+            representation->setUpdating(false);
+    }
+#else
+    (void)wasUpdating;
+    (void)size;
+#endif
+    // Without an engine the flag stays raised: later updates are refused too.
+    return representation;
+}
+
+SLFCefWindowRepresentationRef SLFCefWindowManager::stopBrowserWithID(int browserID)
+{
+    SLFCefWindowRepresentationRef representation = windowRepresentationWithID(browserID);
+#if SLF_HAVE_ENGINE
+    CBrowserWrapper* wrapper = _browserWrapper.load();
+    if (wrapper && browserID >= 0) {
+        wrapper->EnableReceivingFrames(browserID, false);
+        wrapper->StopBrowser(browserID);
+    }
+#endif
+    unregisterWindowRepresentation(representation);
+    // The engine keeps running after the last browser has gone.
+    (void)numberOfOpenBrowserWindows();
+    return representation;
+}
+
+int64_t SLFCefWindowManager::numberOfOpenBrowserWindows() const
+{
+    std::lock_guard<std::recursive_mutex> guard(m_registryLock);
+    return static_cast<int64_t>(browserWindowRepresentationByBrowserID.size());
+}
+
+void SLFCefWindowManager::registerWindowRepresentation(const SLFCefWindowRepresentationRef& representation)
+{
+    if (!representation)
+        return;
+    int browserID = representation->browserID();
+    if (browserID <= -1)
+        return;
+    std::lock_guard<std::recursive_mutex> guard(m_registryLock);
+    browserWindowRepresentationByBrowserID[browserID] = representation;
+}
+
+void SLFCefWindowManager::unregisterWindowRepresentation(const SLFCefWindowRepresentationRef& representation)
+{
+    if (!representation)
+        return;
+    int browserID = representation->browserID();
+    if (browserID <= -1)
+        return;
+    SLFCefWindowRepresentationRef removed;
+    {
+        std::lock_guard<std::recursive_mutex> guard(m_registryLock);
+        auto entry = browserWindowRepresentationByBrowserID.find(browserID);
+        if (entry == browserWindowRepresentationByBrowserID.end())
+            return;
+        // Released after the lock: the last reference may go here.
+        removed = std::move(entry->second);
+        browserWindowRepresentationByBrowserID.erase(entry);
+    }
+}
+
+SLFCefWindowRepresentationRef SLFCefWindowManager::windowRepresentationWithID(int browserID) const
+{
+    std::lock_guard<std::recursive_mutex> guard(m_registryLock);
+    auto entry = browserWindowRepresentationByBrowserID.find(browserID);
+    return entry == browserWindowRepresentationByBrowserID.end() ? nullptr : entry->second;
+}
+
+void SLFCefWindowManager::ensureBrowserIsRunnning()
+{
+    SLFCefRunOnMainAndWait([this] {
+#if SLF_HAVE_ENGINE
+        if (_browserWrapper.load())
+            return;
+        auto* wrapper = new CBrowserWrapper();
+        wrapper->CreateBrowserClientApplication();
+        // The engine starts here, on the main thread, which thereby becomes
+        // the thread that pumps it.
+        bool started = wrapper->PrepareCEFThread();
+        if (!started) {
+            // Retried by the next open request while no browser is registered.
+            delete wrapper;
+            return;
+        }
+        _browserWrapper.store(wrapper);
+        GSource* timer = SLFCefPeriodicSourceNew(kPumpPeriodNanoseconds);
+        if (timer) {
+            g_source_set_priority(timer, G_PRIORITY_DEFAULT);
+            g_source_set_callback(timer, PumpEngine, wrapper, nullptr);
+            g_source_attach(timer, g_main_context_default());
+            browserProccessTimer = timer;
+        }
+#endif
+    });
+}
+
+void SLFCefWindowManager::shutdownBrowser()
+{
+    // Nothing runs without a wrapper (the timer exists only with one): no
+    // need to wait for the main thread.
+    if (!_browserWrapper.load())
+        return;
+    SLFCefRunOnMainAndWait([this] {
+        GSource* timer = browserProccessTimer;
+        browserProccessTimer = nullptr;
+        if (timer) {
+            g_source_destroy(timer);
+            g_source_unref(timer);
+        }
+#if SLF_HAVE_ENGINE
+        if (CBrowserWrapper* wrapper = _browserWrapper.exchange(nullptr)) {
+            wrapper->DeleteBrowserClientApplication();
+            delete wrapper;
+        }
+#endif
+    });
+}
+
+bool SLFCefWindowManager::isEngineRunning() const
+{
+    return _browserWrapper.load() != nullptr;
+}

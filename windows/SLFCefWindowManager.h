@@ -1,0 +1,72 @@
+// The one registry of live browsers in the process. Creates a browser for
+// every open request, keeps its window representation under the browser ID,
+// resizes and stops browsers, and owns the engine wrapper: the engine is
+// started on the main thread on the first open request, pumped there every
+// 1/600 s, and shut down only when the manager itself goes away.
+#pragma once
+
+#include "windows/NSSize.h"
+#include "windows/SLFCefWindowRepresentation.h"
+
+#include <glib.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace SLF_ChromiumEmbeddedFramework {
+class CBrowserWrapper;
+}
+
+class SLFCefWindowManager {
+public:
+    // The engine's pump period: 1/600 s.
+    static constexpr uint64_t kPumpPeriodNanoseconds = 1666667;
+
+    // The process's manager, made on first use and never released.
+    static std::shared_ptr<SLFCefWindowManager> sharedManager();
+
+    SLFCefWindowManager();
+    // Shuts the engine down (on the main thread).
+    virtual ~SLFCefWindowManager();
+    SLFCefWindowManager(const SLFCefWindowManager&) = delete;
+    SLFCefWindowManager& operator=(const SLFCefWindowManager&) = delete;
+
+    // A new browser for every call, also for a URL, size and frame rate that
+    // already run. The representation holds the engine's browser ID (-1 when
+    // the engine could not make one; such a representation is not
+    // registered).
+    SLFCefWindowRepresentationRef startBrowserWithURL(const std::string& url, NSSize size, double framerate,
+                                                      const std::vector<std::string>& permittedFileURLStrings);
+    // Null for an unknown ID (the engine is still told for IDs >= 0).
+    SLFCefWindowRepresentationRef updateBrowserWithID(int browserID, NSSize size);
+    // The representation that was registered, or null. The engine keeps
+    // running after the last browser stopped.
+    SLFCefWindowRepresentationRef stopBrowserWithID(int browserID);
+
+    int64_t numberOfOpenBrowserWindows() const;
+    void registerWindowRepresentation(const SLFCefWindowRepresentationRef& representation);
+    void unregisterWindowRepresentation(const SLFCefWindowRepresentationRef& representation);
+    SLFCefWindowRepresentationRef windowRepresentationWithID(int browserID) const;
+
+    // Start and stop of the engine, both on the main thread; a caller on the
+    // main thread runs them directly.
+    void ensureBrowserIsRunnning();
+    void shutdownBrowser();
+
+    // True while the engine runs (and its pump timer fires).
+    bool isEngineRunning() const;
+
+private:
+    std::atomic<SLF_ChromiumEmbeddedFramework::CBrowserWrapper*> _browserWrapper{nullptr};
+    // The pump timer; touched on the main thread only.
+    GSource* browserProccessTimer = nullptr;
+    // Guards the registry. Recursive; taken after any representation's lock
+    // is released and never held across a call into the engine.
+    mutable std::recursive_mutex m_registryLock;
+    std::map<int, SLFCefWindowRepresentationRef> browserWindowRepresentationByBrowserID;
+};
