@@ -62,7 +62,8 @@ void InstallEngine()
 {
 #if SLF_HAVE_WPE_ENGINE
     SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateWebKitEnginePort());
-#else
+#endif
+#if !SLF_HAVE_WPE_ENGINE || !SLF_HAVE_ENGINE
     NSLog("No web engine in this build: open requests are answered with browser ID -1");
 #endif
 }
