@@ -76,6 +76,10 @@ void SLFCefCallbackProxy::browserReceivedVideoFrame(int browserID, int surfaceFd
 
 void SLFCefCallbackProxy::sendWithoutReply(const char* member, GVariant* parameters)
 {
+    if (!m_connection) {
+        g_variant_unref(g_variant_ref_sink(parameters));
+        return;
+    }
     GDBusMessage* message = g_dbus_message_new_method_call(nullptr, kObjectPath, kInterfaceName, member);
     g_dbus_message_set_body(message, parameters);
     g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
@@ -109,6 +113,12 @@ void OnCallFinished(GObject* source, GAsyncResult* result, gpointer userData)
 void SLFCefCallbackProxy::callWithReply(const char* member, GVariant* parameters, GUnixFDList* fds,
                                         std::function<void()> done)
 {
+    if (!m_connection) {
+        g_variant_unref(g_variant_ref_sink(parameters));
+        if (done)
+            done();
+        return;
+    }
     // No time-out: a host may hold a frame or an audio buffer as long as it
     // likes; the connection's end finishes the call.
     g_dbus_connection_call_with_unix_fd_list(m_connection, nullptr, kObjectPath, kInterfaceName, member, parameters,

@@ -20,7 +20,8 @@ public:
     static constexpr const char* kObjectPath = "/com/streamloft/SLFCefOverlayXPCCallbacks";
     static constexpr const char* kInterfaceName = "com.streamloft.SLFCefOverlayXPCCallbacksProtocol";
 
-    // Takes its own reference to the connection.
+    // Takes its own reference to the connection. Without a connection every
+    // call is dropped (and `done` runs at once).
     static std::shared_ptr<SLFCefCallbackProxy> Create(GDBusConnection* connection);
     ~SLFCefCallbackProxy();
     SLFCefCallbackProxy(const SLFCefCallbackProxy&) = delete;

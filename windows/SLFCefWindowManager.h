@@ -30,6 +30,7 @@ public:
     // The process's manager, made on first use and never released.
     static std::shared_ptr<SLFCefWindowManager> sharedManager();
 
+    // Requests may be observed or replaced by a subclass (tests do).
     SLFCefWindowManager();
     // Shuts the engine down (on the main thread).
     virtual ~SLFCefWindowManager();
@@ -40,18 +41,18 @@ public:
     // already run. The representation holds the engine's browser ID (-1 when
     // the engine could not make one; such a representation is not
     // registered).
-    SLFCefWindowRepresentationRef startBrowserWithURL(const std::string& url, NSSize size, double framerate,
+    virtual SLFCefWindowRepresentationRef startBrowserWithURL(const std::string& url, NSSize size, double framerate,
                                                       const std::vector<std::string>& permittedFileURLStrings);
     // Null for an unknown ID (the engine is still told for IDs >= 0).
-    SLFCefWindowRepresentationRef updateBrowserWithID(int browserID, NSSize size);
+    virtual SLFCefWindowRepresentationRef updateBrowserWithID(int browserID, NSSize size);
     // The representation that was registered, or null. The engine keeps
     // running after the last browser stopped.
-    SLFCefWindowRepresentationRef stopBrowserWithID(int browserID);
+    virtual SLFCefWindowRepresentationRef stopBrowserWithID(int browserID);
 
-    int64_t numberOfOpenBrowserWindows() const;
-    void registerWindowRepresentation(const SLFCefWindowRepresentationRef& representation);
-    void unregisterWindowRepresentation(const SLFCefWindowRepresentationRef& representation);
-    SLFCefWindowRepresentationRef windowRepresentationWithID(int browserID) const;
+    virtual int64_t numberOfOpenBrowserWindows() const;
+    virtual void registerWindowRepresentation(const SLFCefWindowRepresentationRef& representation);
+    virtual void unregisterWindowRepresentation(const SLFCefWindowRepresentationRef& representation);
+    virtual SLFCefWindowRepresentationRef windowRepresentationWithID(int browserID) const;
 
     // Start and stop of the engine, both on the main thread; a caller on the
     // main thread runs them directly.

@@ -7,15 +7,49 @@
 
 #include <gtest/gtest.h>
 
+#if SLF_HAVE_FAKE_ENGINE
+#include "tests/engine/FakeEnginePort.h"
+#endif
+
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
 namespace {
 
+// One main loop (the service's main thread) and one engine for the whole
+// binary, as in the service process: the shared window manager starts the
+// engine once and never stops it.
+class ServiceEnvironment : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+#if SLF_HAVE_FAKE_ENGINE
+        port = std::make_unique<SLF_ChromiumEmbeddedFramework::FakeEnginePort>();
+        port->Install();
+#endif
+        main = std::make_unique<TestMainLoop>();
+    }
+    void TearDown() override
+    {
+        // The pump stops with the loop, before the port goes.
+        main.reset();
+#if SLF_HAVE_FAKE_ENGINE
+        port.reset();
+#endif
+    }
+    std::unique_ptr<TestMainLoop> main;
+#if SLF_HAVE_FAKE_ENGINE
+    std::unique_ptr<SLF_ChromiumEmbeddedFramework::FakeEnginePort> port;
+#endif
+};
+
+ServiceEnvironment* gEnvironment =
+    static_cast<ServiceEnvironment*>(::testing::AddGlobalTestEnvironment(new ServiceEnvironment));
+
 class ServiceFront : public ::testing::Test {
 protected:
-    TestMainLoop m_main;
-    InProcessService m_service{m_main};
+    InProcessService m_service{*gEnvironment->main};
 };
 
 GVariant* OpenParameters(const char* url, double width, double height, double framerate)
@@ -117,7 +151,9 @@ TEST_F(ServiceFront, CloseOfUnknownBrowserLogsMissingReply)
 TEST_F(ServiceFront, EveryConnectionGetsItsOwnObjectAndThread)
 {
     std::vector<std::unique_ptr<TestHost>> hosts;
-    for (int i = 0; i < 6; ++i)
+    // Three hosts: each browser creation may take the engine's full
+    // creation hand-shake.
+    for (int i = 0; i < 3; ++i)
         hosts.push_back(std::make_unique<TestHost>(m_service.address()));
     std::vector<std::thread> threads;
     std::vector<std::shared_ptr<TestHost::PendingReply>> pending(hosts.size());
@@ -217,3 +253,80 @@ TEST(ServiceSocket, DefaultPathIsInTheRuntimeFolder)
     std::string path = SLFCefDefaultSocketPath();
     EXPECT_EQ(path, std::string(g_get_user_runtime_dir()) + "/streamloft/overlay-helper.sock");
 }
+
+#if SLF_HAVE_FAKE_ENGINE
+
+namespace {
+
+using SLF_ChromiumEmbeddedFramework::FakeHostCall;
+
+int CloseCalls(int browserID)
+{
+    auto calls = gEnvironment->port->HostCalls(browserID);
+    return static_cast<int>(std::count_if(calls.begin(), calls.end(),
+                                          [](const FakeHostCall& call) { return call.kind == FakeHostCall::CloseBrowser; }));
+}
+
+} // namespace
+
+TEST_F(ServiceFront, TwoConnectionsOpeningTheSamePageGetTwoBrowsers)
+{
+    TestHost first(m_service.address());
+    TestHost second(m_service.address());
+    auto a = first.openBrowser("https://x.test/same", 640, 360, 30);
+    auto b = second.openBrowser("https://x.test/same", 640, 360, 30);
+    ASSERT_TRUE(WaitFor([&] { return first.didStartIDs().size() == 1 && second.didStartIDs().size() == 1; }));
+    int idA = first.didStartIDs()[0];
+    int idB = second.didStartIDs()[0];
+    EXPECT_GE(idA, 1);
+    EXPECT_GE(idB, 1);
+    EXPECT_NE(idA, idB);
+}
+
+TEST_F(ServiceFront, CloseAnswersTheOpenRequestWithItsIDAfterTheStop)
+{
+    TestHost host(m_service.address());
+    auto pending = host.openBrowser("https://x.test/", 320, 240, 30);
+    ASSERT_TRUE(WaitFor([&] { return host.didStartIDs().size() == 1; }));
+    int id = host.didStartIDs()[0];
+    EXPECT_FALSE(TestHost::IsDone(pending));
+    EXPECT_EQ(CloseCalls(id), 0);
+
+    EXPECT_EQ(host.call("CloseBrowser", g_variant_new("(i)", id)), "");
+    // The deferred reply was sent before the close request's own reply.
+    ASSERT_TRUE(TestHost::IsDone(pending));
+    ASSERT_TRUE(pending->browserID.has_value()) << pending->errorName;
+    EXPECT_EQ(*pending->browserID, id);
+    EXPECT_EQ(CloseCalls(id), 1);
+
+    // The connection is spent: its end stops nothing more.
+    host.disconnect();
+    EXPECT_TRUE(WaitFor([&] { return m_service.numberOfConnections() == 0; }));
+    EXPECT_EQ(CloseCalls(id), 1);
+}
+
+TEST_F(ServiceFront, AHostThatGoesWithoutClosingStopsItsBrowser)
+{
+    TestHost host(m_service.address());
+    auto pending = host.openBrowser("https://x.test/", 320, 240, 30);
+    ASSERT_TRUE(WaitFor([&] { return host.didStartIDs().size() == 1; }));
+    int id = host.didStartIDs()[0];
+    host.disconnect();
+    EXPECT_TRUE(WaitFor([&] { return CloseCalls(id) == 1; }));
+    EXPECT_TRUE(WaitFor([&] { return m_service.numberOfConnections() == 0; }));
+    ASSERT_TRUE(WaitFor([&] { return TestHost::IsDone(pending); }));
+    EXPECT_FALSE(pending->browserID.has_value());
+}
+
+TEST_F(ServiceFront, ResizeReachesTheEngineTruncated)
+{
+    TestHost host(m_service.address());
+    auto pending = host.openBrowser("https://x.test/", 320, 240, 30);
+    ASSERT_TRUE(WaitFor([&] { return host.didStartIDs().size() == 1; }));
+    int id = host.didStartIDs()[0];
+    EXPECT_EQ(host.call("UpdateBrowserSize", g_variant_new("(idd)", id, 1279.9, 719.5)), "");
+    EXPECT_TRUE(WaitFor([&] { return gEnvironment->port->LastViewRect(id).width == 1279; }));
+    EXPECT_EQ(gEnvironment->port->LastViewRect(id).height, 719);
+}
+
+#endif

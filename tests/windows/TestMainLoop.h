@@ -33,8 +33,9 @@ public:
     {
         SLFCefRunOnMainAndWait([this] { g_main_loop_quit(m_loop); });
         m_thread.join();
-        // Leftover idles of finished work.
-        while (g_main_context_iteration(g_main_context_default(), FALSE)) {
+        // Leftover idles of finished work (bounded: a repeating source may
+        // still be attached).
+        for (int i = 0; i < 100 && g_main_context_iteration(g_main_context_default(), FALSE); ++i) {
         }
         g_main_loop_unref(m_loop);
     }
