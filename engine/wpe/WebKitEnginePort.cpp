@@ -1,6 +1,8 @@
 #include "engine/wpe/WebKitEnginePort.h"
 
 #include "dbg/NSLog.h"
+#include "engine/wpe/WebKitAudioServer.h"
+#include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitResourceChannel.h"
 #include "engine/wpe/WebKitResourceServer.h"
 #include "engine/wpe/WebKitVariantCodec.h"
@@ -84,6 +86,10 @@ WebKitEnginePort::~WebKitEnginePort()
 {
     if (m_pResourceServer)
         m_pResourceServer->Stop();
+    if (m_pAudioServer)
+        m_pAudioServer->Stop();
+    if (!m_strPrivateFolder.empty())
+        rmdir(m_strPrivateFolder.c_str());
     for (auto& entry : m_ExtraInitValues)
         g_variant_unref(entry.second);
 }
@@ -158,14 +164,40 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     g_source_set_name(m_pTaskSource, "SlfEngineTasks");
     g_source_attach(m_pTaskSource, m_pMainContext);
 
+    // The sockets of the resource and audio threads live in a folder only
+    // this user can enter.
+    GError* error = nullptr;
+    if (gchar* folder = g_dir_make_tmp("slf-engine-XXXXXX", &error)) {
+        m_strPrivateFolder = folder;
+        g_free(folder);
+    } else {
+        NSLog("WebKitEnginePort::Initialize - no private folder: %s", error->message);
+        g_error_free(error);
+    }
+
     // Resource requests of every page are offered to the clients through
     // the resource thread; the web processes learn its socket.
     m_pResourceServer = std::make_unique<WebKitResourceServer>(*this);
-    if (m_pResourceServer->Start()) {
+    if (!m_strPrivateFolder.empty() && m_pResourceServer->Start(m_strPrivateFolder + "/resources.sock")) {
         SetExtensionInitValue(kResourceSocketKey, g_variant_new_string(m_pResourceServer->GetSocketPath().c_str()));
     } else {
         NSLog("WebKitEnginePort::Initialize - resource requests go unchecked: the resource thread did not start");
         m_pResourceServer.reset();
+    }
+
+    // Page audio: the web processes find our sink through the plugin path
+    // and its way back to the service through the environment.
+    m_pAudioServer = std::make_unique<WebKitAudioServer>(*this);
+    const std::string audioSocket = m_strPrivateFolder + "/audio.sock";
+    if (!m_strPrivateFolder.empty() && m_pAudioServer->Start(audioSocket)) {
+        g_setenv(kAudioSocketVariable, audioSocket.c_str(), TRUE);
+        std::string pluginPath = m_strExtensionFolder + "/gstreamer-1.0";
+        if (const char* existing = g_getenv("GST_PLUGIN_PATH"); existing && *existing)
+            pluginPath += std::string(":") + existing;
+        g_setenv("GST_PLUGIN_PATH", pluginPath.c_str(), TRUE);
+    } else {
+        NSLog("WebKitEnginePort::Initialize - page audio is not delivered: the audio thread did not start");
+        m_pAudioServer.reset();
     }
 
     m_pWebContext = webkit_web_context_new_ephemeral();
@@ -222,6 +254,28 @@ void WebKitEnginePort::UnregisterPage(uint64_t pageId)
 {
     std::lock_guard<std::mutex> lock(m_PageMutex);
     m_Pages.erase(pageId);
+}
+
+std::shared_ptr<WebKitView> WebKitEnginePort::FindViewForProcess(int pid)
+{
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    auto found = m_Processes.find(pid);
+    return found == m_Processes.end() ? nullptr : found->second.lock();
+}
+
+void WebKitEnginePort::RegisterProcess(int pid, const std::shared_ptr<WebKitView>& view)
+{
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    m_Processes[pid] = view;
+}
+
+void WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
+{
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    std::erase_if(m_Processes, [view](const auto& entry) {
+        auto known = entry.second.lock();
+        return !known || known.get() == view;
+    });
 }
 
 void WebKitEnginePort::OnInitializeWebExtensions()
@@ -334,6 +388,11 @@ void WebKitEnginePort::Shutdown()
     m_Views.clear();
     if (m_pResourceServer)
         m_pResourceServer->Stop();
+    if (m_pAudioServer)
+        m_pAudioServer->Stop();
+    if (!m_strPrivateFolder.empty())
+        rmdir(m_strPrivateFolder.c_str());
+    m_strPrivateFolder.clear();
 
     if (m_pWebContext) {
         g_signal_handlers_disconnect_by_data(m_pWebContext, this);

@@ -28,6 +28,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 
 class WebKitView;
 class WebKitResourceServer;
+class WebKitAudioServer;
 
 // Creates the WebKit port; the caller owns it and installs it with
 // SetEnginePort.
@@ -71,6 +72,11 @@ public:
     std::shared_ptr<WebKitView> FindViewForPage(uint64_t pageId);
     void RegisterPage(uint64_t pageId, const std::shared_ptr<WebKitView>& view);
     void UnregisterPage(uint64_t pageId);
+    // The view whose page a web process shows, from any thread (the most
+    // recent report wins); null when none is known.
+    std::shared_ptr<WebKitView> FindViewForProcess(int pid);
+    void RegisterProcess(int pid, const std::shared_ptr<WebKitView>& view);
+    void UnregisterProcessesOf(const WebKitView* view);
     // Null when resource requests are not offered to the clients.
     WebKitResourceServer* GetResourceServer() const { return m_pResourceServer.get(); }
 
@@ -102,11 +108,14 @@ private:
     WebKitWebContext* m_pWebContext = nullptr;
     std::map<int, std::shared_ptr<WebKitView>> m_Views;
     std::unique_ptr<WebKitResourceServer> m_pResourceServer;
+    std::unique_ptr<WebKitAudioServer> m_pAudioServer;
+    std::string m_strPrivateFolder;
 
-    // Views by page identifier, for the resource thread. Lock order: a leaf
-    // lock.
+    // Views by page identifier and by web process, for the resource and
+    // audio threads. Lock order: a leaf lock.
     std::mutex m_PageMutex;
     std::map<uint64_t, std::weak_ptr<WebKitView>> m_Pages;
+    std::map<int, std::weak_ptr<WebKitView>> m_Processes;
 
     std::atomic<bool> m_bRunning{false};
     std::atomic<int> m_nNextBrowserId{1};

@@ -105,27 +105,15 @@ WebKitResourceServer::~WebKitResourceServer()
     Stop();
 }
 
-bool WebKitResourceServer::Start()
+bool WebKitResourceServer::Start(const std::string& socketPath)
 {
-    GError* error = nullptr;
-    // A folder only this user can enter keeps other users off the socket.
-    gchar* folder = g_dir_make_tmp("slf-engine-XXXXXX", &error);
-    if (!folder) {
-        NSLog("WebKitResourceServer::Start - no private folder: %s", error->message);
-        g_error_free(error);
-        return false;
-    }
-    m_strFolder = folder;
-    g_free(folder);
-    m_strSocketPath = m_strFolder + "/resources.sock";
-
     struct sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    if (m_strSocketPath.size() >= sizeof(address.sun_path)) {
-        NSLog("WebKitResourceServer::Start - socket path too long: %s", m_strSocketPath.c_str());
-        Stop();
+    if (socketPath.size() >= sizeof(address.sun_path)) {
+        NSLog("WebKitResourceServer::Start - socket path too long: %s", socketPath.c_str());
         return false;
     }
+    m_strSocketPath = socketPath;
     std::strcpy(address.sun_path, m_strSocketPath.c_str());
     m_nListenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_nListenFd < 0 || bind(m_nListenFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
@@ -160,10 +148,7 @@ void WebKitResourceServer::Stop()
     m_nListenFd = m_nWakeFd = -1;
     if (!m_strSocketPath.empty())
         unlink(m_strSocketPath.c_str());
-    if (!m_strFolder.empty())
-        rmdir(m_strFolder.c_str());
     m_strSocketPath.clear();
-    m_strFolder.clear();
     m_Pending.clear();
     std::lock_guard<std::mutex> lock(m_JobMutex);
     m_Jobs.clear();

@@ -35,8 +35,9 @@ public:
     WebKitResourceServer(const WebKitResourceServer&) = delete;
     WebKitResourceServer& operator=(const WebKitResourceServer&) = delete;
 
-    // Makes the socket in a private folder and starts the resource thread.
-    bool Start();
+    // Listens on socketPath (in a folder only this user can enter) and
+    // starts the resource thread.
+    bool Start(const std::string& socketPath);
     // Ends the thread and removes the socket; pending requests are dropped.
     void Stop();
     const std::string& GetSocketPath() const { return m_strSocketPath; }
@@ -60,7 +61,6 @@ private:
     void Serve(uint64_t identifier, WebKitURISchemeRequest* request);
 
     WebKitEnginePort& m_Port;
-    std::string m_strFolder;
     std::string m_strSocketPath;
     int m_nListenFd = -1;
     int m_nWakeFd = -1;

@@ -2,6 +2,7 @@
 
 #include "dbg/NSLog.h"
 #include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitInput.h"
 #include "engine/wpe/WebKitResourceServer.h"
 #include "engine/wpe/WebKitVariantCodec.h"
@@ -215,6 +216,7 @@ void WebKitView::Close(bool notify)
     m_LastImage.shrink_to_fit();
     if (m_nPageId)
         m_Port.UnregisterPage(m_nPageId);
+    m_Port.UnregisterProcessesOf(this);
 
     // Requests that were to stay open end with the view; their handlers
     // hear of it on the resource thread.
@@ -648,6 +650,17 @@ void WebKitView::OnMouseTargetChanged(WebKitHitTestResult* hit)
 bool WebKitView::OnUserMessage(WebKitUserMessage* userMessage)
 {
     const char* name = webkit_user_message_get_name(userMessage);
+    // The web process tells which process shows this page (for its audio);
+    // this is the port's own business, not the client's.
+    if (name && std::strcmp(name, kPageProcessMessage) == 0) {
+        GVariant* parameters = webkit_user_message_get_parameters(userMessage);
+        gint32 pid = 0;
+        if (parameters && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(i)")))
+            g_variant_get(parameters, "(i)", &pid);
+        if (pid > 0)
+            m_Port.RegisterProcess(pid, shared_from_this());
+        return true;
+    }
     std::string error;
     EngineProcessMessageRef message =
         ProcessMessageFromVariant(name ? name : "", webkit_user_message_get_parameters(userMessage), error);

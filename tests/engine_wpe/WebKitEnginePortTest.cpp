@@ -25,6 +25,7 @@ namespace {
 
 const std::string kColoursPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_colors.html";
 const std::string kResourcesPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_resources.html";
+const std::string kAudioPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_audio.html";
 const std::string kEventsPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_events.html";
 
 struct Bgra {
@@ -221,6 +222,54 @@ public:
     std::atomic<int> cancels{0};
     std::string lastUrl;
     std::string body;
+};
+
+// Records the page's audio streams; called on the port's audio thread.
+class AudioClient : public TestClient, public EngineAudioHandler {
+public:
+    AudioClient() : TestClient(100, 50) {}
+    EngineAudioHandler* GetAudioHandler() override { return this; }
+
+    void OnAudioStreamStarted(EngineBrowserRef browser, int streamId, int sampleRate, int channelCount, int bits,
+                              int64_t) override
+    {
+        onPumpThread = onPumpThread || std::this_thread::get_id() == pumpThread;
+        browserId = browser ? browser->GetIdentifier() : -1;
+        stream = streamId;
+        rate = sampleRate;
+        channels = channelCount;
+        bitsPerSample = bits;
+        ++started;
+    }
+    void OnAudioStreamPacket(EngineBrowserRef, int streamId, const void* data, int length) override
+    {
+        if (streamId != stream.load())
+            wrongStream = true;
+        bytes += length;
+        const auto* samples = static_cast<const int16_t*>(data);
+        for (int i = 0; i < length / 2; ++i) {
+            if (samples[i] > 1000 || samples[i] < -1000)
+                loud = true;
+        }
+    }
+    void OnAudioSteamStopped(EngineBrowserRef, int streamId) override
+    {
+        if (streamId == stream.load())
+            ++stopped;
+    }
+
+    std::thread::id pumpThread = std::this_thread::get_id();
+    std::atomic<bool> onPumpThread{false};
+    std::atomic<int> browserId{0};
+    std::atomic<int> stream{0};
+    std::atomic<int> rate{0};
+    std::atomic<int> channels{0};
+    std::atomic<int> bitsPerSample{0};
+    std::atomic<int> started{0};
+    std::atomic<int> stopped{0};
+    std::atomic<long> bytes{0};
+    std::atomic<bool> loud{false};
+    std::atomic<bool> wrongStream{false};
 };
 
 class WebKitEnginePortTest : public ::testing::Test {
@@ -471,6 +520,28 @@ TEST_F(WebKitEnginePortTest, ServiceAnswersTakenOverRequestsAndKeepsOpenOnesOpen
     client.browser->GetHost()->CloseBrowser(true);
     ASSERT_TRUE(PumpUntil([&] { return client.closedCount == 1; }));
     EXPECT_TRUE(PumpUntil([&] { return client.cancels.load() == 1; }));
+}
+
+TEST_F(WebKitEnginePortTest, PageAudioReachesTheAudioHandlerUntilTheBrowserCloses)
+{
+    AudioClient client;
+    Open(client, 30, kAudioPage);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(75, 25) == kLime; })) << "the audio context does not run";
+
+    ASSERT_TRUE(PumpUntil([&] { return client.started.load() == 1 && client.bytes.load() > 48000; }))
+        << "started " << client.started.load() << ", bytes " << client.bytes.load();
+    EXPECT_FALSE(client.onPumpThread.load()) << "audio handlers run on the audio thread";
+    EXPECT_EQ(client.browserId.load(), client.browser->GetIdentifier());
+    EXPECT_GT(client.stream.load(), 0);
+    EXPECT_GE(client.rate.load(), 8000);
+    EXPECT_GE(client.channels.load(), 1);
+    EXPECT_EQ(client.bitsPerSample.load(), 16);
+    EXPECT_TRUE(client.loud.load()) << "the tone arrived as silence";
+    EXPECT_FALSE(client.wrongStream.load());
+
+    client.browser->GetHost()->CloseBrowser(true);
+    ASSERT_TRUE(PumpUntil([&] { return client.closedCount == 1; }));
+    EXPECT_TRUE(PumpUntil([&] { return client.stopped.load() == 1; })) << "no stop after the browser closed";
 }
 
 TEST_F(WebKitEnginePortTest, EngineStartsOncePerProcess)

@@ -8,6 +8,7 @@
 #include "engine/wpe/extension/WebPageBrowser.h"
 #include "engine/wpe/extension/WebProcessApp.h"
 #include "engine/wpe/extension/WebResourceFilter.h"
+#include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitResourceChannel.h"
 
 #include <wpe/webkit-web-extension.h>
@@ -70,6 +71,11 @@ void OnPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer)
     g_signal_connect(page, "user-message-received", G_CALLBACK(OnPageMessage), nullptr);
     if (g_pState->resourceFilter)
         g_pState->resourceFilter->Attach(page);
+    // The service learns which process shows the page, to find the browser
+    // that this process's audio belongs to (also after a process swap).
+    webkit_web_page_send_message_to_view(
+        page, webkit_user_message_new(kPageProcessMessage, g_variant_new("(i)", static_cast<gint32>(getpid()))),
+        nullptr, nullptr, nullptr);
 }
 
 } // namespace

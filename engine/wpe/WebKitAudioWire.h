@@ -1,0 +1,35 @@
+// The wire between our GStreamer audio sink in a web process and the
+// service's audio thread: one connection per stream, frames of a fixed
+// header followed by `length` payload bytes. The service knows the sending
+// process from the socket's peer credentials.
+//   start:  rate, channels and bits per sample of interleaved PCM (no payload)
+//   packet: PCM bytes
+//   stop:   the stream ended (also implied when the connection closes)
+#pragma once
+
+#include <cstdint>
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+// Environment variable naming the service's audio socket; set by the port,
+// inherited by the web processes.
+inline constexpr const char* kAudioSocketVariable = "SLF_AUDIO_SOCKET";
+// Message a web process sends for each of its pages, so that the service
+// can tell which browser a process's audio belongs to. Argument: the pid.
+inline constexpr const char* kPageProcessMessage = "slf.page-process";
+
+enum AudioFrameKind : uint32_t { AUDIO_FRAME_START = 1, AUDIO_FRAME_PACKET = 2, AUDIO_FRAME_STOP = 3 };
+
+struct AudioFrameHeader {
+    uint32_t kind;
+    uint32_t length;
+    int32_t rate;
+    int32_t channels;
+    int32_t bitsPerSample;
+    int32_t reserved;
+};
+
+// Larger packets are a broken peer.
+inline constexpr uint32_t kMaxAudioPacketBytes = 4 * 1024 * 1024;
+
+} // namespace SLF_ChromiumEmbeddedFramework
