@@ -1,0 +1,492 @@
+#include "streamloft/OverlayClient.h"
+
+#include <gio/gio.h>
+#include <gio/gunixfdlist.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <future>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "client/AudioStreamReceiver.h"
+#include "client/OverlayIntrospection.h"
+#include "client/ServiceLauncher.h"
+#include "client/SurfaceMappingCache.h"
+
+namespace streamloft {
+
+void OverlayCallbacks::ClientDidReportProblem(const std::string& message) {
+  fprintf(stderr, "slf-overlay-client: %s\n", message.c_str());
+}
+
+namespace {
+
+std::string TakeError(GError* error) {
+  std::string text = error ? error->message : "unknown error";
+  if (error) g_error_free(error);
+  return text;
+}
+
+// Sends the empty reply of a callback method; the service reads it as "the
+// host has let go". Safe from any thread.
+void SendEmptyReply(GDBusMethodInvocation* invocation) {
+  g_dbus_method_invocation_return_value(invocation, nullptr);
+}
+
+// The replies of OpenBrowser arrive when the browser is closed, possibly long
+// after the request and on GDBus's own thread. Each request's serial is
+// noted here when it is sent; a message filter picks the matching reply off
+// the connection and hands it to the client's thread.
+struct OpenReplyTracker {
+  // Lock order: a leaf. Held while an OpenBrowser message is sent and while
+  // the filter looks a reply up, so that a reply cannot overtake the noting
+  // of its serial.
+  std::mutex lock;
+  std::set<guint32> pending;
+  GMainContext* context = nullptr;  // the client's context, referenced
+  OverlayCallbacks* callbacks = nullptr;
+
+  ~OpenReplyTracker() {
+    if (context) g_main_context_unref(context);
+  }
+};
+
+struct OpenReply {
+  OverlayCallbacks* callbacks;
+  bool ok;
+  int browserID;
+  std::string error;
+};
+
+gboolean DeliverOpenReply(gpointer data) {
+  auto* reply = static_cast<OpenReply*>(data);
+  if (reply->ok)
+    reply->callbacks->OpenBrowserDidReply(reply->browserID);
+  else
+    reply->callbacks->OpenBrowserDidFail(reply->error);
+  return G_SOURCE_REMOVE;
+}
+
+GDBusMessage* FilterOpenReplies(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer data) {
+  if (!incoming) return message;
+  GDBusMessageType type = g_dbus_message_get_message_type(message);
+  if (type != G_DBUS_MESSAGE_TYPE_METHOD_RETURN && type != G_DBUS_MESSAGE_TYPE_ERROR) return message;
+  auto& tracker = **static_cast<std::shared_ptr<OpenReplyTracker>*>(data);
+  {
+    std::lock_guard<std::mutex> guard(tracker.lock);
+    if (tracker.pending.erase(g_dbus_message_get_reply_serial(message)) == 0) return message;
+  }
+  auto* reply = new OpenReply{tracker.callbacks, false, -1, {}};
+  if (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN) {
+    GVariant* body = g_dbus_message_get_body(message);
+    if (body && g_variant_is_of_type(body, G_VARIANT_TYPE("(i)"))) {
+      reply->ok = true;
+      g_variant_get(body, "(i)", &reply->browserID);
+    } else {
+      reply->error = std::string("OpenBrowser answered with an unexpected reply of type ") +
+                     (body ? g_variant_get_type_string(body) : "()");
+    }
+  } else {
+    GError* error = nullptr;
+    g_dbus_message_to_gerror(message, &error);
+    reply->error = TakeError(error);
+  }
+  g_main_context_invoke_full(tracker.context, G_PRIORITY_DEFAULT, DeliverOpenReply, reply,
+                             [](gpointer p) { delete static_cast<OpenReply*>(p); });
+  g_object_unref(message);
+  return nullptr;
+}
+
+pid_t PeerProcessID(GDBusConnection* connection) {
+  GIOStream* stream = g_dbus_connection_get_stream(connection);
+  if (!G_IS_SOCKET_CONNECTION(stream)) return -1;
+  GSocket* socket = g_socket_connection_get_socket(G_SOCKET_CONNECTION(stream));
+  GCredentials* credentials = g_socket_get_credentials(socket, nullptr);
+  if (!credentials) return -1;
+  pid_t pid = g_credentials_get_unix_pid(credentials, nullptr);
+  g_object_unref(credentials);
+  return pid;
+}
+
+}  // namespace
+
+class OverlayClient::Impl {
+ public:
+  Impl(OverlayCallbacks& callbacks, const ConnectOptions& options)
+      : callbacks_(callbacks), options_(options), context_(g_main_context_new()),
+        loop_(g_main_loop_new(context_, FALSE)), tracker_(std::make_shared<OpenReplyTracker>()) {
+    socketPath_ = options_.socketPath.empty() ? DefaultServiceSocketPath() : options_.socketPath;
+    tracker_->context = g_main_context_ref(context_);
+    tracker_->callbacks = &callbacks_;
+  }
+
+  ~Impl() {
+    if (thread_.joinable()) {
+      g_main_loop_quit(loop_);
+      thread_.join();
+    }
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+
+  bool Start(std::string* error) {
+    auto ready = std::make_shared<std::promise<std::string>>();
+    std::future<std::string> result = ready->get_future();
+    thread_ = std::thread([this, ready] { Run(ready); });
+    std::string failure = result.get();
+    if (failure.empty()) return true;
+    thread_.join();
+    if (error) *error = failure;
+    return false;
+  }
+
+  bool OpenBrowser(const std::string& url, double width, double height, double framerate,
+                   const std::vector<std::string>& permitted, std::string* error) {
+    if (!connected_) return NotConnected(error);
+    std::vector<const char*> strings;
+    for (const auto& s : permitted) strings.push_back(s.c_str());
+    GDBusMessage* message =
+        g_dbus_message_new_method_call(nullptr, kOverlayObjectPath, kOverlayInterface, "OpenBrowser");
+    g_dbus_message_set_body(message, g_variant_new("(sddd@as)", url.c_str(), width, height, framerate,
+                                                   g_variant_new_strv(strings.data(), strings.size())));
+    GError* gerror = nullptr;
+    bool sent;
+    {
+      std::lock_guard<std::mutex> guard(tracker_->lock);
+      guint32 serial = 0;
+      sent = g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, &serial,
+                                            &gerror);
+      if (sent) tracker_->pending.insert(serial);
+    }
+    g_object_unref(message);
+    if (!sent) {
+      std::string text = TakeError(gerror);
+      if (error) *error = "OpenBrowser: " + text;
+      return false;
+    }
+    return true;
+  }
+
+  // Sends a request and waits for its (empty) answer. `parameters` is a
+  // floating GVariant and is consumed.
+  bool Call(const char* method, GVariant* parameters, std::string* error) {
+    if (!connected_) {
+      g_variant_unref(g_variant_ref_sink(parameters));
+      return NotConnected(error);
+    }
+    GError* gerror = nullptr;
+    GVariant* result = g_dbus_connection_call_sync(connection_, nullptr, kOverlayObjectPath, kOverlayInterface,
+                                                   method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
+                                                   nullptr, &gerror);
+    if (!result) {
+      std::string text = TakeError(gerror);
+      if (error) *error = std::string(method) + ": " + text;
+      return false;
+    }
+    g_variant_unref(result);
+    return true;
+  }
+
+  void Disconnect() {
+    if (connection_) g_dbus_connection_close(connection_, nullptr, nullptr, nullptr);
+  }
+
+  bool IsConnected() const { return connected_; }
+  const std::string& SocketPath() const { return socketPath_; }
+  pid_t ServiceProcessID() const { return servicePid_; }
+  bool StartedService() const { return startedService_; }
+
+ private:
+  static bool NotConnected(std::string* error) {
+    if (error) *error = "not connected to the overlay service";
+    return false;
+  }
+
+  void Run(std::shared_ptr<std::promise<std::string>> ready) {
+    g_main_context_push_thread_default(context_);
+    std::string failure;
+    if (Establish(&failure)) {
+      ready->set_value({});
+      g_main_loop_run(loop_);
+      Teardown();
+    } else {
+      ready->set_value(failure.empty() ? "cannot connect to the overlay service" : failure);
+    }
+    g_main_context_pop_thread_default(context_);
+  }
+
+  GDBusConnection* TryConnect(std::string* error) {
+    gchar* escaped = g_dbus_address_escape_value(socketPath_.c_str());
+    std::string address = std::string("unix:path=") + escaped;
+    g_free(escaped);
+    GError* gerror = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING),
+        nullptr, nullptr, &gerror);
+    if (!connection) *error = TakeError(gerror);
+    return connection;
+  }
+
+  // Connects, starting the service when nothing answers, then sets the
+  // connection up before any message of the service is processed.
+  bool Establish(std::string* failure) {
+    std::string firstError;
+    GDBusConnection* connection = TryConnect(&firstError);
+    if (!connection) {
+      if (!options_.startOnDemand) {
+        *failure = "cannot reach the overlay service at " + socketPath_ + ": " + firstError;
+        return false;
+      }
+      connection = StartServiceAndConnect(firstError, failure);
+      if (!connection) return false;
+    }
+    connection_ = connection;
+    g_dbus_connection_set_exit_on_close(connection_, FALSE);
+
+    static const GDBusInterfaceVTable vtable = {&Impl::HandleMethodCall, nullptr, nullptr, {}};
+    GError* gerror = nullptr;
+    registration_ = g_dbus_connection_register_object(connection_, kOverlayCallbacksObjectPath,
+                                                      OverlayCallbacksInterfaceInfo(), &vtable, this, nullptr,
+                                                      &gerror);
+    if (registration_ == 0) {
+      *failure = "cannot export the callback object: " + TakeError(gerror);
+      g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+      g_clear_object(&connection_);
+      return false;
+    }
+    filter_ = g_dbus_connection_add_filter(connection_, FilterOpenReplies,
+                                           new std::shared_ptr<OpenReplyTracker>(tracker_), [](gpointer p) {
+                                             delete static_cast<std::shared_ptr<OpenReplyTracker>*>(p);
+                                           });
+    closedHandler_ = g_signal_connect(connection_, "closed", G_CALLBACK(&Impl::HandleClosed), this);
+    servicePid_ = PeerProcessID(connection_);
+    connected_ = true;
+    g_dbus_connection_start_message_processing(connection_);
+    return true;
+  }
+
+  GDBusConnection* StartServiceAndConnect(const std::string& firstError, std::string* failure) {
+    const std::string helper = ResolveServiceExecutable(options_.helperPath);
+    std::string spawnError;
+    pid_t pid = StartServiceProcess(helper, options_.socketPath.empty() ? std::string() : socketPath_, &spawnError);
+    if (pid < 0) {
+      *failure = "cannot reach the overlay service at " + socketPath_ + " (" + firstError + ") and " + spawnError;
+      return nullptr;
+    }
+    startedService_ = true;
+    const auto deadline = std::chrono::steady_clock::now() + options_.startTimeout;
+    auto delay = std::chrono::milliseconds(10);
+    bool ended = false;
+    std::string lastError = firstError;
+    for (;;) {
+      GDBusConnection* connection = TryConnect(&lastError);
+      if (connection) {
+        if (!ended) ReapServiceProcessWhenItEnds(pid);
+        return connection;
+      }
+      int status = 0;
+      if (!ended && ServiceProcessHasEnded(pid, &status)) {
+        ended = true;
+        // A service that finds another instance on the same address leaves
+        // quietly with status 0; the other one will answer.
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+          *failure = "the overlay service '" + helper + "' " + DescribeWaitStatus(status) +
+                     " before it answered at " + socketPath_;
+          return nullptr;
+        }
+      }
+      if (std::chrono::steady_clock::now() >= deadline) {
+        if (!ended) ReapServiceProcessWhenItEnds(pid);
+        *failure = "the overlay service '" + helper + "' did not answer at " + socketPath_ + " within " +
+                   std::to_string(options_.startTimeout.count()) + " ms: " + lastError;
+        return nullptr;
+      }
+      std::this_thread::sleep_for(delay);
+      delay = std::min(delay * 2, std::chrono::milliseconds(200));
+    }
+  }
+
+  void Teardown() {
+    connected_ = false;
+    g_signal_handler_disconnect(connection_, closedHandler_);
+    g_dbus_connection_unregister_object(connection_, registration_);
+    if (!g_dbus_connection_is_closed(connection_)) g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+    g_dbus_connection_remove_filter(connection_, filter_);
+    g_clear_object(&connection_);
+    audio_.Clear();
+    surfaces_ = SurfaceMappingCache();
+  }
+
+  static void HandleClosed(GDBusConnection*, gboolean, GError*, gpointer data) {
+    auto* self = static_cast<Impl*>(data);
+    self->connected_ = false;
+    self->audio_.Clear();
+    self->callbacks_.ConnectionDidClose();
+  }
+
+  static void HandleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
+                               GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data) {
+    auto* self = static_cast<Impl*>(data);
+    const std::string name = method;
+    if (name == "BrowserReceivedVideoFrame") {
+      self->ReceiveVideoFrame(parameters, invocation);
+    } else if (name == "BrowserDidReceiveAudioStream") {
+      self->ReceiveAudioBuffer(parameters, invocation);
+    } else if (name == "BrowserDidStart") {
+      gint32 browserID = 0;
+      g_variant_get(parameters, "(i)", &browserID);
+      SendEmptyReply(invocation);
+      self->callbacks_.BrowserDidStart(browserID);
+    } else if (name == "BrowserWillStartAudioStream") {
+      self->StartAudioStream(parameters, invocation);
+    } else if (name == "BrowserWillStopAudioStream") {
+      gint32 browserID = 0, streamID = 0;
+      g_variant_get(parameters, "(ii)", &browserID, &streamID);
+      SendEmptyReply(invocation);
+      self->audio_.StopStream(browserID, streamID);
+      self->callbacks_.BrowserWillStopAudioStream(browserID, streamID);
+    } else if (name == "RequestSettingsDataForBrowser") {
+      gint32 browserID = 0;
+      g_variant_get(parameters, "(i)", &browserID);
+      SendEmptyReply(invocation);
+      self->callbacks_.RequestSettingsDataForBrowser(browserID);
+    } else {
+      g_dbus_method_invocation_return_error(invocation, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_METHOD,
+                                            "No such method %s", method);
+    }
+  }
+
+  void ReceiveVideoFrame(GVariant* parameters, GDBusMethodInvocation* invocation) {
+    gint32 browserID = 0, fdIndex = -1;
+    GVariant* dictionary = nullptr;
+    g_variant_get(parameters, "(ih@a{sv})", &browserID, &fdIndex, &dictionary);
+    std::string problem;
+    SurfaceProperties properties;
+    std::shared_ptr<const SurfaceMapping> mapping;
+    if (ParseSurfaceProperties(dictionary, &properties, &problem)) {
+      GUnixFDList* fds = g_dbus_message_get_unix_fd_list(g_dbus_method_invocation_get_message(invocation));
+      GError* gerror = nullptr;
+      int fd = fds ? g_unix_fd_list_get(fds, fdIndex, &gerror) : -1;
+      if (fd < 0) {
+        problem = "surface descriptor is missing" + (gerror ? ": " + TakeError(gerror) : std::string());
+      } else {
+        mapping = surfaces_.Map(properties, fd, &problem);
+        close(fd);
+      }
+    }
+    g_variant_unref(dictionary);
+    if (!mapping) {
+      SendEmptyReply(invocation);
+      callbacks_.ClientDidReportProblem("frame of browser " + std::to_string(browserID) + " refused: " + problem);
+      return;
+    }
+    auto frame = std::make_shared<const VideoFrame>(browserID, properties, mapping->base(), mapping,
+                                                    [invocation] { SendEmptyReply(invocation); });
+    callbacks_.BrowserReceivedVideoFrame(browserID, std::move(frame));
+  }
+
+  void StartAudioStream(GVariant* parameters, GDBusMethodInvocation* invocation) {
+    gint32 browserID = 0, streamID = 0;
+    GVariant* record = nullptr;
+    g_variant_get(parameters, "(ii@a{sv})", &browserID, &streamID, &record);
+    SendEmptyReply(invocation);
+    AudioStreamFormat format;
+    std::string problem;
+    bool ok = audio_.StartStream(browserID, streamID, record, &format, &problem);
+    g_variant_unref(record);
+    if (!ok) {
+      callbacks_.ClientDidReportProblem(problem);
+      return;
+    }
+    callbacks_.BrowserWillStartAudioStream(browserID, streamID, format);
+  }
+
+  void ReceiveAudioBuffer(GVariant* parameters, GDBusMethodInvocation* invocation) {
+    gint32 browserID = 0, streamID = 0;
+    GVariant* record = nullptr;
+    g_variant_get(parameters, "(ii@a{sv})", &browserID, &streamID, &record);
+    const bool isNullBuffer = g_variant_n_children(record) == 0;
+    std::string problem;
+    auto buffer =
+        audio_.ReceiveBuffer(browserID, streamID, record, [invocation] { SendEmptyReply(invocation); }, &problem);
+    g_variant_unref(record);
+    if (!problem.empty()) callbacks_.ClientDidReportProblem(problem);
+    if (buffer || isNullBuffer) callbacks_.BrowserDidReceiveAudioStream(browserID, streamID, std::move(buffer));
+  }
+
+  OverlayCallbacks& callbacks_;
+  const ConnectOptions options_;
+  std::string socketPath_;
+  GMainContext* context_;
+  GMainLoop* loop_;
+  std::thread thread_;
+  // Set on the client's thread before Start returns, cleared there after
+  // the loop ends; read by request methods in between.
+  GDBusConnection* connection_ = nullptr;
+  guint registration_ = 0;
+  guint filter_ = 0;
+  gulong closedHandler_ = 0;
+  std::atomic<bool> connected_{false};
+  pid_t servicePid_ = -1;
+  bool startedService_ = false;
+  std::shared_ptr<OpenReplyTracker> tracker_;
+  // Used on the client's thread only.
+  SurfaceMappingCache surfaces_;
+  AudioStreamReceiver audio_;
+};
+
+std::unique_ptr<OverlayClient> OverlayClient::Connect(OverlayCallbacks& callbacks, const ConnectOptions& options,
+                                                      std::string* error) {
+  auto impl = std::make_unique<Impl>(callbacks, options);
+  if (!impl->Start(error)) return nullptr;
+  return std::unique_ptr<OverlayClient>(new OverlayClient(std::move(impl)));
+}
+
+std::string OverlayClient::DefaultSocketPath() { return DefaultServiceSocketPath(); }
+std::string OverlayClient::DefaultHelperPath() { return ResolveServiceExecutable({}); }
+
+OverlayClient::OverlayClient(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+OverlayClient::~OverlayClient() = default;
+
+bool OverlayClient::OpenBrowser(const std::string& url, double width, double height, double framerate,
+                                const std::vector<std::string>& permittedFileURLStrings, std::string* error) {
+  return impl_->OpenBrowser(url, width, height, framerate, permittedFileURLStrings, error);
+}
+
+bool OverlayClient::UpdateBrowserSize(int browserID, double width, double height, std::string* error) {
+  return impl_->Call("UpdateBrowserSize", g_variant_new("(idd)", browserID, width, height), error);
+}
+
+bool OverlayClient::CloseBrowser(int browserID, std::string* error) {
+  return impl_->Call("CloseBrowser", g_variant_new("(i)", browserID), error);
+}
+
+bool OverlayClient::UpdateBrowserSettingsData(int browserID, const std::vector<uint8_t>& settingsData,
+                                              std::string* error) {
+  GVariant* bytes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, settingsData.data(), settingsData.size(), 1);
+  return impl_->Call("UpdateBrowserSettingsData", g_variant_new("(i@ay)", browserID, bytes), error);
+}
+
+bool OverlayClient::UpdateBrowserPermittedFileURLStrings(int browserID,
+                                                         const std::vector<std::string>& permittedFileURLStrings,
+                                                         std::string* error) {
+  std::vector<const char*> strings;
+  for (const auto& s : permittedFileURLStrings) strings.push_back(s.c_str());
+  return impl_->Call("UpdateBrowserPermittedFileURLStrings",
+                     g_variant_new("(i@as)", browserID, g_variant_new_strv(strings.data(), strings.size())), error);
+}
+
+void OverlayClient::Disconnect() { impl_->Disconnect(); }
+bool OverlayClient::IsConnected() const { return impl_->IsConnected(); }
+const std::string& OverlayClient::SocketPath() const { return impl_->SocketPath(); }
+pid_t OverlayClient::ServiceProcessID() const { return impl_->ServiceProcessID(); }
+bool OverlayClient::StartedService() const { return impl_->StartedService(); }
+
+}  // namespace streamloft

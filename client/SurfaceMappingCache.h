@@ -1,0 +1,77 @@
+// Reading the surfaces that come with BrowserReceivedVideoFrame: the
+// property dictionary, its checks against the surface's file, and read-only
+// mappings kept per surface so that a steady stream of frames over the same
+// few surfaces does not map and unmap memory for every frame.
+#pragma once
+
+#include <glib.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <tuple>
+
+#include "streamloft/VideoFrame.h"
+
+namespace streamloft {
+
+// Reads the seven IOSurface* keys from an a{sv} dictionary. Every key must be
+// present with a non-negative whole number (any D-Bus integer type, or a
+// double without a fraction) that fits its field.
+bool ParseSurfaceProperties(GVariant* dictionary, SurfaceProperties* properties, std::string* error);
+
+// Checks that the properties describe a BGRA image that lies inside a surface
+// file of `fileSize` bytes, so that reading width x height pixels at the
+// given stride never leaves the mapping.
+bool ValidateSurfaceProperties(const SurfaceProperties& properties, uint64_t fileSize, std::string* error);
+
+// One read-only mapping of a whole surface file.
+class SurfaceMapping {
+ public:
+  SurfaceMapping(const uint8_t* base, size_t size) : base_(base), size_(size) {}
+  ~SurfaceMapping();
+  SurfaceMapping(const SurfaceMapping&) = delete;
+  SurfaceMapping& operator=(const SurfaceMapping&) = delete;
+  const uint8_t* base() const { return base_; }
+  size_t size() const { return size_; }
+
+ private:
+  const uint8_t* base_;
+  size_t size_;
+};
+
+// Not thread-safe: used on the client's connection thread only. Mappings it
+// hands out stay valid for as long as their holders keep them, also after
+// the cache has let go of them.
+class SurfaceMappingCache {
+ public:
+  // Surfaces not seen for this long are unmapped once nobody holds them.
+  static constexpr std::chrono::milliseconds kIdleLimit{3000};
+  static constexpr size_t kMaxEntries = 64;
+
+  // Validates the properties against the surface file behind `fd` (which must
+  // be sealed against shrinking, so it cannot be cut short under the
+  // mapping) and returns the mapping of that surface, mapping it when it is
+  // new. Does not take ownership of `fd`.
+  std::shared_ptr<const SurfaceMapping> Map(const SurfaceProperties& properties, int fd, std::string* error);
+
+  size_t size() const { return entries_.size(); }
+  // Number of mmap calls made so far (for tests and statistics).
+  uint64_t mapCount() const { return mapCount_; }
+
+ private:
+  using Key = std::tuple<uint64_t, dev_t, ino_t>;
+  struct Entry {
+    std::shared_ptr<const SurfaceMapping> mapping;
+    std::chrono::steady_clock::time_point lastUse;
+  };
+  void Prune(std::chrono::steady_clock::time_point now);
+
+  std::map<Key, Entry> entries_;
+  uint64_t mapCount_ = 0;
+};
+
+}  // namespace streamloft

@@ -1,0 +1,67 @@
+// One video frame of an overlay browser as the host sees it: a read-only
+// view of a BGRA surface that the overlay service painted into shared memory.
+//
+// A frame keeps its surface reserved in the service for as long as the host
+// holds it. Dropping the last reference tells the service that the host has
+// let go of the surface, so it can be reused for a later frame. Hold frames
+// briefly (copy the pixels if they are needed longer): the service keeps at
+// most 30 surfaces per browser out at a time and drops frames beyond that.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "streamloft/Export.h"
+
+namespace streamloft {
+
+// The four-character code 'BGRA': 32-bit pixels, bytes B, G, R, A in memory,
+// premultiplied alpha.
+inline constexpr uint32_t kPixelFormatBGRA = 0x42475241;
+
+// The surface properties the service sends with every frame.
+struct SurfaceProperties {
+  uint32_t width = 0;            // IOSurfaceWidth, pixels
+  uint32_t height = 0;           // IOSurfaceHeight, pixels
+  uint32_t bytesPerRow = 0;      // IOSurfaceBytesPerRow, the stride (rows may be padded)
+  uint32_t bytesPerElement = 0;  // IOSurfaceBytesPerElement, always 4
+  uint32_t pixelFormat = 0;      // IOSurfacePixelFormat, always kPixelFormatBGRA
+  uint64_t surfaceID = 0;        // IOSurfaceID, names the surface within the service
+  uint64_t allocSize = 0;        // IOSurfaceAllocSize, bytes of the surface
+};
+
+class SLF_OVERLAY_EXPORT VideoFrame {
+ public:
+  // `pixels` is the first byte of row 0; `keepAlive` keeps the memory behind
+  // it valid; `onRelease` runs once when the frame is destroyed.
+  VideoFrame(int browserID, const SurfaceProperties& properties, const uint8_t* pixels,
+             std::shared_ptr<const void> keepAlive, std::function<void()> onRelease);
+  ~VideoFrame();
+  VideoFrame(const VideoFrame&) = delete;
+  VideoFrame& operator=(const VideoFrame&) = delete;
+
+  int browserID() const { return browserID_; }
+  const SurfaceProperties& properties() const { return properties_; }
+  uint32_t width() const { return properties_.width; }
+  uint32_t height() const { return properties_.height; }
+  uint32_t stride() const { return properties_.bytesPerRow; }
+  uint32_t pixelFormat() const { return properties_.pixelFormat; }
+  // Row 0 of the image; row y starts at data() + y * stride(). Each row holds
+  // width() * 4 bytes of pixels followed by padding up to the stride.
+  const uint8_t* data() const { return pixels_; }
+  const uint8_t* row(uint32_t y) const { return pixels_ + static_cast<size_t>(y) * properties_.bytesPerRow; }
+  // When the library received the frame (steady clock).
+  std::chrono::steady_clock::time_point receivedAt() const { return receivedAt_; }
+
+ private:
+  int browserID_;
+  SurfaceProperties properties_;
+  const uint8_t* pixels_;
+  std::shared_ptr<const void> keepAlive_;
+  std::function<void()> onRelease_;
+  std::chrono::steady_clock::time_point receivedAt_;
+};
+
+}  // namespace streamloft

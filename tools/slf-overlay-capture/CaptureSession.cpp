@@ -1,0 +1,336 @@
+#include "tools/slf-overlay-capture/CaptureSession.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+
+namespace slf_capture {
+
+namespace {
+
+constexpr auto kStartTimeout = std::chrono::seconds(20);
+constexpr auto kCloseTimeout = std::chrono::seconds(5);
+// Converted images waiting for the PNG writer; frames beyond this are
+// counted but not written, so a slow disk cannot make the tool grow.
+constexpr size_t kMaxPendingImages = 32;
+
+double Seconds(std::chrono::steady_clock::duration d) {
+  return std::chrono::duration<double>(d).count();
+}
+
+}  // namespace
+
+CaptureSession::CaptureSession(CaptureOptions options) : options_(std::move(options)) {}
+
+CaptureSession::~CaptureSession() {
+  client_.reset();
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    writerDone_ = true;
+  }
+  changed_.notify_all();
+  if (writer_.joinable()) writer_.join();
+}
+
+template <class Predicate>
+bool CaptureSession::WaitFor(std::chrono::milliseconds timeout, Predicate done) {
+  std::unique_lock<std::mutex> guard(lock_);
+  return changed_.wait_for(guard, timeout, [&] { return done(); });
+}
+
+void CaptureSession::Fail(const std::string& message) {
+  std::lock_guard<std::mutex> guard(lock_);
+  errors_.push_back(message);
+}
+
+int CaptureSession::Run() {
+  if (!options_.outDir.empty()) {
+    std::error_code ec;
+    std::filesystem::create_directories(options_.outDir, ec);
+    if (ec) {
+      fprintf(stderr, "slf-overlay-capture: cannot create %s: %s\n", options_.outDir.c_str(), ec.message().c_str());
+      return 1;
+    }
+    writer_ = std::thread([this] { WriteImages(); });
+  }
+
+  streamloft::ConnectOptions connectOptions;
+  connectOptions.socketPath = options_.socketPath;
+  connectOptions.startOnDemand = options_.startOnDemand;
+  std::string error;
+  client_ = streamloft::OverlayClient::Connect(*this, connectOptions, &error);
+  if (!client_) {
+    fprintf(stderr, "slf-overlay-capture: %s\n", error.c_str());
+    return 1;
+  }
+  callbackClient_ = client_.get();
+  printf("service: %s at %s (process %d)\n", client_->StartedService() ? "started on demand" : "already running",
+         client_->SocketPath().c_str(), static_cast<int>(client_->ServiceProcessID()));
+  fflush(stdout);
+
+  if (!client_->OpenBrowser(options_.url, options_.width, options_.height, options_.fps, options_.permitted,
+                            &error)) {
+    fprintf(stderr, "slf-overlay-capture: %s\n", error.c_str());
+    return 1;
+  }
+  bool answered = WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(kStartTimeout),
+                          [this] { return started_ || !openError_.empty() || connectionClosed_; });
+  int browserID;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (!openError_.empty()) {
+      fprintf(stderr, "slf-overlay-capture: the service refused to open %s: %s\n", options_.url.c_str(),
+              openError_.c_str());
+      return 1;
+    }
+    if (!started_) {
+      fprintf(stderr, "slf-overlay-capture: %s\n",
+              connectionClosed_ ? "the connection to the overlay service closed before the browser started"
+              : answered        ? "no browser started"
+                                : "the overlay service did not start the browser within 20 s");
+      return 1;
+    }
+    browserID = browserID_;
+  }
+  printf("browser ID: %d\n", browserID);
+  fflush(stdout);
+
+  const auto captureStart = std::chrono::steady_clock::now();
+  if (browserID == -1) {
+    printf("no browser: the service has no web engine yet (browser ID -1); nothing to capture\n");
+  } else {
+    const auto end = captureStart + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                        std::chrono::duration<double>(options_.seconds));
+    const bool progress = options_.progress;
+    for (;;) {
+      auto now = std::chrono::steady_clock::now();
+      if (now >= end) break;
+      auto step = std::min<std::chrono::steady_clock::duration>(end - now, std::chrono::milliseconds(250));
+      if (WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(step), [this] { return connectionClosed_; }))
+        break;
+      if (progress) {
+        std::lock_guard<std::mutex> guard(lock_);
+        fprintf(stderr, "\rcapturing: %5.1f / %.1f s, %llu frames", Seconds(std::chrono::steady_clock::now() - captureStart),
+                options_.seconds, static_cast<unsigned long long>(framesReceived_));
+        fflush(stderr);
+      }
+    }
+    if (progress) fprintf(stderr, "\n");
+  }
+  const double elapsed = Seconds(std::chrono::steady_clock::now() - captureStart);
+
+  bool lost;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    lost = connectionClosed_;
+  }
+  if (!lost) {
+    if (!client_->CloseBrowser(browserID, &error)) {
+      Fail(error);
+    } else if (WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(kCloseTimeout),
+                       [this] { return openAnswered_ || connectionClosed_; })) {
+      std::lock_guard<std::mutex> guard(lock_);
+      if (openAnswered_) printf("closed: the open request was answered with browser ID %d\n", openAnswerID_);
+    } else {
+      printf("closed: the open request was not answered within 5 s\n");
+    }
+  }
+  // Ends the connection and the callback thread; the audio files and the
+  // counters are complete after this.
+  client_.reset();
+  for (auto& [key, stream] : audio_) {
+    if (stream->writer.isOpen()) {
+      audioSummaries_.push_back(stream->writer.path() + " (" + std::to_string(stream->writer.framesWritten()) +
+                                " sample frames, still open at the end)");
+      stream->writer.Close();
+    }
+  }
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    writerDone_ = true;
+  }
+  changed_.notify_all();
+  if (writer_.joinable()) writer_.join();
+
+  PrintReport(elapsed);
+  std::lock_guard<std::mutex> guard(lock_);
+  if (lost) fprintf(stderr, "slf-overlay-capture: the connection to the overlay service closed during the capture\n");
+  for (const auto& e : errors_) fprintf(stderr, "slf-overlay-capture: %s\n", e.c_str());
+  return (lost || !errors_.empty()) ? 1 : 0;
+}
+
+void CaptureSession::PrintReport(double elapsedSeconds) {
+  std::lock_guard<std::mutex> guard(lock_);
+  printf("frames received: %llu in %.2f s\n", static_cast<unsigned long long>(framesReceived_), elapsedSeconds);
+  if (framesReceived_ >= 2) {
+    double span = Seconds(lastFrame_ - firstFrame_);
+    printf("effective fps: %.2f (requested %.2f)\n", span > 0 ? (framesReceived_ - 1) / span : 0.0, options_.fps);
+  } else {
+    printf("effective fps: n/a (fewer than 2 frames)\n");
+  }
+  for (const auto& [w, h] : frameSizes_) printf("frame size: %ux%u\n", w, h);
+  printf("distinct surfaces: %zu\n", surfaceIDs_.size());
+  printf("drops: not detectable (frames carry no sequence number); frames refused by the library: %llu\n",
+         static_cast<unsigned long long>(framesRefused_));
+  printf("delivery latency: not measurable (frames carry no paint time)\n");
+  if (!options_.outDir.empty()) {
+    printf("PNG files written: %llu to %s", static_cast<unsigned long long>(imagesWritten_), options_.outDir.c_str());
+    if (framesSkippedWriterBusy_)
+      printf(" (%llu kept frames skipped: writer busy)", static_cast<unsigned long long>(framesSkippedWriterBusy_));
+    printf("\n");
+  }
+  if (settingsRequests_) printf("settings requests answered: %llu\n", static_cast<unsigned long long>(settingsRequests_));
+  for (const auto& s : audioSummaries_) printf("audio: %s\n", s.c_str());
+  if (audioSummaries_.empty()) printf("audio: no stream\n");
+  fflush(stdout);
+}
+
+void CaptureSession::WriteImages() {
+  for (;;) {
+    PendingImage pending;
+    {
+      std::unique_lock<std::mutex> guard(lock_);
+      changed_.wait(guard, [this] { return !images_.empty() || writerDone_; });
+      if (images_.empty()) return;
+      pending = std::move(images_.front());
+      images_.pop_front();
+    }
+    char name[64];
+    snprintf(name, sizeof name, "frame_%06llu.png", static_cast<unsigned long long>(pending.index));
+    std::string error;
+    bool ok = WritePng((std::filesystem::path(options_.outDir) / name).string(), pending.image, &error);
+    std::lock_guard<std::mutex> guard(lock_);
+    if (ok)
+      ++imagesWritten_;
+    else
+      errors_.push_back(error);
+  }
+}
+
+void CaptureSession::BrowserDidStart(int browserID) {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (started_) return;
+    started_ = true;
+    browserID_ = browserID;
+  }
+  changed_.notify_all();
+}
+
+void CaptureSession::BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) {
+  uint64_t index;
+  bool keep;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    index = ++framesReceived_;
+    if (index == 1) firstFrame_ = frame->receivedAt();
+    lastFrame_ = frame->receivedAt();
+    surfaceIDs_.insert(frame->properties().surfaceID);
+    frameSizes_.insert({frame->width(), frame->height()});
+    keep = !options_.outDir.empty() && (index - 1) % options_.every == 0;
+    if (keep && images_.size() >= kMaxPendingImages) {
+      keep = false;
+      ++framesSkippedWriterBusy_;
+    }
+  }
+  if (!keep) return;
+  RgbaImage image = ConvertFrame(frame->data(), frame->width(), frame->height(), frame->stride());
+  frame.reset();  // the surface goes back to the service before the slow PNG encoding
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    images_.push_back({index, std::move(image)});
+  }
+  changed_.notify_all();
+}
+
+void CaptureSession::BrowserWillStartAudioStream(int browserID, int streamID,
+                                                 const streamloft::AudioStreamFormat& format) {
+  auto& slot = audio_[{browserID, streamID}];
+  if (slot && slot->writer.isOpen()) {
+    audioSummaries_.push_back(slot->writer.path() + " (" + std::to_string(slot->writer.framesWritten()) +
+                              " sample frames, restarted)");
+    slot->writer.Close();
+  }
+  slot = std::make_unique<AudioStream>();
+  if (options_.outDir.empty()) return;
+  // A stream ID that comes back later gets a file of its own.
+  std::string base = "audio_browser" + std::to_string(browserID) + "_stream" + std::to_string(streamID);
+  std::filesystem::path path = std::filesystem::path(options_.outDir) / (base + ".wav");
+  for (int n = 2; std::filesystem::exists(path); ++n)
+    path = std::filesystem::path(options_.outDir) / (base + "_" + std::to_string(n) + ".wav");
+  std::string error;
+  if (!slot->writer.Open(path.string(), format.sampleRate, format.channelCount, format.bitsPerSample, &error))
+    Fail(error);
+}
+
+void CaptureSession::BrowserDidReceiveAudioStream(int browserID, int streamID,
+                                                  std::shared_ptr<const streamloft::AudioBuffer> buffer) {
+  if (!buffer) return;
+  auto it = audio_.find({browserID, streamID});
+  if (it == audio_.end()) return;
+  AudioStream& stream = *it->second;
+  ++stream.buffers;
+  stream.bytes += buffer->length();
+  std::string error;
+  if (stream.writer.isOpen() && !stream.writer.Write(buffer->bytes(), buffer->length(), &error)) {
+    Fail(error);
+    stream.writer.Close();
+  }
+}
+
+void CaptureSession::BrowserWillStopAudioStream(int browserID, int streamID) {
+  auto it = audio_.find({browserID, streamID});
+  if (it == audio_.end()) return;
+  AudioStream& stream = *it->second;
+  std::string summary = "stream " + std::to_string(streamID) + ": " + std::to_string(stream.buffers) +
+                        " buffers, " + std::to_string(stream.bytes) + " bytes";
+  if (stream.writer.isOpen()) summary += " -> " + stream.writer.path();
+  audioSummaries_.push_back(summary);
+  stream.writer.Close();
+  audio_.erase(it);
+}
+
+void CaptureSession::RequestSettingsDataForBrowser(int browserID) {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    ++settingsRequests_;
+  }
+  std::string error;
+  streamloft::OverlayClient* client = callbackClient_;
+  if (client && !client->UpdateBrowserSettingsData(browserID, options_.settingsData, &error)) Fail(error);
+}
+
+void CaptureSession::OpenBrowserDidReply(int browserID) {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    openAnswered_ = true;
+    openAnswerID_ = browserID;
+  }
+  changed_.notify_all();
+}
+
+void CaptureSession::OpenBrowserDidFail(const std::string& error) {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    openError_ = error.empty() ? "unknown error" : error;
+  }
+  changed_.notify_all();
+}
+
+void CaptureSession::ConnectionDidClose() {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    connectionClosed_ = true;
+  }
+  changed_.notify_all();
+}
+
+void CaptureSession::ClientDidReportProblem(const std::string& message) {
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (message.rfind("frame ", 0) == 0) ++framesRefused_;
+  }
+  fprintf(stderr, "slf-overlay-capture: %s\n", message.c_str());
+}
+
+}  // namespace slf_capture

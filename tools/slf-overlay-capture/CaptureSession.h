@@ -1,0 +1,112 @@
+// One run of slf-overlay-capture: connects to the overlay service, opens one
+// browser, keeps every Nth frame as PNG and every audio stream as WAV for the
+// given time, closes the browser and reports what arrived.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "streamloft/OverlayClient.h"
+#include "tools/slf-overlay-capture/PngFrameWriter.h"
+#include "tools/slf-overlay-capture/WavStreamWriter.h"
+
+namespace slf_capture {
+
+struct CaptureOptions {
+  std::string url;
+  uint32_t width = 1280;
+  uint32_t height = 720;
+  double fps = 30;
+  double seconds = 5;
+  std::string outDir;  // empty: write nothing, only report
+  uint32_t every = 1;
+  std::string socketPath;
+  bool startOnDemand = true;
+  std::vector<std::string> permitted;
+  std::vector<uint8_t> settingsData;
+  bool progress = false;
+};
+
+class CaptureSession : public streamloft::OverlayCallbacks {
+ public:
+  explicit CaptureSession(CaptureOptions options);
+  ~CaptureSession() override;
+
+  // Runs the whole capture and prints its report; returns the exit status.
+  int Run();
+
+  void BrowserDidStart(int browserID) override;
+  void BrowserReceivedVideoFrame(int browserID, std::shared_ptr<const streamloft::VideoFrame> frame) override;
+  void BrowserWillStartAudioStream(int browserID, int streamID, const streamloft::AudioStreamFormat& format) override;
+  void BrowserDidReceiveAudioStream(int browserID, int streamID,
+                                    std::shared_ptr<const streamloft::AudioBuffer> buffer) override;
+  void BrowserWillStopAudioStream(int browserID, int streamID) override;
+  void RequestSettingsDataForBrowser(int browserID) override;
+  void OpenBrowserDidReply(int browserID) override;
+  void OpenBrowserDidFail(const std::string& error) override;
+  void ConnectionDidClose() override;
+  void ClientDidReportProblem(const std::string& message) override;
+
+ private:
+  struct PendingImage {
+    uint64_t index;
+    RgbaImage image;
+  };
+  struct AudioStream {
+    WavStreamWriter writer;
+    uint64_t buffers = 0;
+    uint64_t bytes = 0;
+  };
+
+  template <class Predicate>
+  bool WaitFor(std::chrono::milliseconds timeout, Predicate done);
+  void WriteImages();
+  void Fail(const std::string& message);
+  void PrintReport(double elapsedSeconds);
+
+  CaptureOptions options_;
+  std::unique_ptr<streamloft::OverlayClient> client_;
+  // The same client for the callback thread, which must not read client_
+  // while the main thread resets it (the thread ends inside that reset).
+  std::atomic<streamloft::OverlayClient*> callbackClient_{nullptr};
+
+  // Lock order: a leaf; never held while calling the client or writing files.
+  std::mutex lock_;
+  std::condition_variable changed_;
+  bool started_ = false;
+  int browserID_ = -1;
+  bool openAnswered_ = false;
+  int openAnswerID_ = -1;
+  std::string openError_;
+  bool connectionClosed_ = false;
+  uint64_t framesReceived_ = 0;
+  uint64_t framesRefused_ = 0;
+  uint64_t framesSkippedWriterBusy_ = 0;
+  uint64_t settingsRequests_ = 0;
+  std::chrono::steady_clock::time_point firstFrame_, lastFrame_;
+  std::set<uint64_t> surfaceIDs_;
+  std::set<std::pair<uint32_t, uint32_t>> frameSizes_;
+  std::vector<std::string> errors_;
+  std::deque<PendingImage> images_;
+  bool writerDone_ = false;
+  uint64_t imagesWritten_ = 0;
+
+  // Touched on the client's callback thread only (read after it has ended).
+  std::map<std::pair<int, int>, std::unique_ptr<AudioStream>> audio_;
+  std::vector<std::string> audioSummaries_;
+
+  std::thread writer_;
+};
+
+}  // namespace slf_capture
