@@ -5,6 +5,8 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstring>
+
 #include "client/SurfaceMappingCache.h"
 #include "platform/NplSharedSurface.h"
 
@@ -30,7 +32,9 @@ SurfaceProperties Props(uint32_t w, uint32_t h, uint32_t stride, uint64_t alloc,
 int SealedMemfd(size_t size, bool seal = true) {
   int fd = memfd_create("surface", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
-  if (seal) EXPECT_EQ(fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
+  if (seal) {
+    EXPECT_EQ(fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
+  }
   return fd;
 }
 
@@ -59,13 +63,13 @@ TEST(SurfacePropertiesTest, AcceptsOtherNumberTypesButRefusesMissingNegativeOrOv
   auto build = [](const char* skip, GVariant* widthValue) {
     GVariantBuilder b;
     g_variant_builder_init(&b, G_VARIANT_TYPE_VARDICT);
-    if (strcmp(skip, "IOSurfaceWidth") != 0) g_variant_builder_add(&b, "{sv}", "IOSurfaceWidth", widthValue);
-    else g_variant_unref(g_variant_ref_sink(widthValue));
+    g_variant_builder_add(&b, "{sv}", "IOSurfaceWidth", widthValue);
     g_variant_builder_add(&b, "{sv}", "IOSurfaceHeight", g_variant_new_double(2.0));
     g_variant_builder_add(&b, "{sv}", "IOSurfaceBytesPerRow", g_variant_new_int32(64));
     g_variant_builder_add(&b, "{sv}", "IOSurfaceBytesPerElement", g_variant_new_byte(4));
-    if (strcmp(skip, "IOSurfacePixelFormat") != 0)
+    if (strcmp(skip, "IOSurfacePixelFormat") != 0) {
       g_variant_builder_add(&b, "{sv}", "IOSurfacePixelFormat", g_variant_new_uint32(0x42475241));
+    }
     g_variant_builder_add(&b, "{sv}", "IOSurfaceID", g_variant_new_int64(9));
     g_variant_builder_add(&b, "{sv}", "IOSurfaceAllocSize", g_variant_new_uint32(128));
     return g_variant_ref_sink(g_variant_builder_end(&b));
