@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <cstdio>
 #include <future>
 #include <mutex>
@@ -41,64 +42,91 @@ void SendEmptyReply(GDBusMethodInvocation* invocation) {
 // The replies of OpenBrowser arrive when the browser is closed, possibly long
 // after the request and on GDBus's own thread. Each request's serial is
 // noted here when it is sent; a message filter picks the matching reply off
-// the connection and hands it to the client's thread.
-struct OpenReplyTracker {
-  // Lock order: a leaf. Held while an OpenBrowser message is sent and while
-  // the filter looks a reply up, so that a reply cannot overtake the noting
-  // of its serial.
-  std::mutex lock;
-  std::set<guint32> pending;
-  GMainContext* context = nullptr;  // the client's context, referenced
-  OverlayCallbacks* callbacks = nullptr;
-
-  ~OpenReplyTracker() {
-    if (context) g_main_context_unref(context);
-  }
-};
-
+// the connection, queues it here and wakes the client's thread to deliver
+// it. Everything the two threads share passes through `lock`.
 struct OpenReply {
-  OverlayCallbacks* callbacks;
-  bool ok;
-  int browserID;
+  bool ok = false;
+  int browserID = -1;
   std::string error;
 };
 
-gboolean DeliverOpenReply(gpointer data) {
-  auto* reply = static_cast<OpenReply*>(data);
-  if (reply->ok)
-    reply->callbacks->OpenBrowserDidReply(reply->browserID);
-  else
-    reply->callbacks->OpenBrowserDidFail(reply->error);
+struct OpenReplyTracker {
+  OpenReplyTracker(GMainContext* clientContext, OverlayCallbacks* clientCallbacks) {
+    std::lock_guard<std::mutex> guard(lock);
+    context = g_main_context_ref(clientContext);
+    callbacks = clientCallbacks;
+  }
+  ~OpenReplyTracker() { g_main_context_unref(context); }
+
+  // Lock order: a leaf. Held while an OpenBrowser message is sent and while
+  // the filter looks a reply up, so that a reply cannot overtake the noting
+  // of its serial; never held while a callback runs. One lock for every
+  // client of the process: GDBus's thread is shared by all connections and
+  // may meet a tracker first through this lock, which must therefore exist
+  // before any tracker does.
+  static std::mutex lock;
+  std::set<guint32> pending;
+  std::deque<OpenReply> arrived;
+  GMainContext* context = nullptr;  // the client's context, referenced
+  OverlayCallbacks* callbacks = nullptr;
+};
+
+std::mutex OpenReplyTracker::lock;
+
+// On the client's thread.
+gboolean DeliverOpenReplies(gpointer data) {
+  auto& tracker = *static_cast<OpenReplyTracker*>(data);
+  for (;;) {
+    OpenReply reply;
+    OverlayCallbacks* callbacks;
+    {
+      std::lock_guard<std::mutex> guard(tracker.lock);
+      if (tracker.arrived.empty()) break;
+      reply = std::move(tracker.arrived.front());
+      tracker.arrived.pop_front();
+      callbacks = tracker.callbacks;
+    }
+    if (reply.ok)
+      callbacks->OpenBrowserDidReply(reply.browserID);
+    else
+      callbacks->OpenBrowserDidFail(reply.error);
+  }
   return G_SOURCE_REMOVE;
 }
 
+// On GDBus's thread, for every incoming message.
 GDBusMessage* FilterOpenReplies(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer data) {
   if (!incoming) return message;
   GDBusMessageType type = g_dbus_message_get_message_type(message);
   if (type != G_DBUS_MESSAGE_TYPE_METHOD_RETURN && type != G_DBUS_MESSAGE_TYPE_ERROR) return message;
-  auto& tracker = **static_cast<std::shared_ptr<OpenReplyTracker>*>(data);
+  auto& tracker = *static_cast<OpenReplyTracker*>(data);
   {
     std::lock_guard<std::mutex> guard(tracker.lock);
     if (tracker.pending.erase(g_dbus_message_get_reply_serial(message)) == 0) return message;
   }
-  auto* reply = new OpenReply{tracker.callbacks, false, -1, {}};
+  OpenReply reply;
   if (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN) {
     GVariant* body = g_dbus_message_get_body(message);
     if (body && g_variant_is_of_type(body, G_VARIANT_TYPE("(i)"))) {
-      reply->ok = true;
-      g_variant_get(body, "(i)", &reply->browserID);
+      reply.ok = true;
+      g_variant_get(body, "(i)", &reply.browserID);
     } else {
-      reply->error = std::string("OpenBrowser answered with an unexpected reply of type ") +
-                     (body ? g_variant_get_type_string(body) : "()");
+      reply.error = std::string("OpenBrowser answered with an unexpected reply of type ") +
+                    (body ? g_variant_get_type_string(body) : "()");
     }
   } else {
     GError* error = nullptr;
     g_dbus_message_to_gerror(message, &error);
-    reply->error = TakeError(error);
+    reply.error = TakeError(error);
   }
-  g_main_context_invoke_full(tracker.context, G_PRIORITY_DEFAULT, DeliverOpenReply, reply,
-                             [](gpointer p) { delete static_cast<OpenReply*>(p); });
   g_object_unref(message);
+  GMainContext* context;
+  {
+    std::lock_guard<std::mutex> guard(tracker.lock);
+    tracker.arrived.push_back(std::move(reply));
+    context = tracker.context;
+  }
+  g_main_context_invoke(context, DeliverOpenReplies, &tracker);
   return nullptr;
 }
 
@@ -119,17 +147,24 @@ class OverlayClient::Impl {
  public:
   Impl(OverlayCallbacks& callbacks, const ConnectOptions& options)
       : callbacks_(callbacks), options_(options), context_(g_main_context_new()),
-        loop_(g_main_loop_new(context_, FALSE)), tracker_(std::make_shared<OpenReplyTracker>()) {
+        loop_(g_main_loop_new(context_, FALSE)), tracker_(context_, &callbacks_) {
     socketPath_ = options_.socketPath.empty() ? DefaultServiceSocketPath() : options_.socketPath;
-    tracker_->context = g_main_context_ref(context_);
-    tracker_->callbacks = &callbacks_;
   }
 
   ~Impl() {
     if (thread_.joinable()) {
-      g_main_loop_quit(loop_);
+      // Queued rather than a direct quit, which would be lost if the loop
+      // has not started running yet.
+      g_main_context_invoke(
+          context_,
+          [](gpointer loop) {
+            g_main_loop_quit(static_cast<GMainLoop*>(loop));
+            return G_SOURCE_REMOVE;
+          },
+          loop_);
       thread_.join();
     }
+    g_clear_object(&connection_);
     g_main_loop_unref(loop_);
     g_main_context_unref(context_);
   }
@@ -157,11 +192,11 @@ class OverlayClient::Impl {
     GError* gerror = nullptr;
     bool sent;
     {
-      std::lock_guard<std::mutex> guard(tracker_->lock);
+      std::lock_guard<std::mutex> guard(tracker_.lock);
       guint32 serial = 0;
       sent = g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, &serial,
                                             &gerror);
-      if (sent) tracker_->pending.insert(serial);
+      if (sent) tracker_.pending.insert(serial);
     }
     g_object_unref(message);
     if (!sent) {
@@ -261,10 +296,9 @@ class OverlayClient::Impl {
       g_clear_object(&connection_);
       return false;
     }
-    filter_ = g_dbus_connection_add_filter(connection_, FilterOpenReplies,
-                                           new std::shared_ptr<OpenReplyTracker>(tracker_), [](gpointer p) {
-                                             delete static_cast<std::shared_ptr<OpenReplyTracker>*>(p);
-                                           });
+    // The tracker outlives the filter: the filter is removed only after the
+    // connection has closed, when no message can reach it any more.
+    filter_ = g_dbus_connection_add_filter(connection_, FilterOpenReplies, &tracker_, nullptr);
     closedHandler_ = g_signal_connect(connection_, "closed", G_CALLBACK(&Impl::HandleClosed), this);
     servicePid_ = PeerProcessID(connection_);
     connected_ = true;
@@ -274,8 +308,16 @@ class OverlayClient::Impl {
 
   GDBusConnection* StartServiceAndConnect(const std::string& firstError, std::string* failure) {
     const std::string helper = ResolveServiceExecutable(options_.helperPath);
+    const std::string log = ServiceLogPath(socketPath_);
+    if (options_.socketPath.empty()) {
+      // The default folder is private to the user; the service makes it the
+      // same way when it gets there first.
+      std::string folder = socketPath_.substr(0, socketPath_.rfind('/'));
+      g_mkdir_with_parents(folder.c_str(), 0700);
+    }
     std::string spawnError;
-    pid_t pid = StartServiceProcess(helper, options_.socketPath.empty() ? std::string() : socketPath_, &spawnError);
+    pid_t pid = StartServiceProcess(helper, options_.socketPath.empty() ? std::string() : socketPath_, log,
+                                    &spawnError);
     if (pid < 0) {
       *failure = "cannot reach the overlay service at " + socketPath_ + " (" + firstError + ") and " + spawnError;
       return nullptr;
@@ -298,14 +340,14 @@ class OverlayClient::Impl {
         // quietly with status 0; the other one will answer.
         if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
           *failure = "the overlay service '" + helper + "' " + DescribeWaitStatus(status) +
-                     " before it answered at " + socketPath_;
+                     " before it answered at " + socketPath_ + " (its log: " + log + ")";
           return nullptr;
         }
       }
       if (std::chrono::steady_clock::now() >= deadline) {
         if (!ended) ReapServiceProcessWhenItEnds(pid);
         *failure = "the overlay service '" + helper + "' did not answer at " + socketPath_ + " within " +
-                   std::to_string(options_.startTimeout.count()) + " ms: " + lastError;
+                   std::to_string(options_.startTimeout.count()) + " ms: " + lastError + " (its log: " + log + ")";
         return nullptr;
       }
       std::this_thread::sleep_for(delay);
@@ -319,7 +361,14 @@ class OverlayClient::Impl {
     g_dbus_connection_unregister_object(connection_, registration_);
     if (!g_dbus_connection_is_closed(connection_)) g_dbus_connection_close_sync(connection_, nullptr, nullptr);
     g_dbus_connection_remove_filter(connection_, filter_);
-    g_clear_object(&connection_);
+    {
+      // The closed connection runs the filter no more; taking the lock once
+      // orders its last use of the tracker before the tracker goes.
+      std::lock_guard<std::mutex> guard(tracker_.lock);
+      tracker_.pending.clear();
+    }
+    // The connection object itself is released by the destructor, after
+    // this thread has ended, so request methods never see it dangle.
     audio_.Clear();
     surfaces_ = SurfaceMappingCache();
   }
@@ -427,8 +476,8 @@ class OverlayClient::Impl {
   GMainContext* context_;
   GMainLoop* loop_;
   std::thread thread_;
-  // Set on the client's thread before Start returns, cleared there after
-  // the loop ends; read by request methods in between.
+  // Set on the client's thread before Start returns (the start-up future
+  // orders it before every request), released by the destructor.
   GDBusConnection* connection_ = nullptr;
   guint registration_ = 0;
   guint filter_ = 0;
@@ -436,7 +485,7 @@ class OverlayClient::Impl {
   std::atomic<bool> connected_{false};
   pid_t servicePid_ = -1;
   bool startedService_ = false;
-  std::shared_ptr<OpenReplyTracker> tracker_;
+  OpenReplyTracker tracker_;
   // Used on the client's thread only.
   SurfaceMappingCache surfaces_;
   AudioStreamReceiver audio_;

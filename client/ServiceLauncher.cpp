@@ -28,7 +28,10 @@ std::string ResolveServiceExecutable(const std::string& explicitPath) {
   return SLF_OVERLAY_HELPER_INSTALLED_PATH;
 }
 
-pid_t StartServiceProcess(const std::string& executable, const std::string& listenPath, std::string* error) {
+std::string ServiceLogPath(const std::string& socketPath) { return socketPath + ".log"; }
+
+pid_t StartServiceProcess(const std::string& executable, const std::string& listenPath, const std::string& logPath,
+                          std::string* error) {
   if (access(executable.c_str(), X_OK) != 0) {
     *error = "cannot start the overlay service '" + executable + "': " + strerror(errno);
     return -1;
@@ -43,6 +46,11 @@ pid_t StartServiceProcess(const std::string& executable, const std::string& list
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+  int logFD = open(logPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  if (logFD >= 0)
+    posix_spawn_file_actions_adddup2(&actions, logFD, STDERR_FILENO);
+  else
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
 
   posix_spawnattr_t attributes;
@@ -62,6 +70,7 @@ pid_t StartServiceProcess(const std::string& executable, const std::string& list
   int rc = posix_spawn(&pid, executable.c_str(), &actions, &attributes, argv.data(), environ);
   posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
+  if (logFD >= 0) close(logFD);
   if (rc != 0) {
     *error = "cannot start the overlay service '" + executable + "': " + strerror(rc);
     return -1;

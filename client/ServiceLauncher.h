@@ -18,10 +18,16 @@ std::string DefaultServiceSocketPath();
 // else the installed StreamloftCEFOverlayHelper.
 std::string ResolveServiceExecutable(const std::string& explicitPath);
 
+// Where a service started for `socketPath` writes its log: "<socketPath>.log".
+std::string ServiceLogPath(const std::string& socketPath);
+
 // Starts `executable` (with "--listen=PATH" when `listenPath` is not empty),
-// standard input and output on /dev/null, standard error inherited, no other
-// descriptor of the host. Returns the process ID, or -1 and a message.
-pid_t StartServiceProcess(const std::string& executable, const std::string& listenPath, std::string* error);
+// standard input and output on /dev/null, standard error appended to
+// `logPath` (or /dev/null when that cannot be opened), no other descriptor
+// of the host: a service that outlives the host must not hold its terminal
+// or its pipes open. Returns the process ID, or -1 and a message.
+pid_t StartServiceProcess(const std::string& executable, const std::string& listenPath, const std::string& logPath,
+                          std::string* error);
 
 // Non-blocking check of a started service: true and its wait status once it
 // has ended (it is reaped then).

@@ -54,20 +54,38 @@ FakeOverlayService::~FakeOverlayService() {
   g_main_context_unref(context_);
 }
 
+// Runs `work` on the service's thread and waits for it. The job and its
+// completion pass through lock_, so that they are ordered for every checker.
 void FakeOverlayService::RunOnThread(std::function<void()> work) {
-  std::promise<void> done;
-  auto* job = new std::function<void()>([&] {
-    work();
-    done.set_value();
-  });
-  g_main_context_invoke_full(
-      context_, G_PRIORITY_DEFAULT,
-      [](gpointer p) {
-        (*static_cast<std::function<void()>*>(p))();
+  bool done = false;
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    jobs_.push_back([&] {
+      work();
+      std::lock_guard<std::mutex> doneGuard(lock_);
+      done = true;
+      changed_.notify_all();
+    });
+  }
+  g_main_context_invoke(
+      context_,
+      [](gpointer data) {
+        auto* self = static_cast<FakeOverlayService*>(data);
+        for (;;) {
+          std::function<void()> job;
+          {
+            std::lock_guard<std::mutex> guard(self->lock_);
+            if (self->jobs_.empty()) break;
+            job = std::move(self->jobs_.front());
+            self->jobs_.pop_front();
+          }
+          job();
+        }
         return G_SOURCE_REMOVE;
       },
-      job, [](gpointer p) { delete static_cast<std::function<void()>*>(p); });
-  done.get_future().wait();
+      this);
+  std::unique_lock<std::mutex> guard(lock_);
+  changed_.wait(guard, [&] { return done; });
 }
 
 gboolean FakeOverlayService::OnNewConnection(GDBusServer*, GDBusConnection* connection, gpointer data) {

@@ -10,6 +10,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -72,4 +73,5 @@ class FakeOverlayService {
   int nextBrowserID_ = 7;
   int nextToken_ = 1;
   std::map<int, bool> replies_;
+  std::deque<std::function<void()>> jobs_;
 };

@@ -26,8 +26,10 @@ namespace {
 
 class RecordingCallbacks : public streamloft::OverlayCallbacks {
  public:
-  OverlayClient* client = nullptr;      // for answering settings requests
-  std::vector<uint8_t> settingsAnswer;  // sent back on RequestSettingsDataForBrowser
+  // Set under `lock`: the client for answering settings requests, and the
+  // answer.
+  OverlayClient* client = nullptr;
+  std::vector<uint8_t> settingsAnswer;
   bool keepFrames = true;
   bool keepAudio = true;
 
@@ -55,8 +57,15 @@ class RecordingCallbacks : public streamloft::OverlayCallbacks {
     Add("audio-stop " + std::to_string(id) + " " + std::to_string(stream));
   }
   void RequestSettingsDataForBrowser(int id) override {
+    OverlayClient* c;
+    std::vector<uint8_t> answer;
+    {
+      std::lock_guard<std::mutex> guard(lock);
+      c = client;
+      answer = settingsAnswer;
+    }
     std::string error;
-    bool ok = client->UpdateBrowserSettingsData(id, settingsAnswer, &error);
+    bool ok = c->UpdateBrowserSettingsData(id, answer, &error);
     Add("settings " + std::to_string(id) + (ok ? " answered" : " failed: " + error));
   }
   void OpenBrowserDidReply(int id) override { Add("open-reply " + std::to_string(id)); }
@@ -144,7 +153,10 @@ class OverlayClientProtocolTest : public ::testing::Test {
     std::string error;
     client_ = OverlayClient::Connect(callbacks_, options, &error);
     ASSERT_TRUE(client_) << error;
-    callbacks_.client = client_.get();
+    {
+      std::lock_guard<std::mutex> guard(callbacks_.lock);
+      callbacks_.client = client_.get();
+    }
     ASSERT_TRUE(service_->waitForHost());
   }
   // Opens a browser and waits for its announcement.
@@ -351,7 +363,10 @@ TEST_F(OverlayClientProtocolTest, AudioForAnUnknownStreamOrABadRecordIsAnsweredA
 TEST_F(OverlayClientProtocolTest, SettingsRequestIsAnsweredFromTheCallback) {
   Connect();
   Open();
-  callbacks_.settingsAnswer = {'{', '}'};
+  {
+    std::lock_guard<std::mutex> guard(callbacks_.lock);
+    callbacks_.settingsAnswer = {'{', '}'};
+  }
   service_->callHost("RequestSettingsDataForBrowser", g_variant_new("(i)", 7));
   EXPECT_EQ(callbacks_.WaitFor("settings"), "settings 7 answered");
   auto requests = service_->waitForRequests(2);

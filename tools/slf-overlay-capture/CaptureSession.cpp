@@ -127,6 +127,9 @@ int CaptureSession::Run() {
   if (!lost) {
     if (!client_->CloseBrowser(browserID, &error)) {
       Fail(error);
+    } else if (browserID == -1) {
+      // Nothing was registered under -1, so there is no kept reply to answer.
+      printf("closed: browser ID -1 has no open request to answer\n");
     } else if (WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(kCloseTimeout),
                        [this] { return openAnswered_ || connectionClosed_; })) {
       std::lock_guard<std::mutex> guard(lock_);

@@ -76,6 +76,8 @@ struct ConnectOptions {
   // $XDG_RUNTIME_DIR/streamloft/overlay-helper.sock.
   std::string socketPath;
   // When nothing answers at the socket, start the service and connect again.
+  // The service then runs in a session of its own and writes its log to
+  // "<socketPath>.log".
   bool startOnDemand = true;
   // Service executable; empty means $SLF_OVERLAY_HELPER, else the installed
   // StreamloftCEFOverlayHelper.
