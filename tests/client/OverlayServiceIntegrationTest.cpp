@@ -34,13 +34,6 @@ class Host : public streamloft::OverlayCallbacks {
     started_.push_back(id);
     changed_.notify_all();
   }
-  void BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) override {
-    std::lock_guard<std::mutex> guard(lock_);
-    ++frames_;
-    lastWidth_ = frame->width();
-    lastHeight_ = frame->height();
-    changed_.notify_all();
-  }
   void OpenBrowserDidReply(int id) override {
     std::lock_guard<std::mutex> guard(lock_);
     replies_.push_back(id);
@@ -63,14 +56,6 @@ class Host : public streamloft::OverlayCallbacks {
     if (!changed_.wait_for(guard, timeout, [&] { return !replies_.empty(); })) return std::nullopt;
     return replies_[0];
   }
-  bool WaitForFrames(uint64_t n, std::chrono::milliseconds timeout) {
-    std::unique_lock<std::mutex> guard(lock_);
-    return changed_.wait_for(guard, timeout, [&] { return frames_ >= n; });
-  }
-  std::pair<uint32_t, uint32_t> LastSize() {
-    std::lock_guard<std::mutex> guard(lock_);
-    return {lastWidth_, lastHeight_};
-  }
   std::vector<std::string> Problems() {
     std::lock_guard<std::mutex> guard(lock_);
     return problems_;
@@ -81,8 +66,6 @@ class Host : public streamloft::OverlayCallbacks {
   std::condition_variable changed_;
   std::vector<int> started_;
   std::vector<int> replies_;
-  uint64_t frames_ = 0;
-  uint32_t lastWidth_ = 0, lastHeight_ = 0;
   std::vector<std::string> problems_;
 };
 
@@ -181,11 +164,6 @@ TEST_F(OverlayServiceTest, StartedOnDemandOpensAndCloseAnswersTheOpenRequest) {
   auto id = host.WaitForStart();
   ASSERT_TRUE(id.has_value()) << "no BrowserDidStart";
   EXPECT_TRUE(*id == -1 || *id > 0) << *id;
-  if (*id > 0) {
-    // A running engine paints the page at the requested size.
-    ASSERT_TRUE(host.WaitForFrames(1, 30s));
-    EXPECT_EQ(host.LastSize(), (std::pair<uint32_t, uint32_t>{320, 240}));
-  }
   std::string error;
   ASSERT_TRUE(client->CloseBrowser(*id, &error)) << error;
   if (*id > 0) {
