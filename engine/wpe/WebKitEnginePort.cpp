@@ -132,6 +132,9 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     if (m_pApp)
         m_pApp->OnBeforeCommandLineProcessing(std::string(), commandLine);
     m_DeviceScaleFactor = ForcedDeviceScaleFactor(commandLine);
+    if (commandLine.HasSwitch("force-device-scale-factor") && !m_DeviceScaleFactor)
+        NSLog("WebKitEnginePort::Initialize - ignoring force-device-scale-factor \"%s\": not a positive number",
+              commandLine.GetSwitchValue("force-device-scale-factor").c_str());
     m_strExtensionFolder = settings.browser_subprocess_path.empty() ? ExecutableDirectory()
                                                                     : DirectoryOf(settings.browser_subprocess_path);
     if (settings.multi_threaded_message_loop)

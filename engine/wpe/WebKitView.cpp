@@ -22,6 +22,8 @@ namespace {
 
 constexpr int kDefaultWidth = 800;
 constexpr int kDefaultHeight = 600;
+// Larger views are cut to this edge length (the renderer's texture limit).
+constexpr int kMaxEdge = 16384;
 constexpr int kMinFrameRate = 1;
 constexpr int kMaxFrameRate = 240;
 // Two presses closer than this (and a few pixels) make one double click.
@@ -100,8 +102,8 @@ void WebKitView::Open(const std::string& url)
     if (EngineRenderHandler* handler = m_pClient->GetRenderHandler()) {
         EngineRect rect;
         if (handler->GetViewRect(shared_from_this(), rect) && rect.width > 0 && rect.height > 0) {
-            width = rect.width;
-            height = rect.height;
+            width = std::min(rect.width, kMaxEdge);
+            height = std::min(rect.height, kMaxEdge);
         }
     }
 
@@ -303,6 +305,12 @@ void WebKitView::DoResize()
     EngineRect rect;
     if (!handler || !handler->GetViewRect(shared_from_this(), rect) || rect.width <= 0 || rect.height <= 0)
         return;
+    if (rect.width > kMaxEdge || rect.height > kMaxEdge) {
+        NSLog("WebKitView::WasResized - browser %d: %d x %d is larger than the engine renders; cut to %d", m_nId,
+              rect.width, rect.height, kMaxEdge);
+        rect.width = std::min(rect.width, kMaxEdge);
+        rect.height = std::min(rect.height, kMaxEdge);
+    }
     if (struct wpe_view_backend* backend = Backend())
         wpe_view_backend_dispatch_set_size(backend, static_cast<uint32_t>(rect.width),
                                            static_cast<uint32_t>(rect.height));
