@@ -254,6 +254,41 @@ TEST_F(OverlayClientProtocolTest, FrameStaysWithTheHostUntilDroppedAndShowsItsPi
   EXPECT_TRUE(service_->waitForReply(token));
 }
 
+TEST_F(OverlayClientProtocolTest, FramesAndBuffersOutliveTheirClient) {
+  Connect();
+  Open();
+  int fd = MakeSurface(8, 8, 32);
+  service_->callHost("BrowserReceivedVideoFrame",
+                     g_variant_new("(ih@a{sv})", 7, 0, SurfaceProperties(8, 8, 32, 5, 256)), fd);
+  close(fd);
+  auto pool = NVKXPCAudioBufferPool::initWithBufferSize(32, 4);
+  pool->setSampleRate(44100);
+  pool->setChannelCount(1);
+  pool->setBitsPerSample(16);
+  service_->callHost("BrowserWillStartAudioStream", g_variant_new("(ii@a{sv})", 7, 1, pool->encodeRecord()));
+  auto slot = pool->bufferFromPool();
+  slot->appendBytes("pcm!", 4);
+  service_->callHost("BrowserDidReceiveAudioStream", g_variant_new("(ii@a{sv})", 7, 1, slot->encodeRecord()));
+  ASSERT_NE(callbacks_.WaitFor("frame"), "");
+  ASSERT_NE(callbacks_.WaitFor("audio-buffer"), "");
+  std::shared_ptr<const VideoFrame> frame;
+  std::shared_ptr<const AudioBuffer> buffer;
+  {
+    std::lock_guard<std::mutex> guard(callbacks_.lock);
+    frame = callbacks_.frames.at(0);
+    buffer = callbacks_.buffers.at(0);
+    callbacks_.frames.clear();
+    callbacks_.buffers.clear();
+  }
+  client_.reset();
+  // Still mapped after the connection and its thread are gone; giving them
+  // back now has nobody to tell and must be harmless.
+  EXPECT_EQ(frame->row(7)[7 * 4], 7);
+  EXPECT_EQ(memcmp(buffer->bytes(), "pcm!", 4), 0);
+  frame.reset();
+  buffer.reset();
+}
+
 TEST_F(OverlayClientProtocolTest, BadFramesAreRefusedAndReleasedAtOnce) {
   Connect();
   Open();
