@@ -199,20 +199,21 @@ public:
             G_VARIANT_TYPE("(i)"), G_DBUS_CALL_FLAGS_NONE, G_MAXINT, nullptr,
             [](GObject* source, GAsyncResult* result, gpointer data) {
                 auto* context = static_cast<Context*>(data);
+                std::shared_ptr<PendingReply> pending = std::move(context->pending);
+                delete context;
                 GError* error = nullptr;
                 GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
-                std::lock_guard<std::mutex> guard(context->pending->lock);
+                std::lock_guard<std::mutex> guard(pending->lock);
                 if (reply) {
                     int id = 0;
                     g_variant_get(reply, "(i)", &id);
-                    context->pending->browserID = id;
+                    pending->browserID = id;
                     g_variant_unref(reply);
                 } else {
-                    context->pending->errorName = ErrorName(error);
+                    pending->errorName = ErrorName(error);
                     g_error_free(error);
                 }
-                context->pending->done = true;
-                delete context;
+                pending->done = true;
             },
             new Context{pending});
         return pending;
