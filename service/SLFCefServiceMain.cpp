@@ -19,6 +19,7 @@
 #include <glib-unix.h>
 
 #include <csignal>
+#include <unistd.h>
 #include <cstdio>
 #include <cstdlib>
 #include <sstream>
@@ -140,7 +141,11 @@ int SLFCefServiceMain(int argc, char** argv)
     // Runs until the process is told to end.
     listener->resume();
 
-    listener->stop();
+    // Nothing is torn down at the end: browsers, connections and the engine
+    // go with the process (the web processes end when their connection to
+    // it closes). Only the address is given back, so that the next service
+    // can take it at once.
     SLFCefReleaseServiceSocket(socket);
-    return 0;
+    fflush(nullptr);
+    _exit(0);
 }
