@@ -168,6 +168,8 @@ void CaptureSession::PrintReport(double elapsedSeconds) {
   if (framesReceived_ >= 2) {
     double span = Seconds(lastFrame_ - firstFrame_);
     printf("effective fps: %.2f (requested %.2f)\n", span > 0 ? (framesReceived_ - 1) / span : 0.0, options_.fps);
+    printf("frame interval: mean %.1f ms, longest %.1f ms\n", span * 1000.0 / (framesReceived_ - 1),
+           Seconds(longestGap_) * 1000.0);
   } else {
     printf("effective fps: n/a (fewer than 2 frames)\n");
   }
@@ -175,7 +177,7 @@ void CaptureSession::PrintReport(double elapsedSeconds) {
   printf("distinct surfaces: %zu\n", surfaceIDs_.size());
   printf("drops: not detectable (frames carry no sequence number); frames refused by the library: %llu\n",
          static_cast<unsigned long long>(framesRefused_));
-  printf("delivery latency: not measurable (frames carry no paint time)\n");
+  printf("delivery latency: not measurable (frames carry no paint time); the frame interval shows the pacing\n");
   if (!options_.outDir.empty()) {
     printf("PNG files written: %llu to %s", static_cast<unsigned long long>(imagesWritten_), options_.outDir.c_str());
     if (framesSkippedWriterBusy_)
@@ -226,7 +228,10 @@ void CaptureSession::BrowserReceivedVideoFrame(int, std::shared_ptr<const stream
   {
     std::lock_guard<std::mutex> guard(lock_);
     index = ++framesReceived_;
-    if (index == 1) firstFrame_ = frame->receivedAt();
+    if (index == 1)
+      firstFrame_ = frame->receivedAt();
+    else
+      longestGap_ = std::max(longestGap_, frame->receivedAt() - lastFrame_);
     lastFrame_ = frame->receivedAt();
     surfaceIDs_.insert(frame->properties().surfaceID);
     frameSizes_.insert({frame->width(), frame->height()});

@@ -95,6 +95,7 @@ class CaptureSession : public streamloft::OverlayCallbacks {
   uint64_t framesSkippedWriterBusy_ = 0;
   uint64_t settingsRequests_ = 0;
   std::chrono::steady_clock::time_point firstFrame_, lastFrame_;
+  std::chrono::steady_clock::duration longestGap_{};
   std::set<uint64_t> surfaceIDs_;
   std::set<std::pair<uint32_t, uint32_t>> frameSizes_;
   std::vector<std::string> errors_;
