@@ -135,8 +135,9 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     if (commandLine.HasSwitch("force-device-scale-factor") && !m_DeviceScaleFactor)
         NSLog("WebKitEnginePort::Initialize - ignoring force-device-scale-factor \"%s\": not a positive number",
               commandLine.GetSwitchValue("force-device-scale-factor").c_str());
-    m_strExtensionFolder = settings.browser_subprocess_path.empty() ? ExecutableDirectory()
-                                                                    : DirectoryOf(settings.browser_subprocess_path);
+    m_strModuleFolder = settings.browser_subprocess_path.empty() ? ExecutableDirectory()
+                                                                 : DirectoryOf(settings.browser_subprocess_path);
+    m_strExtensionFolder = m_strModuleFolder + "/web-extensions";
     if (settings.multi_threaded_message_loop)
         NSLog("WebKitEnginePort::Initialize - a multi-threaded message loop is not offered; the caller pumps");
 
@@ -194,7 +195,7 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     const std::string audioSocket = m_strPrivateFolder + "/audio.sock";
     if (!m_strPrivateFolder.empty() && m_pAudioServer->Start(audioSocket)) {
         g_setenv(kAudioSocketVariable, audioSocket.c_str(), TRUE);
-        std::string pluginPath = m_strExtensionFolder + "/gstreamer-1.0";
+        std::string pluginPath = m_strModuleFolder + "/gstreamer-1.0";
         if (const char* existing = g_getenv("GST_PLUGIN_PATH"); existing && *existing)
             pluginPath += std::string(":") + existing;
         g_setenv("GST_PLUGIN_PATH", pluginPath.c_str(), TRUE);

@@ -52,7 +52,10 @@ public:
     // service hand their own settings to the web processes.
     void SetExtensionInitValue(const std::string& key, GVariant* value);
 
-    // The folder from which the web processes load the module.
+    // The folder from which the web processes load our module: the folder
+    // "web-extensions" next to the service executable (or next to the
+    // configured helper executable). Our GStreamer plugins are in
+    // "gstreamer-1.0" there.
     std::string GetExtensionFolder() const;
 
     // Queues a task to the pump thread; it runs in a later pump pass, after
@@ -97,6 +100,7 @@ private:
     static void SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self);
 
     EngineApp* m_pApp = nullptr;
+    std::string m_strModuleFolder;
     std::string m_strExtensionFolder;
     std::optional<double> m_DeviceScaleFactor;
     std::vector<std::pair<std::string, GVariant*>> m_ExtraInitValues;
