@@ -3,6 +3,8 @@
 #include "dbg/NSLog.h"
 #include "service/SLFCefOverlayInterface.h"
 
+#include <pthread.h>
+
 #include <cmath>
 #include <cstring>
 #include <string>
@@ -182,6 +184,7 @@ void SLFCefXPCConnection::join()
 
 void SLFCefXPCConnection::threadMain()
 {
+    pthread_setname_np(pthread_self(), "SLFCefXPCConn");
     g_main_context_push_thread_default(m_context);
     g_main_loop_run(m_loop);
     // Finish what was queued before the end (requests now refused as the
