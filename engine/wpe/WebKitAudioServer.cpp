@@ -3,6 +3,7 @@
 #include "dbg/NSLog.h"
 #include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WebKitResourceChannel.h"
 #include "engine/wpe/WebKitView.h"
 
 #include <errno.h>
@@ -10,7 +11,6 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -77,14 +77,8 @@ WebKitAudioServer::~WebKitAudioServer()
 
 bool WebKitAudioServer::Start(const std::string& socketPath)
 {
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (socketPath.size() >= sizeof(address.sun_path))
-        return false;
-    std::strcpy(address.sun_path, socketPath.c_str());
-    m_nListenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_nListenFd < 0 || bind(m_nListenFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(m_nListenFd, 16) != 0) {
+    m_nListenFd = ListenOnUnixSocket(socketPath);
+    if (m_nListenFd < 0) {
         NSLog("WebKitAudioServer::Start - cannot listen on %s: %s", socketPath.c_str(), strerror(errno));
         Stop();
         return false;
@@ -114,8 +108,6 @@ void WebKitAudioServer::Stop()
     if (m_nWakeFd >= 0)
         close(m_nWakeFd);
     m_nListenFd = m_nWakeFd = -1;
-    if (!m_strSocketPath.empty())
-        unlink(m_strSocketPath.c_str());
     m_strSocketPath.clear();
 }
 
@@ -142,7 +134,8 @@ void WebKitAudioServer::ThreadMain()
             const int fd = accept4(m_nListenFd, nullptr, nullptr, SOCK_CLOEXEC);
             struct ucred credentials = {};
             socklen_t size = sizeof(credentials);
-            if (fd >= 0 && getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0) {
+            if (fd >= 0 && getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 &&
+                credentials.uid == getuid()) {
                 Stream stream;
                 stream.pid = credentials.pid;
                 streams[fd] = stream;

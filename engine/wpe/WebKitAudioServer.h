@@ -22,7 +22,8 @@ public:
     WebKitAudioServer(const WebKitAudioServer&) = delete;
     WebKitAudioServer& operator=(const WebKitAudioServer&) = delete;
 
-    // Listens on socketPath and starts the audio thread.
+    // Listens on socketPath ("@name" for an abstract address) and starts
+    // the audio thread. Only processes of this user are heard.
     bool Start(const std::string& socketPath);
     // Ends every stream (stopped is reported) and the thread.
     void Stop();

@@ -88,8 +88,6 @@ WebKitEnginePort::~WebKitEnginePort()
         m_pResourceServer->Stop();
     if (m_pAudioServer)
         m_pAudioServer->Stop();
-    if (!m_strPrivateFolder.empty())
-        rmdir(m_strPrivateFolder.c_str());
     for (auto& entry : m_ExtraInitValues)
         g_variant_unref(entry.second);
 }
@@ -168,21 +166,16 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     g_source_set_name(m_pTaskSource, "SlfEngineTasks");
     g_source_attach(m_pTaskSource, m_pMainContext);
 
-    // The sockets of the resource and audio threads live in a folder only
-    // this user can enter.
-    GError* error = nullptr;
-    if (gchar* folder = g_dir_make_tmp("slf-engine-XXXXXX", &error)) {
-        m_strPrivateFolder = folder;
-        g_free(folder);
-    } else {
-        NSLog("WebKitEnginePort::Initialize - no private folder: %s", error->message);
-        g_error_free(error);
-    }
+    // The resource and audio threads listen on abstract addresses unique to
+    // this process.
+    gchar* token = g_uuid_string_random();
+    const std::string socketBase = "@slf-engine-" + std::to_string(getpid()) + "-" + token;
+    g_free(token);
 
     // Resource requests of every page are offered to the clients through
     // the resource thread; the web processes learn its socket.
     m_pResourceServer = std::make_unique<WebKitResourceServer>(*this);
-    if (!m_strPrivateFolder.empty() && m_pResourceServer->Start(m_strPrivateFolder + "/resources.sock")) {
+    if (m_pResourceServer->Start(socketBase + "/resources")) {
         SetExtensionInitValue(kResourceSocketKey, g_variant_new_string(m_pResourceServer->GetSocketPath().c_str()));
     } else {
         NSLog("WebKitEnginePort::Initialize - resource requests go unchecked: the resource thread did not start");
@@ -192,8 +185,8 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     // Page audio: the web processes find our sink through the plugin path
     // and its way back to the service through the environment.
     m_pAudioServer = std::make_unique<WebKitAudioServer>(*this);
-    const std::string audioSocket = m_strPrivateFolder + "/audio.sock";
-    if (!m_strPrivateFolder.empty() && m_pAudioServer->Start(audioSocket)) {
+    const std::string audioSocket = socketBase + "/audio";
+    if (m_pAudioServer->Start(audioSocket)) {
         g_setenv(kAudioSocketVariable, audioSocket.c_str(), TRUE);
         std::string pluginPath = m_strModuleFolder + "/gstreamer-1.0";
         if (const char* existing = g_getenv("GST_PLUGIN_PATH"); existing && *existing)
@@ -394,9 +387,6 @@ void WebKitEnginePort::Shutdown()
         m_pResourceServer->Stop();
     if (m_pAudioServer)
         m_pAudioServer->Stop();
-    if (!m_strPrivateFolder.empty())
-        rmdir(m_strPrivateFolder.c_str());
-    m_strPrivateFolder.clear();
 
     if (m_pWebContext) {
         g_signal_handlers_disconnect_by_data(m_pWebContext, this);

@@ -113,7 +113,6 @@ private:
     std::map<int, std::shared_ptr<WebKitView>> m_Views;
     std::unique_ptr<WebKitResourceServer> m_pResourceServer;
     std::unique_ptr<WebKitAudioServer> m_pAudioServer;
-    std::string m_strPrivateFolder;
 
     // Views by page identifier and by web process, for the resource and
     // audio threads. Lock order: a leaf lock.

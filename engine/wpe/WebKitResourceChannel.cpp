@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -79,6 +80,61 @@ GVariant* ReadResourceFrame(int fd, const char* type)
         return nullptr;
     }
     return value;
+}
+
+socklen_t UnixSocketAddress(const std::string& name, struct sockaddr_un& address)
+{
+    address = {};
+    address.sun_family = AF_UNIX;
+    if (name.empty() || name.size() >= sizeof(address.sun_path))
+        return 0;
+    std::memcpy(address.sun_path, name.data(), name.size());
+    if (name[0] == '@')
+        address.sun_path[0] = '\0';
+    return static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + name.size() + (name[0] == '@' ? 0 : 1));
+}
+
+int ListenOnUnixSocket(const std::string& name)
+{
+    struct sockaddr_un address;
+    const socklen_t length = UnixSocketAddress(name, address);
+    if (!length) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || listen(fd, 16) != 0) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+int ConnectToUnixSocket(const std::string& name)
+{
+    struct sockaddr_un address;
+    const socklen_t length = UnixSocketAddress(name, address);
+    if (!length)
+        return -1;
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return -1;
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), length) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+bool PeerIsSameUser(int fd)
+{
+    struct ucred credentials = {};
+    socklen_t size = sizeof(credentials);
+    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 && credentials.uid == getuid();
 }
 
 std::string ResourceUrlForIdentifier(uint64_t identifier)

@@ -9,6 +9,9 @@
 
 #include <glib.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <cstdint>
 #include <string>
 
@@ -20,6 +23,19 @@ inline constexpr const char* kQuestionType = "(ts)";
 inline constexpr const char* kAnswerType = "(t)";
 // No frame of this wire comes near this; a larger length is a broken peer.
 inline constexpr uint32_t kMaxFrameBytes = 1024 * 1024;
+
+// Socket addresses of the engine's threads are abstract ("@name"): they
+// leave nothing behind in the file system, however the service ends.
+// Fills address for a name ("@name" abstract, else a path); returns the
+// length to pass to bind/connect, 0 when the name does not fit.
+socklen_t UnixSocketAddress(const std::string& name, struct sockaddr_un& address);
+// A listening socket at name, close-on-exec; -1 on failure (errno set).
+int ListenOnUnixSocket(const std::string& name);
+// Connects to name (blocking), close-on-exec; -1 on failure.
+int ConnectToUnixSocket(const std::string& name);
+// True when the peer of a connected socket runs as this process's user:
+// abstract sockets have no file permissions, so the threads check this.
+bool PeerIsSameUser(int fd);
 
 // Writes value (sunk if floating) as one frame; false when the peer is gone.
 bool WriteResourceFrame(int fd, GVariant* value);

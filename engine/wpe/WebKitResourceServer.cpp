@@ -13,7 +13,6 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -107,21 +106,13 @@ WebKitResourceServer::~WebKitResourceServer()
 
 bool WebKitResourceServer::Start(const std::string& socketPath)
 {
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (socketPath.size() >= sizeof(address.sun_path)) {
-        NSLog("WebKitResourceServer::Start - socket path too long: %s", socketPath.c_str());
-        return false;
-    }
-    m_strSocketPath = socketPath;
-    std::strcpy(address.sun_path, m_strSocketPath.c_str());
-    m_nListenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_nListenFd < 0 || bind(m_nListenFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-        listen(m_nListenFd, 16) != 0) {
-        NSLog("WebKitResourceServer::Start - cannot listen on %s: %s", m_strSocketPath.c_str(), strerror(errno));
+    m_nListenFd = ListenOnUnixSocket(socketPath);
+    if (m_nListenFd < 0) {
+        NSLog("WebKitResourceServer::Start - cannot listen on %s: %s", socketPath.c_str(), strerror(errno));
         Stop();
         return false;
     }
+    m_strSocketPath = socketPath;
     m_nWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_nWakeFd < 0) {
         Stop();
@@ -146,8 +137,6 @@ void WebKitResourceServer::Stop()
     if (m_nWakeFd >= 0)
         close(m_nWakeFd);
     m_nListenFd = m_nWakeFd = -1;
-    if (!m_strSocketPath.empty())
-        unlink(m_strSocketPath.c_str());
     m_strSocketPath.clear();
     m_Pending.clear();
     std::lock_guard<std::mutex> lock(m_JobMutex);
@@ -212,8 +201,10 @@ void WebKitResourceServer::ThreadMain()
         }
         if (fds[1].revents & POLLIN) {
             const int client = accept4(m_nListenFd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (client >= 0)
+            if (client >= 0 && PeerIsSameUser(client))
                 clients.push_back(client);
+            else if (client >= 0)
+                close(client);
         }
         for (size_t i = 2; i < fds.size(); ++i) {
             if (!fds[i].revents)

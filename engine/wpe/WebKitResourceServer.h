@@ -35,8 +35,8 @@ public:
     WebKitResourceServer(const WebKitResourceServer&) = delete;
     WebKitResourceServer& operator=(const WebKitResourceServer&) = delete;
 
-    // Listens on socketPath (in a folder only this user can enter) and
-    // starts the resource thread.
+    // Listens on socketPath ("@name" for an abstract address) and starts
+    // the resource thread. Only processes of this user are answered.
     bool Start(const std::string& socketPath);
     // Ends the thread and removes the socket; pending requests are dropped.
     void Stop();

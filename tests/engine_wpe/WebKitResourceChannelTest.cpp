@@ -5,7 +5,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <string>
 
 using namespace SLF_ChromiumEmbeddedFramework;
 
@@ -79,6 +82,39 @@ TEST(ResourceUrls, IdentifiersRoundTripAndForeignUrlsGiveZero)
     EXPECT_EQ(ResourceIdentifierFromUrl("slfcef-resourcex:17"), 0u);
     EXPECT_EQ(ResourceIdentifierFromUrl("http://streamloft/settings"), 0u);
     EXPECT_EQ(ResourceIdentifierFromUrl(nullptr), 0u);
+}
+
+} // namespace
+
+namespace {
+
+TEST(ResourceSockets, AbstractAddressesConnectAndLeaveNoFile)
+{
+    const std::string name = "@slf-engine-test-" + std::to_string(getpid());
+    const int listener = ListenOnUnixSocket(name);
+    ASSERT_GE(listener, 0) << strerror(errno);
+    EXPECT_LT(ListenOnUnixSocket(name), 0) << "the address is taken while the listener lives";
+    EXPECT_NE(access(name.c_str(), F_OK), 0) << "an abstract address made a file";
+
+    const int client = ConnectToUnixSocket(name);
+    ASSERT_GE(client, 0);
+    const int server = accept(listener, nullptr, nullptr);
+    ASSERT_GE(server, 0);
+    EXPECT_TRUE(PeerIsSameUser(server));
+    ASSERT_TRUE(WriteResourceFrame(client, g_variant_new(kAnswerType, guint64(5))));
+    GVariant* answer = ReadResourceFrame(server, kAnswerType);
+    ASSERT_NE(answer, nullptr);
+    g_variant_unref(answer);
+    close(client);
+    close(server);
+    close(listener);
+
+    // Gone with its listener; names that do not fit are refused.
+    EXPECT_LT(ConnectToUnixSocket(name), 0);
+    struct sockaddr_un address;
+    EXPECT_EQ(UnixSocketAddress(std::string(200, 'x'), address), 0u);
+    EXPECT_EQ(UnixSocketAddress("", address), 0u);
+    EXPECT_LT(ListenOnUnixSocket(std::string(200, 'x')), 0);
 }
 
 } // namespace

@@ -6,13 +6,13 @@
 // the environment) it refuses to open, and the next sink is chosen.
 
 #include "engine/wpe/WebKitAudioWire.h"
+#include "engine/wpe/WebKitResourceChannel.h"
 
 #include <gst/base/gstbasesink.h>
 #include <gst/gst.h>
 
 #include <errno.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -84,21 +84,9 @@ void StopStream(SlfAudioSink* sink)
 
 bool Connect(SlfAudioSink* sink)
 {
-    const char* path = std::getenv(kAudioSocketVariable);
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (!path || !*path || std::strlen(path) >= sizeof(address.sun_path))
-        return false;
-    std::strcpy(address.sun_path, path);
-    sink->fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (sink->fd < 0)
-        return false;
-    if (connect(sink->fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        close(sink->fd);
-        sink->fd = -1;
-        return false;
-    }
-    return true;
+    const char* name = std::getenv(kAudioSocketVariable);
+    sink->fd = name && *name ? ConnectToUnixSocket(name) : -1;
+    return sink->fd >= 0;
 }
 
 GstStateChangeReturn ChangeState(GstElement* element, GstStateChange transition)

@@ -4,8 +4,6 @@
 
 #include <wpe/webkit-web-extension.h>
 
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -48,22 +46,9 @@ void WebResourceFilter::Attach(WebKitWebPage* page)
 
 bool WebResourceFilter::Connect()
 {
-    if (m_nFd >= 0)
-        return true;
-    struct sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (m_strSocketPath.size() >= sizeof(address.sun_path))
-        return false;
-    std::strcpy(address.sun_path, m_strSocketPath.c_str());
-    m_nFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (m_nFd < 0)
-        return false;
-    if (connect(m_nFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        close(m_nFd);
-        m_nFd = -1;
-        return false;
-    }
-    return true;
+        m_nFd = ConnectToUnixSocket(m_strSocketPath);
+    return m_nFd >= 0;
 }
 
 bool WebResourceFilter::Filter(WebKitWebPage* page, WebKitURIRequest* request)
