@@ -1,0 +1,262 @@
+// Frame delivery of the window representation, from the engine's image to
+// hosts on real (in-process, peer-to-peer) D-Bus connections: pool rules,
+// row placement, dropping and resuming, resizing, failures.
+#include "tests/frames/InProcessFrameHost.h"
+#include "windows/SLFCefWindowRepresentation.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+// A tightly packed BGRA image with the given 0xAARRGGBB value everywhere.
+std::vector<unsigned char> SolidImage(uint32_t width, uint32_t height, uint32_t argb)
+{
+    std::vector<unsigned char> image(size_t(width) * height * 4);
+    for (size_t i = 0; i < image.size(); i += 4) {
+        image[i] = argb & 0xFF;
+        image[i + 1] = (argb >> 8) & 0xFF;
+        image[i + 2] = (argb >> 16) & 0xFF;
+        image[i + 3] = argb >> 24;
+    }
+    return image;
+}
+
+class FrameDelivery : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_host = std::make_unique<InProcessFrameHost>();
+        m_proxy = SLFCefCallbackProxy::Create(m_host->ServiceConnection());
+        m_rep = std::make_shared<SLFCefWindowRepresentation>();
+        m_rep->setBrowserID(7);
+        m_rep->setSize({10, 3});
+    }
+    void TearDown() override
+    {
+        m_host->ReleaseAll();
+        m_host->Pump();
+        m_rep.reset();
+        m_proxy.reset();
+        m_host.reset();
+    }
+
+    void AddReceiver(const SLFCefCallbackProxyRef& proxy) { m_rep->addReceiverProxiesObject(proxy, [](int) {}); }
+    bool Deliver(const std::vector<unsigned char>& image)
+    {
+        return SLFCefVideoFrameCallback(const_cast<unsigned char*>(image.data()),
+                                        static_cast<unsigned int>(image.size()), m_rep.get());
+    }
+    bool WaitForFrames(size_t count)
+    {
+        return m_host->PumpUntil([&] { return m_host->FramesReceived() >= count; });
+    }
+    size_t Outstanding() { return m_rep->pixelBufferPool() ? m_rep->pixelBufferPool()->GetOutstandingBufferCount() : 0; }
+
+    std::unique_ptr<InProcessFrameHost> m_host;
+    SLFCefCallbackProxyRef m_proxy;
+    SLFCefWindowRepresentationRef m_rep;
+};
+
+TEST_F(FrameDelivery, WithoutReceiversNothingIsMadeOrCountedAndANullContextIsRefused)
+{
+    auto image = SolidImage(10, 3, 0xFF112233);
+    EXPECT_TRUE(Deliver(image));
+    EXPECT_FALSE(m_rep->pixelBufferPool());
+    EXPECT_EQ(m_rep->numPixelBuffersArrivedSoFar(), 0);
+    EXPECT_FALSE(SLFCefVideoFrameCallback(image.data(), static_cast<unsigned int>(image.size()), nullptr));
+}
+
+TEST_F(FrameDelivery, RowsArePlacedAtTheStrideAndPaddingIsLeftAlone)
+{
+    AddReceiver(m_proxy);
+    // Poison a pool buffer, padding included, and give it back: the next
+    // frame reuses it (the pool hands out the most recently returned first).
+    auto pool = m_rep->pixelBufferPoolWithSize({10, 3});
+    ASSERT_TRUE(pool);
+    ASSERT_EQ(pool->GetBytesPerRow(), 64u);
+    {
+        CNplPixelBuffer* raw = nullptr;
+        ASSERT_EQ(pool->CreatePixelBuffer(nullptr, &raw), kNplPixelBufferSuccess);
+        NplPixelBufferPtr buffer(raw);
+        std::memset(buffer->GetBaseAddress(), 0xEE, buffer->GetDataSize());
+    }
+    std::vector<unsigned char> image(10 * 3 * 4);
+    for (size_t i = 0; i < image.size(); ++i)
+        image[i] = static_cast<unsigned char>(i);
+    ASSERT_TRUE(Deliver(image));
+    ASSERT_TRUE(WaitForFrames(1));
+
+    const auto& frame = m_host->Frames().front();
+    EXPECT_EQ(frame.browserID, 7);
+    EXPECT_EQ(frame.properties.width, 10u);
+    EXPECT_EQ(frame.properties.height, 3u);
+    EXPECT_EQ(frame.properties.bytesPerRow, 64u);
+    for (int row = 0; row < 3; ++row) {
+        EXPECT_EQ(std::memcmp(frame.pixels + row * 64, image.data() + row * 40, 40), 0) << row;
+        for (int pad = 40; pad < 64; ++pad)
+            ASSERT_EQ(frame.pixels[row * 64 + pad], 0xEE) << row << "/" << pad;
+    }
+}
+
+TEST_F(FrameDelivery, EveryReceiverGetsTheSurfaceAndItIsReusedOnlyWhenAllHaveLetGo)
+{
+    auto second = std::make_unique<InProcessFrameHost>();
+    auto secondProxy = SLFCefCallbackProxy::Create(second->ServiceConnection());
+    AddReceiver(m_proxy);
+    AddReceiver(secondProxy);
+
+    ASSERT_TRUE(Deliver(SolidImage(10, 3, 0x80FF0000)));
+    ASSERT_TRUE(WaitForFrames(1));
+    ASSERT_TRUE(second->PumpUntil([&] { return second->FramesReceived() == 1; }));
+    const uint64_t id = m_host->Frames().front().properties.surfaceID;
+    EXPECT_EQ(second->Frames().front().properties.surfaceID, id);
+    EXPECT_EQ(second->Frames().front().Pixel(9, 2), 0x80FF0000u);
+
+    m_host->ReleaseAll();
+    m_host->PumpFor(std::chrono::milliseconds(50));
+    EXPECT_EQ(Outstanding(), 1u); // the second host still holds it
+    ASSERT_TRUE(Deliver(SolidImage(10, 3, 0xFF00FF00)));
+    ASSERT_TRUE(WaitForFrames(2));
+    EXPECT_NE(m_host->Frames().back().properties.surfaceID, id);
+
+    ASSERT_TRUE(second->PumpUntil([&] { return second->FramesReceived() == 2; }));
+    m_host->ReleaseAll();
+    second->ReleaseAll();
+    ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 0; }));
+    EXPECT_EQ(m_rep->pixelBufferPool()->GetCreatedBufferCount(), 2u);
+
+    m_rep->removeReceiverProxiesObject(secondProxy);
+    secondProxy.reset();
+    second.reset();
+}
+
+TEST_F(FrameDelivery, ThirtyHeldFramesDropTheNextSilentlyAndLettingGoResumes)
+{
+    AddReceiver(m_proxy);
+    auto image = SolidImage(10, 3, 0xFF0000FF);
+    for (int i = 0; i < 30; ++i)
+        ASSERT_TRUE(Deliver(image));
+    ASSERT_TRUE(WaitForFrames(30));
+
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(Deliver(image));
+    const std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(log, "");
+    EXPECT_EQ(m_rep->numPixelBuffersArrivedSoFar(), 31);
+    m_host->PumpFor(std::chrono::milliseconds(50));
+    EXPECT_EQ(m_host->FramesReceived(), 30u);
+
+    m_host->ReleaseOldest();
+    ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 29; }));
+    ASSERT_TRUE(Deliver(image));
+    ASSERT_TRUE(WaitForFrames(31));
+    EXPECT_EQ(m_rep->pixelBufferPool()->GetCreatedBufferCount(), 30u);
+}
+
+TEST_F(FrameDelivery, TheTenthFramesFlushBuffersUnusedForMoreThanASecond)
+{
+    AddReceiver(m_proxy);
+    m_host->m_bAutoRelease = true;
+    auto image = SolidImage(10, 3, 0xFFFFFFFF);
+    // Two buffers in the pool, then both idle for over a second.
+    ASSERT_TRUE(Deliver(image));
+    ASSERT_TRUE(Deliver(image));
+    ASSERT_TRUE(WaitForFrames(2));
+    ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 0; }));
+    auto pool = m_rep->pixelBufferPool();
+    ASSERT_EQ(pool->GetFreeBufferCount(), 2u);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+
+    // Frames 3 to 9 reuse one buffer; the other stays idle and is kept.
+    for (size_t n = 3; n <= 9; ++n) {
+        ASSERT_TRUE(Deliver(image));
+        ASSERT_TRUE(WaitForFrames(n));
+        ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 0; }));
+    }
+    EXPECT_EQ(pool->GetFreeBufferCount(), 2u);
+    // The tenth frame flushes before it takes its buffer: only the idle one goes.
+    ASSERT_TRUE(Deliver(image));
+    ASSERT_TRUE(WaitForFrames(10));
+    ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 0; }));
+    EXPECT_EQ(pool->GetFreeBufferCount(), 1u);
+    EXPECT_EQ(m_rep->numPixelBuffersArrivedSoFar(), 10);
+}
+
+TEST_F(FrameDelivery, AfterAResizeTheNextFrameHasTheNewSizeAndOldBuffersStayValid)
+{
+    AddReceiver(m_proxy);
+    ASSERT_TRUE(Deliver(SolidImage(10, 3, 0xFF123456)));
+    ASSERT_TRUE(WaitForFrames(1));
+    std::weak_ptr<CNplPixelBufferPool> oldPool = m_rep->pixelBufferPool();
+
+    m_rep->setSize({33, 5});
+    EXPECT_FALSE(m_rep->pixelBufferPool());
+    EXPECT_TRUE(oldPool.expired()); // dropped; its held buffer lives on
+    ASSERT_TRUE(Deliver(SolidImage(33, 5, 0xFF654321)));
+    ASSERT_TRUE(WaitForFrames(2));
+
+    const auto& before = m_host->Frames().front();
+    const auto& after = m_host->Frames().back();
+    EXPECT_EQ(before.properties.width, 10u);
+    EXPECT_EQ(before.Pixel(9, 2), 0xFF123456u);
+    EXPECT_EQ(after.properties.width, 33u);
+    EXPECT_EQ(after.properties.height, 5u);
+    EXPECT_EQ(after.properties.bytesPerRow, 192u);
+    EXPECT_EQ(after.Pixel(32, 4), 0xFF654321u);
+    m_host->ReleaseAll(); // the old pool's last buffer comes back and is freed
+    ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 0; }));
+    EXPECT_EQ(m_rep->pixelBufferPool()->GetFreeBufferCount(), 1u);
+}
+
+TEST_F(FrameDelivery, AFailedLockStillSendsTheSurfaceWithItsOldContent)
+{
+    AddReceiver(m_proxy);
+    ASSERT_TRUE(Deliver(SolidImage(10, 3, 0xFFAA0000)));
+    ASSERT_TRUE(WaitForFrames(1));
+    m_host->ReleaseAll();
+    ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 0; }));
+
+    CNplPixelBuffer::InjectLockFailuresForTesting(1);
+    ASSERT_TRUE(Deliver(SolidImage(10, 3, 0xFF00BB00)));
+    ASSERT_TRUE(WaitForFrames(2));
+    EXPECT_EQ(m_host->Frames().back().Pixel(0, 0), 0xFFAA0000u);
+}
+
+TEST_F(FrameDelivery, APoolThatCannotBeMadeIsLoggedAtEveryFrame)
+{
+    AddReceiver(m_proxy);
+    m_rep->setSize({0, 0});
+    std::vector<unsigned char> nothing(4);
+    testing::internal::CaptureStderr();
+    Deliver(nothing);
+    Deliver(nothing);
+    const std::string log = testing::internal::GetCapturedStderr();
+    size_t lines = 0;
+    for (size_t at = log.find("Error creating pixel buffer pool: -6681"); at != std::string::npos;
+         at = log.find("Error creating pixel buffer pool: -6681", at + 1))
+        ++lines;
+    EXPECT_EQ(lines, 2u);
+    EXPECT_EQ(m_rep->numPixelBuffersArrivedSoFar(), 2);
+    m_host->PumpFor(std::chrono::milliseconds(20));
+    EXPECT_EQ(m_host->FramesReceived(), 0u);
+}
+
+TEST_F(FrameDelivery, AHostThatGoesAwayLetsGoOfEverythingItHeld)
+{
+    AddReceiver(m_proxy);
+    auto image = SolidImage(10, 3, 0xFF000000);
+    for (int i = 0; i < 5; ++i)
+        ASSERT_TRUE(Deliver(image));
+    ASSERT_TRUE(WaitForFrames(5));
+    EXPECT_EQ(Outstanding(), 5u);
+    m_host->CloseHostConnection();
+    ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 0; }));
+    EXPECT_EQ(m_rep->pixelBufferPool()->GetFreeBufferCount(), 5u);
+}
+
+} // namespace
