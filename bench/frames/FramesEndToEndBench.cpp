@@ -1,0 +1,334 @@
+// Machine CPU time per delivered frame of an animated overlay page at
+// 1280x720 and 30 frames a second: this service (WebKit engine, frame
+// delivery over the socket, a host that receives and maps every frame)
+// against GStreamer's wpevideosrc rendering the same page into a fakesink
+// (the pipeline `gst-launch-1.0 wpevideosrc location=... !
+// video/x-raw,width=1280,height=720,framerate=30/1 ! fakesink`), run in the
+// same run, one after the other.
+//
+// CPU time is that of every process of the run (this program, the service
+// or the GStreamer process, the web processes they start), read from /proc
+// at the start and the end of a measuring window after a warm-up; frames
+// are those that reached the host or the sink in that window.
+//
+//   bench_frames_end_to_end [--warmup=S] [--seconds=S]
+// Google Benchmark options (from scripts/bench) are ignored.
+#include "streamloft/OverlayClient.h"
+
+#include <gst/gst.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr int kWidth = 1280;
+constexpr int kHeight = 720;
+constexpr int kFps = 30;
+
+struct Window {
+    double warmupSeconds = 4;
+    double seconds = 10;
+};
+
+// CPU seconds (user + system, including reaped children) of the process
+// `root` and all its descendants.
+double TreeCpuSeconds(pid_t root)
+{
+    std::map<pid_t, pid_t> parents;
+    std::map<pid_t, unsigned long long> ticks;
+    DIR* proc = opendir("/proc");
+    if (!proc)
+        return 0;
+    while (dirent* entry = readdir(proc)) {
+        const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
+        if (pid <= 0)
+            continue;
+        std::ifstream in("/proc/" + std::string(entry->d_name) + "/stat");
+        std::string text;
+        std::getline(in, text);
+        const size_t close = text.rfind(')');
+        if (close == std::string::npos)
+            continue;
+        std::istringstream fields(text.substr(close + 2));
+        std::string state;
+        long long ppid = 0;
+        unsigned long long skip, utime = 0, stime = 0;
+        long long cutime = 0, cstime = 0;
+        fields >> state >> ppid;
+        for (int i = 0; i < 9; ++i)
+            fields >> skip; // pgrp ... cmajflt
+        fields >> utime >> stime >> cutime >> cstime;
+        parents[pid] = static_cast<pid_t>(ppid);
+        ticks[pid] = utime + stime + static_cast<unsigned long long>(cutime + cstime);
+    }
+    closedir(proc);
+    unsigned long long total = 0;
+    for (const auto& [pid, t] : ticks) {
+        for (pid_t p = pid; p > 0;) {
+            if (p == root) {
+                total += t;
+                break;
+            }
+            auto it = parents.find(p);
+            if (it == parents.end())
+                break;
+            p = it->second;
+        }
+    }
+    return static_cast<double>(total) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+struct Result {
+    bool ok = false;
+    uint64_t frames = 0;
+    double cpuSeconds = 0;
+    double wallSeconds = 0;
+};
+
+// Measures in the calling process while `frames` counts; root is the run's
+// top process.
+Result Measure(pid_t root, const std::atomic<uint64_t>& frames, const Window& window)
+{
+    std::this_thread::sleep_for(std::chrono::duration<double>(window.warmupSeconds));
+    Result r;
+    const auto start = std::chrono::steady_clock::now();
+    const double cpu0 = TreeCpuSeconds(root);
+    const uint64_t frames0 = frames.load();
+    std::this_thread::sleep_for(std::chrono::duration<double>(window.seconds));
+    r.frames = frames.load() - frames0;
+    r.cpuSeconds = TreeCpuSeconds(root) - cpu0;
+    r.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    r.ok = r.frames > 0;
+    return r;
+}
+
+class CountingHost : public streamloft::OverlayCallbacks {
+public:
+    void BrowserDidStart(int browserID) override { started = browserID; }
+    void BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) override
+    {
+        // The frame is mapped by the library; touch it as a host would.
+        volatile uint8_t sink = frame->row(frame->height() / 2)[0];
+        (void)sink;
+        ++frames;
+    }
+    std::atomic<int> started{-2};
+    std::atomic<uint64_t> frames{0};
+};
+
+int RunServiceHost(pid_t root, const std::string& socket, const std::string& url, const Window& window)
+{
+    CountingHost host;
+    streamloft::ConnectOptions options;
+    options.socketPath = socket;
+    options.startOnDemand = false;
+    std::unique_ptr<streamloft::OverlayClient> client;
+    for (int attempt = 0; attempt < 100 && !client; ++attempt) {
+        client = streamloft::OverlayClient::Connect(host, options);
+        if (!client)
+            std::this_thread::sleep_for(100ms);
+    }
+    if (!client) {
+        std::fprintf(stderr, "frames e2e: cannot connect to the service at %s\n", socket.c_str());
+        return 1;
+    }
+    std::string error;
+    if (!client->OpenBrowser(url, kWidth, kHeight, kFps, {}, &error)) {
+        std::fprintf(stderr, "frames e2e: open failed: %s\n", error.c_str());
+        return 1;
+    }
+    const Result r = Measure(root, host.frames, window);
+    std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds,
+                r.wallSeconds);
+    std::fflush(stdout);
+    return 0;
+}
+
+void OnHandoff(GstElement*, GstBuffer*, GstPad*, gpointer counter)
+{
+    ++*static_cast<std::atomic<uint64_t>*>(counter);
+}
+
+int RunWpeVideoSrc(pid_t root, const std::string& url, const Window& window)
+{
+    gst_init(nullptr, nullptr);
+    const std::string description = "wpevideosrc location=\"" + url + "\" ! video/x-raw,width=" +
+                                    std::to_string(kWidth) + ",height=" + std::to_string(kHeight) +
+                                    ",framerate=" + std::to_string(kFps) +
+                                    "/1 ! fakesink name=sink sync=true signal-handoffs=true";
+    GError* error = nullptr;
+    GstElement* pipeline = gst_parse_launch(description.c_str(), &error);
+    if (!pipeline) {
+        std::fprintf(stderr, "frames e2e: %s\n", error ? error->message : "no pipeline");
+        return 1;
+    }
+    std::atomic<uint64_t> frames{0};
+    GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
+    g_signal_connect(sink, "handoff", G_CALLBACK(OnHandoff), &frames);
+    gst_object_unref(sink);
+    if (gst_element_set_state(pipeline, GST_STATE_PLAYING) == GST_STATE_CHANGE_FAILURE) {
+        std::fprintf(stderr, "frames e2e: wpevideosrc pipeline does not play\n");
+        return 1;
+    }
+    const Result r = Measure(root, frames, window);
+    std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds,
+                r.wallSeconds);
+    std::fflush(stdout);
+    gst_element_set_state(pipeline, GST_STATE_NULL);
+    gst_object_unref(pipeline);
+    return 0;
+}
+
+// Runs fn in a child whose standard output is read back as the result.
+Result RunChild(const std::function<int()>& fn)
+{
+    int fds[2];
+    if (pipe(fds) != 0)
+        return {};
+    const pid_t child = fork();
+    if (child == 0) {
+        close(fds[0]);
+        dup2(fds[1], STDOUT_FILENO);
+        _exit(fn());
+    }
+    close(fds[1]);
+    std::string text;
+    char buffer[256];
+    ssize_t n;
+    while ((n = read(fds[0], buffer, sizeof buffer)) > 0)
+        text.append(buffer, static_cast<size_t>(n));
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    Result r;
+    int ok = 0;
+    unsigned long long frames = 0;
+    if (std::sscanf(text.c_str(), "%d %llu %lf %lf", &ok, &frames, &r.cpuSeconds, &r.wallSeconds) == 4) {
+        r.ok = ok != 0;
+        r.frames = frames;
+    }
+    return r;
+}
+
+// Ends every remaining descendant (this program is their subreaper) and
+// reaps them.
+void ReapDescendants(std::chrono::milliseconds grace)
+{
+    const auto end = std::chrono::steady_clock::now() + grace;
+    for (;;) {
+        int status;
+        const pid_t pid = waitpid(-1, &status, WNOHANG);
+        if (pid < 0)
+            return; // no children left
+        if (pid > 0)
+            continue;
+        if (std::chrono::steady_clock::now() > end) {
+            // Children that outlived the grace time: end them by id.
+            DIR* proc = opendir("/proc");
+            while (proc && (dirent* entry = readdir(proc))) {
+                const pid_t p = static_cast<pid_t>(std::atoi(entry->d_name));
+                if (p <= 0)
+                    continue;
+                std::ifstream in("/proc/" + std::string(entry->d_name) + "/stat");
+                std::string text;
+                std::getline(in, text);
+                const size_t close = text.rfind(')');
+                if (close == std::string::npos)
+                    continue;
+                std::istringstream fields(text.substr(close + 2));
+                std::string state;
+                long long ppid = 0;
+                fields >> state >> ppid;
+                if (ppid == getpid())
+                    kill(p, SIGKILL);
+            }
+            if (proc)
+                closedir(proc);
+        }
+        std::this_thread::sleep_for(50ms);
+    }
+}
+
+void Print(const char* name, const Result& r)
+{
+    std::printf("frames e2e: %-34s %5llu frames in %5.2f s (%5.1f fps), CPU %6.2f s, %6.2f ms CPU per frame\n", name,
+                static_cast<unsigned long long>(r.frames), r.wallSeconds, r.frames / r.wallSeconds, r.cpuSeconds,
+                r.frames ? 1000.0 * r.cpuSeconds / static_cast<double>(r.frames) : 0.0);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Window window;
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg.rfind("--warmup=", 0) == 0)
+            window.warmupSeconds = std::atof(arg.c_str() + 9);
+        else if (arg.rfind("--seconds=", 0) == 0)
+            window.seconds = std::atof(arg.c_str() + 10);
+        else if (arg.rfind("--benchmark", 0) != 0) {
+            std::fprintf(stderr, "usage: %s [--warmup=S] [--seconds=S]\n", argv[0]);
+            return 2;
+        }
+    }
+    // Orphans of the run (a service's web processes) come back to this
+    // program, so their CPU time is counted and nothing is left behind.
+    prctl(PR_SET_CHILD_SUBREAPER, 1);
+    const pid_t root = getpid();
+    const std::string url = "file://" SLF_BENCH_PAGES_DIR "/animated.html";
+
+    char pattern[] = "/tmp/slf-frames-bench-XXXXXX";
+    const std::string dir = mkdtemp(pattern);
+    const std::string socket = dir + "/overlay-helper.sock";
+    const pid_t service = fork();
+    if (service == 0) {
+        const int log = open((socket + ".log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        if (log >= 0)
+            dup2(log, STDERR_FILENO);
+        const std::string listen = "--listen=" + socket;
+        execl(SLF_BENCH_HELPER_PATH, SLF_BENCH_HELPER_PATH, listen.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    const Result ours = RunChild([&] { return RunServiceHost(root, socket, url, window); });
+    kill(service, SIGTERM);
+    ReapDescendants(5s);
+    std::filesystem::remove_all(dir);
+
+    const Result reference = RunChild([&] { return RunWpeVideoSrc(root, url, window); });
+    ReapDescendants(5s);
+
+    std::printf("frames e2e: animated overlay page, %dx%d at %d fps, %.0f s warm-up, %.0f s measured\n", kWidth,
+                kHeight, kFps, window.warmupSeconds, window.seconds);
+    if (!ours.ok || !reference.ok) {
+        std::printf("frames e2e: no result (service run %s, wpevideosrc run %s)\n", ours.ok ? "ok" : "failed",
+                    reference.ok ? "ok" : "failed");
+        return 1;
+    }
+    Print("service + host library", ours);
+    Print("wpevideosrc ! fakesink", reference);
+    const double ratio = (ours.cpuSeconds / static_cast<double>(ours.frames)) /
+                         (reference.cpuSeconds / static_cast<double>(reference.frames));
+    std::printf("frames e2e: CPU per delivered frame, service / wpevideosrc: %.2f\n", ratio);
+    return 0;
+}
