@@ -8,6 +8,7 @@
 // callbacks below.
 #pragma once
 
+#include "platform/NplPixelBufferPool.h"
 #include "windows/NSSize.h"
 #include "windows/SLFCefCallbackProxy.h"
 
@@ -16,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -73,6 +75,11 @@ public:
     // Frame delivery (SLFCefWindowRepresentationVideo.cpp).
     void browserVideoDataArrived(unsigned char* data, unsigned int bufferSize);
     int64_t numPixelBuffersArrivedSoFar() const { return m_numPixelBuffersArrivedSoFar; }
+    // The pool of the current size, made on first use; none if it cannot be made.
+    std::shared_ptr<CNplPixelBufferPool> pixelBufferPoolWithSize(NSSize size);
+    // A buffer of the current pool (the argument is not used), or null.
+    CNplPixelBuffer* createPixelBufferFromPool(const std::shared_ptr<CNplPixelBufferPool>& pool);
+    std::shared_ptr<CNplPixelBufferPool> pixelBufferPool() const;
 
     // Audio delivery (SLFCefWindowRepresentationAudio.cpp).
     void browserAudioStreamIDDataArrived(int streamID, unsigned char* data, unsigned int bufferSize,
@@ -103,6 +110,10 @@ protected:
     using ReplyTable = std::map<const SLFCefCallbackProxy*, std::pair<SLFCefCallbackProxyRef, SLFCefReplyBlock>>;
     std::shared_ptr<const ReplyTable> m_repliesByReceiverLookupTable;
     bool m_updating = false;
+    // Under m_lock: the pool of the current size and the attributes every
+    // buffer is taken with.
+    std::shared_ptr<CNplPixelBufferPool> m_pixelBufferPool;
+    std::optional<NplPixelBufferPoolAuxAttributes> m_pixelBufferCreationAuxAttributes;
     // Frames that reached the pool stage; touched by the one painting thread.
     int64_t m_numPixelBuffersArrivedSoFar = 0;
 };
