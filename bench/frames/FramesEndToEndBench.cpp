@@ -245,7 +245,7 @@ void ReapDescendants(std::chrono::milliseconds grace)
         if (std::chrono::steady_clock::now() > end) {
             // Children that outlived the grace time: end them by id.
             DIR* proc = opendir("/proc");
-            while (proc && (dirent* entry = readdir(proc))) {
+            while (dirent* entry = proc ? readdir(proc) : nullptr) {
                 const pid_t p = static_cast<pid_t>(std::atoi(entry->d_name));
                 if (p <= 0)
                     continue;
