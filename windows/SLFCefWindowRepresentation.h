@@ -12,6 +12,8 @@
 #include "windows/NSSize.h"
 #include "windows/SLFCefCallbackProxy.h"
 
+class NVKXPCAudioBufferPool;
+
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -81,9 +83,14 @@ public:
     CNplPixelBuffer* createPixelBufferFromPool(const std::shared_ptr<CNplPixelBufferPool>& pool);
     std::shared_ptr<CNplPixelBufferPool> pixelBufferPool() const;
 
-    // Audio delivery (SLFCefWindowRepresentationAudio.cpp).
+    // Audio delivery (SLFCefWindowRepresentationAudio.cpp). Called on the
+    // engine's audio thread only. All four of bufferSize, sampleRate,
+    // channels and bitsPerSample 0 is the end of the stream.
     void browserAudioStreamIDDataArrived(int streamID, unsigned char* data, unsigned int bufferSize,
                                          unsigned int sampleRate, unsigned int channels, unsigned int bitsPerSample);
+    // Stream ID to its pool; read it on the audio thread only.
+    using AudioBufferPoolMap = std::map<int, std::shared_ptr<NVKXPCAudioBufferPool>>;
+    const AudioBufferPoolMap& audioBufferPools() const { return m_audioBufferPools; }
 
     // URL policy and the settings resource (SLFCefWindowRepresentationURLPolicy.cpp).
     bool wantsToHandleBrowserURL(const std::string& url);
@@ -116,6 +123,9 @@ protected:
     std::optional<NplPixelBufferPoolAuxAttributes> m_pixelBufferCreationAuxAttributes;
     // Frames that reached the pool stage; touched by the one painting thread.
     int64_t m_numPixelBuffersArrivedSoFar = 0;
+    // One pool per audio stream, from its first data block to its end.
+    // Touched only on the engine's audio thread, so it has no lock.
+    AudioBufferPoolMap m_audioBufferPools;
 };
 
 using SLFCefWindowRepresentationRef = std::shared_ptr<SLFCefWindowRepresentation>;

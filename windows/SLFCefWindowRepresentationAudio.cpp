@@ -1,6 +1,55 @@
 // Audio delivery of SLFCefWindowRepresentation: the engine's PCM blocks and
-// stream ends reach the representation here.
+// stream ends reach the representation here and go out to every receiver in
+// the slots of a per-stream shared-memory pool.
+//
+// Message sequence per receiver and stream:
+//   BrowserWillStartAudioStream(pool), BrowserDidReceiveAudioStream(empty
+//   buffer), BrowserDidReceiveAudioStream(buffer)..., at the end
+//   BrowserDidReceiveAudioStream(no buffer), BrowserWillStopAudioStream.
+// Each buffer message's reply gives that receiver's hold on the slot back.
 #include "windows/SLFCefWindowRepresentation.h"
+
+#include "audio_transport/NVKXPCAudioBufferPool.h"
+
+#include <gio/gio.h>
+
+#include <algorithm>
+
+namespace {
+
+// Slots per stream; the slot size is the byte count of the stream's first block.
+constexpr uint64_t kAudioBuffersPerStream = 200;
+
+// A GVariant reference that is let go of at the end of the scope. Every
+// receiver's message takes its own reference to the record.
+class RecordRef {
+public:
+    explicit RecordRef(GVariant* floating)
+        : m_record(g_variant_ref_sink(floating))
+    {
+    }
+    ~RecordRef() { g_variant_unref(m_record); }
+    RecordRef(const RecordRef&) = delete;
+    RecordRef& operator=(const RecordRef&) = delete;
+    GVariant* get() const { return m_record; }
+
+private:
+    GVariant* m_record;
+};
+
+// Sends one buffer to every receiver, each with a return callback of its
+// own that gives the slot back when that receiver is done with it (or its
+// connection fails). Nothing counts the receivers that share the buffer: with
+// two receivers the slot goes back to the free list twice.
+void SendBufferToReceivers(const SLFCefReceiverList& receivers, int browserID, int streamID,
+                           const std::shared_ptr<NVKXPCAudioBuffer>& buffer)
+{
+    RecordRef record(buffer->encodeRecord());
+    for (const SLFCefCallbackProxyRef& receiver : receivers)
+        receiver->browserDidReceiveAudioStream(browserID, streamID, record.get(), [buffer] { buffer->returnToPool(); });
+}
+
+} // namespace
 
 bool SLFCefAudioCallback(int streamID, unsigned char* data, unsigned int bufferSize, unsigned int sampleRate,
                          unsigned int channels, unsigned int bitsPerSample, void* context)
@@ -18,11 +67,74 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
                                                                  unsigned int bufferSize, unsigned int sampleRate,
                                                                  unsigned int channels, unsigned int bitsPerSample)
 {
-    // Audio is not delivered to receivers yet: the block is dropped.
-    (void)streamID;
-    (void)data;
-    (void)bufferSize;
-    (void)sampleRate;
-    (void)channels;
-    (void)bitsPerSample;
+    // One snapshot of the receivers for the whole call; a receiver added or
+    // removed meanwhile counts from the next call on.
+    const SLFCefReceiverListRef receivers = receiverProxies();
+    const int browser = browserID();
+    // Without receivers everything is dropped, stream ends included: a pool
+    // made earlier then stays until a later end finds a receiver.
+    if (!receivers || receivers->empty())
+        return;
+
+    if (bufferSize == 0 && sampleRate == 0 && channels == 0 && bitsPerSample == 0) {
+        // The stream ended. Dropping the pool unmaps the service's view of the
+        // segment; slots still out with receivers go back to nothing.
+        m_audioBufferPools.erase(streamID);
+        for (const SLFCefCallbackProxyRef& receiver : *receivers) {
+            // Every stream end brings one delivery without a buffer first.
+            receiver->browserDidReceiveAudioStream(browser, streamID, g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0),
+                                                   [] {});
+            receiver->browserWillStopAudioStream(browser, streamID);
+        }
+        return;
+    }
+    // The engine announces a stream's format with an empty block; there is
+    // nothing to send yet, and a pool cannot have slots of 0 bytes.
+    if (bufferSize == 0 || !data)
+        return;
+
+    std::shared_ptr<NVKXPCAudioBufferPool>& pool = m_audioBufferPools[streamID];
+    if (!pool) {
+        pool = NVKXPCAudioBufferPool::initWithBufferSize(bufferSize, kAudioBuffersPerStream);
+        if (!pool) {
+            // The pool logged why; the block is dropped and the next block of
+            // the stream tries again.
+            m_audioBufferPools.erase(streamID);
+            return;
+        }
+        pool->setSampleRate(sampleRate);
+        pool->setChannelCount(channels);
+        pool->setBitsPerSample(bitsPerSample);
+        RecordRef poolRecord(pool->encodeRecord());
+        for (const SLFCefCallbackProxyRef& receiver : *receivers) {
+            receiver->browserWillStartAudioStream(browser, streamID, poolRecord.get());
+            // Every receiver starts with an empty buffer of its own, given back
+            // like any other.
+            if (std::shared_ptr<NVKXPCAudioBuffer> empty = pool->bufferFromPool())
+                SendBufferToReceivers(SLFCefReceiverList{receiver}, browser, streamID, empty);
+        }
+    }
+
+    // Cut the block at the slot size. Buffers carry the pool's format (stamped
+    // when taken), not this block's. The block's last, partly filled buffer
+    // goes out at once: nothing waits for the next block.
+    uint64_t remaining = bufferSize;
+    const unsigned char* source = data;
+    std::shared_ptr<NVKXPCAudioBuffer> current;
+    while (remaining > 0) {
+        if (!current) {
+            current = pool->bufferFromPool();
+            // Every slot is out: the rest of the block is dropped.
+            if (!current)
+                return;
+        }
+        const uint64_t n = std::min<uint64_t>(current->capacity() - current->length(), remaining);
+        current->appendBytes(source, n);
+        remaining -= n;
+        source += n;
+        if (current->length() == current->capacity() || remaining == 0) {
+            SendBufferToReceivers(*receivers, browser, streamID, current);
+            current.reset();
+        }
+    }
 }
