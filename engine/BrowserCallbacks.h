@@ -25,6 +25,11 @@ typedef bool (*SLFCefGetResponseHeadersForURLType)(const std::string& url, const
 // URL-change callback (load start): frame URL, context.
 typedef bool (*SLFCefURLChangeCallbackType)(const std::string& url, const void* context);
 
+// The one-word host of the URLs the service answers itself: the settings
+// resource "http://streamloft/settings" and the text requests
+// "http://streamloft/requestText?filePath=...". Pages must use the same word.
+inline constexpr const char* kSLFCefInternalHost = "streamloft";
+
 struct CAccessHandlingForRequestSettings {
     SLFCefHandleRequestURLType handleRequestURL = nullptr;
     SLFCefGetResponseHeadersForURLType getResponseHeadersForURL = nullptr;

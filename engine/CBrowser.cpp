@@ -19,4 +19,20 @@ CBrowser::CBrowser(const std::string& startURL_, int frameRate_, unsigned int wi
         accessSettings = *accessSettings_;
 }
 
+bool CBrowser::HandleAccessForRequestURL(const std::string& url) const
+{
+    if (!accessSettings.accessControlEnabled || !accessSettings.handleRequestURL)
+        return false;
+    return accessSettings.handleRequestURL(url, callbackContext);
+}
+
+bool CBrowser::GetReponseHeadersRequestURL(const std::string& url, std::vector<char>& data, int64_t& length,
+                                           int& status) const
+{
+    if (!accessSettings.getResponseHeadersForURL)
+        return false;
+    const std::string startUrlCopy = startURL;
+    return accessSettings.getResponseHeadersForURL(url, startUrlCopy, &data, &length, &status, callbackContext);
+}
+
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -7,8 +7,10 @@
 #include "engine/CAudioStream.h"
 #include "engine/port/EnginePort.h"
 
+#include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -19,6 +21,14 @@ public:
              SLFCefVideoFrameCallbackType frameCallback, SLFCefAudioCallbackType audioCallback,
              SLFCefURLChangeCallbackType urlChangeCallback, void* callbackContext,
              const CAccessHandlingForRequestSettings* accessSettings);
+
+    // Asks the service side whether it takes this request over: false when
+    // access control is off or no callback was given.
+    bool HandleAccessForRequestURL(const std::string& url) const;
+    // Asks the service side for the body and status of a taken-over request
+    // (the access-control flag is not looked at); false without a callback.
+    bool GetReponseHeadersRequestURL(const std::string& url, std::vector<char>& data, int64_t& length,
+                                     int& status) const;
 
     // The engine's browser identifier; 0 until the engine reported the browser.
     int id = 0;

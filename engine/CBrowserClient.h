@@ -3,7 +3,9 @@
 // hand-shake against the engine's life-span notifications, pumps the engine's
 // message loop when asked, and is every handler the engine calls back:
 // render (frames, view size, cursor), life span, load, audio, script dialogs
-// and process messages.
+// and process messages. It is also the request handler and the one resource
+// handler of every browser: it decides per request whether the service side
+// answers it (CBrowserClientResources.cpp).
 //
 // Threads: the wrapper calls the operations under its client lock from the
 // owner's threads. Render, life-span and load handlers arrive on the pump
@@ -25,6 +27,7 @@
 #include <list>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -35,7 +38,9 @@ class CBrowserClient : public EngineClient,
                        public EngineRenderHandler,
                        public EngineLifeSpanHandler,
                        public EngineLoadHandler,
-                       public EngineJSDialogHandler {
+                       public EngineJSDialogHandler,
+                       public EngineRequestHandler,
+                       public EngineResourceHandler {
 public:
     CBrowserClient();
     ~CBrowserClient() override;
@@ -97,10 +102,7 @@ public:
     EngineLifeSpanHandler* GetLifeSpanHandler() override { return this; }
     EngineLoadHandler* GetLoadHandler() override { return this; }
     EngineAudioHandler* GetAudioHandler() override { return this; }
-    // Resource-request interception plugs in here: the client becomes the
-    // request handler and answers taken-over requests itself. Until then
-    // every request loads normally.
-    EngineRequestHandler* GetRequestHandler() override { return nullptr; }
+    EngineRequestHandler* GetRequestHandler() override { return this; }
     EngineJSDialogHandler* GetJSDialogHandler() override { return this; }
     // Stores the web process's answer to the render-process-ID question.
     bool OnProcessMessageReceived(EngineBrowserRef browser, EngineProcessMessageRef message) override;
@@ -131,6 +133,30 @@ public:
                     const std::string& messageText, const std::string& defaultPromptText,
                     bool& suppressMessage) override;
 
+    // ---- EngineRequestHandler / EngineResourceHandler (resource thread) ------
+    // The client itself when it answers the request, null when the engine
+    // loads it normally.
+    EngineResourceHandler* GetResourceHandler(EngineBrowserRef browser, EngineFrameRef frame,
+                                              EngineRequestRef request) override;
+    bool ProcessRequest(EngineRequestRef request, EngineCallbackRef callback) override;
+    // The redirect URL is never set.
+    void GetResponseHeaders(EngineResponseRef response, int64_t& responseLength, std::string& redirectUrl) override;
+    bool ReadResponse(void* dataOut, int bytesToRead, int& bytesRead, EngineCallbackRef callback) override;
+    void Cancel() override;
+
+    // Serves a text request for lastRequest from disk; true only with status 200.
+    virtual bool GetFileloadResponseHeadersForLastRequest(EngineResponseRef response, int64_t& length);
+    // The URL up to its last "?", without a leading "file:///".
+    virtual std::string GetFilenameFromRequest(EngineRequestRef request);
+    // The decoded value after "filePath=" of a text request, or "".
+    virtual std::string GetFilenameFromTextRequest(EngineRequestRef request);
+    // "http://streamloft/requestText?..." exactly, a "?" required.
+    virtual bool IsTextRequest(EngineRequestRef request);
+    virtual bool HandleAccessForRequest(EngineRequestRef request);
+    // Hook for a derived client to force a request to be taken over (and a
+    // text request's file to be refused); always false here.
+    virtual bool ForceBlockFileAccessForURLandBrowserID(const std::string& url, int browserId);
+
 private:
     // Callers hold m_BrowsersMutex. The first record with this ID, or null.
     CBrowser* FindBrowserRecord(int id);
@@ -157,6 +183,16 @@ private:
     std::map<int, bool> m_mapResume;
     // Browsers asked for their web process's ID; only their answers are taken.
     std::map<int, bool> m_mapRenderProcessIdRequested;
+
+    // Request state: one set for the whole client, so one taken-over request
+    // is served at a time and a second ProcessRequest replaces the first.
+    // Not locked: only the port's single resource thread touches it.
+    EngineRequestRef m_lastRequest;
+    bool m_bRequestCancelled = false;
+    std::vector<char> m_responseData;
+    // Request identifier -> the browser that issued it, from
+    // GetResourceHandler until the response headers were produced.
+    std::map<uint64_t, EngineBrowserRef> m_requestBrowsers;
 };
 
 } // namespace SLF_ChromiumEmbeddedFramework

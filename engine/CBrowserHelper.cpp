@@ -48,4 +48,12 @@ std::string CBrowserHelper::UriDecode(const std::string& text)
     return result;
 }
 
+std::string CBrowserHelper::GetUTF8StringWithBOM(const char* buffer, size_t size, bool& hasBOM)
+{
+    (void)buffer;
+    (void)size;
+    (void)hasBOM;
+    return std::string();
+}
+
 } // namespace SLF_ChromiumEmbeddedFramework

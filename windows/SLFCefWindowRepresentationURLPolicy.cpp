@@ -1,12 +1,108 @@
 // URL access policy and the settings resource of SLFCefWindowRepresentation:
-// the engine asks here about every resource request of the page.
+// the engine asks here about every resource request of the page. Remote
+// content passes, local files pass only under a permitted prefix, and the
+// internal settings URL is answered with data fetched from the host while
+// the request waits.
+//
+// Both methods run on the engine's resource thread and block it; the
+// settings fetch for up to 120 seconds.
 #include "windows/SLFCefWindowRepresentation.h"
+
+#include "dbg/NSLog.h"
+#include "engine/BrowserCallbacks.h"
+
+#include <glib.h>
+
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+namespace {
+
+// The parts of a URL the policy looks at. `valid` is false for text that
+// is not a URL at all; such a request is left to the engine.
+struct URLParts {
+    bool valid = false;
+    std::string scheme; // as written
+    std::string host;
+    std::string path; // percent-decoded where the escapes are valid
+};
+
+URLParts ParseURL(const std::string& text)
+{
+    URLParts parts;
+    // The scheme is compared exactly as written, so it is taken from the text.
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos || colon == 0 || !g_ascii_isalpha(text[0]))
+        return parts;
+    for (size_t i = 1; i < colon; ++i) {
+        const char c = text[i];
+        if (!g_ascii_isalnum(c) && c != '+' && c != '-' && c != '.')
+            return parts;
+    }
+    // Relaxed and undecoded, so that a stray "%" elsewhere does not make a
+    // file URL unreadable (it would then escape the prefix check).
+    GUri* uri = g_uri_parse(text.c_str(), static_cast<GUriFlags>(G_URI_FLAGS_ENCODED | G_URI_FLAGS_PARSE_RELAXED),
+                            nullptr);
+    if (!uri)
+        return parts;
+    parts.valid = true;
+    parts.scheme = text.substr(0, colon);
+    if (const char* host = g_uri_get_host(uri))
+        parts.host = host;
+    const char* rawPath = g_uri_get_path(uri);
+    if (char* decoded = g_uri_unescape_string(rawPath, nullptr)) {
+        parts.path = decoded;
+        g_free(decoded);
+    } else {
+        parts.path = rawPath;
+    }
+    g_uri_unref(uri);
+    return parts;
+}
+
+bool IsSettingsURL(const URLParts& parts)
+{
+    return parts.valid && parts.scheme == "http" && parts.host == SLF_ChromiumEmbeddedFramework::kSLFCefInternalHost &&
+           parts.path == "/settings";
+}
+
+bool EndsWith(const std::string& text, const std::string& tail)
+{
+    return text.size() >= tail.size() && text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// A list of strings as the log has always shown one: "(\n    \"a\",\n    \"b\"\n)".
+std::string DescriptionOfStrings(const std::vector<std::string>& strings)
+{
+    std::string text = "(";
+    for (size_t i = 0; i < strings.size(); ++i)
+        text += std::string(i ? "," : "") + "\n    \"" + strings[i] + "\"";
+    return text + "\n)";
+}
+
+// Seconds since 2001-01-01 00:00:00 UTC, the reference date of the service's
+// time stamps.
+double SecondsSinceReferenceDate()
+{
+    constexpr double kReferenceDateUnixSeconds = 978307200.0;
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration<double>(now).count() - kReferenceDateUnixSeconds;
+}
+
+bool HasReceivers(const SLFCefReceiverListRef& receivers)
+{
+    return receivers && !receivers->empty();
+}
+
+} // namespace
 
 bool SLFCefHandleRequestURL(const std::string& url, const void* context)
 {
     if (!context)
         return false;
-    auto* representation = const_cast<SLFCefWindowRepresentation*>(static_cast<const SLFCefWindowRepresentation*>(context));
+    auto* representation =
+        const_cast<SLFCefWindowRepresentation*>(static_cast<const SLFCefWindowRepresentation*>(context));
     return representation->wantsToHandleBrowserURL(url);
 }
 
@@ -15,8 +111,10 @@ bool SLFCefGetResponseHeadersForURL(const std::string& url, const std::string& s
 {
     if (!context)
         return false;
-    auto* representation = const_cast<SLFCefWindowRepresentation*>(static_cast<const SLFCefWindowRepresentation*>(context));
-    bool handled = representation->writeStatusCode(statusCode, data, url, startURL);
+    auto* representation =
+        const_cast<SLFCefWindowRepresentation*>(static_cast<const SLFCefWindowRepresentation*>(context));
+    const bool handled = representation->writeStatusCode(statusCode, data, url, startURL);
+    // The length is the body's size whatever the answer.
     if (length)
         *length = data ? static_cast<int64_t>(data->size()) : 0;
     return handled;
@@ -24,17 +122,66 @@ bool SLFCefGetResponseHeadersForURL(const std::string& url, const std::string& s
 
 bool SLFCefWindowRepresentation::wantsToHandleBrowserURL(const std::string& url)
 {
-    // No request is taken over yet: the engine loads every URL itself.
-    (void)url;
-    return false;
+    const URLParts parts = ParseURL(url);
+    if (IsSettingsURL(parts))
+        return true;
+    if (!parts.valid || parts.scheme != "file")
+        return false;
+    // A path that climbs out of a folder is refused, whatever the prefix.
+    if (parts.path.find("/../") != std::string::npos || EndsWith(parts.path, "/.."))
+        return true;
+    for (const std::string& permitted : permittedFileURLStrings()) {
+        if (url.compare(0, permitted.size(), permitted) == 0)
+            return false;
+    }
+    return true;
 }
 
 bool SLFCefWindowRepresentation::writeStatusCode(int* statusCode, std::vector<char>* responseData,
                                                  const std::string& requestURL, const std::string& browserStartURL)
 {
-    (void)statusCode;
-    (void)responseData;
-    (void)requestURL;
     (void)browserStartURL;
-    return false;
+    // The registry may let go of this browser while the fetch waits.
+    const SLFCefWindowRepresentationRef keepAlive = weak_from_this().lock();
+
+    const URLParts parts = ParseURL(requestURL);
+    if (!IsSettingsURL(parts)) {
+        if (parts.valid && parts.scheme == "file") {
+            NSLog("Blocked URL %s [%s]", requestURL.c_str(), DescriptionOfStrings(permittedFileURLStrings()).c_str());
+            if (statusCode)
+                *statusCode = 404;
+        }
+        return false;
+    }
+
+    // Ask the first receiver (if any) for fresh data; the answer arrives on
+    // its connection's thread through setSettingsData.
+    SLFCefReceiverListRef receivers = receiverProxies();
+    const SLFCefCallbackProxyRef proxy = HasReceivers(receivers) ? receivers->front() : nullptr;
+    const int browser = browserID();
+    setSettingsData(nullptr);
+    if (proxy)
+        proxy->requestSettingsDataForBrowser(browser);
+
+    const double start = static_cast<double>(static_cast<int64_t>(SecondsSinceReferenceDate()));
+    SLFCefDataRef data = settingsData();
+    while (!data && HasReceivers(receiverProxies()) && SecondsSinceReferenceDate() - start < 120.0) {
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        data = settingsData();
+    }
+
+    if (!data) {
+        NSLog("Error: Could not retrieve settings data from host.");
+        if (statusCode)
+            *statusCode = 408;
+        return false;
+    }
+    if (responseData) {
+        responseData->resize(data->size());
+        if (!data->empty())
+            std::memcpy(responseData->data(), data->data(), data->size());
+    }
+    if (statusCode)
+        *statusCode = 200;
+    return true;
 }
