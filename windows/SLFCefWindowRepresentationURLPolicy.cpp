@@ -40,24 +40,26 @@ URLParts ParseURL(const std::string& text)
         if (!g_ascii_isalnum(c) && c != '+' && c != '-' && c != '.')
             return parts;
     }
-    // Relaxed and undecoded, so that a stray "%" elsewhere does not make a
-    // file URL unreadable (it would then escape the prefix check).
-    GUri* uri = g_uri_parse(text.c_str(), static_cast<GUriFlags>(G_URI_FLAGS_ENCODED | G_URI_FLAGS_PARSE_RELAXED),
-                            nullptr);
-    if (!uri)
+    // Split only: parsing into a GUri would resolve "/../" segments, which
+    // the policy has to see. Relaxed and undecoded, so that a stray "%"
+    // does not make a file URL unreadable (it would then escape the checks).
+    gchar* host = nullptr;
+    gchar* rawPath = nullptr;
+    if (!g_uri_split(text.c_str(), static_cast<GUriFlags>(G_URI_FLAGS_ENCODED | G_URI_FLAGS_PARSE_RELAXED), nullptr,
+                     nullptr, &host, nullptr, &rawPath, nullptr, nullptr, nullptr))
         return parts;
     parts.valid = true;
     parts.scheme = text.substr(0, colon);
-    if (const char* host = g_uri_get_host(uri))
+    if (host)
         parts.host = host;
-    const char* rawPath = g_uri_get_path(uri);
-    if (char* decoded = g_uri_unescape_string(rawPath, nullptr)) {
+    if (char* decoded = rawPath ? g_uri_unescape_string(rawPath, nullptr) : nullptr) {
         parts.path = decoded;
         g_free(decoded);
-    } else {
+    } else if (rawPath) {
         parts.path = rawPath;
     }
-    g_uri_unref(uri);
+    g_free(host);
+    g_free(rawPath);
     return parts;
 }
 
