@@ -1,7 +1,6 @@
-// A clean log configuration for every test: the start settings of the
-// decorations, only the callback sink (collecting lines), log files under a
-// temporary home folder, and datagrams only ever sent to 127.0.0.1 (any
-// other destination is recorded and dropped).
+// A clean log configuration for every test: the start decorations, only the
+// callback sink (collecting lines), log files under a temporary home folder,
+// and datagrams sent only to 127.0.0.1 (others are recorded and dropped).
 #pragma once
 
 #include "dbg/DbgState.h"
@@ -11,50 +10,47 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <cstdlib>
 #include <mutex>
+#include <regex.h>
 #include <string>
 #include <vector>
 
-struct DbgCapturedLine {
-    int level;
-    std::string text;
-    int length;
-};
-
-struct DbgDroppedDatagram {
-    std::string destination;
-    std::string data;
-};
+// Whole-text match against a POSIX extended regular expression.
+inline bool Matches(const std::string& text, const std::string& pattern)
+{
+    regex_t re;
+    if (regcomp(&re, ("^" + pattern + "$").c_str(), REG_EXTENDED | REG_NOSUB) != 0)
+        return false;
+    const bool matched = regexec(&re, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&re);
+    return matched;
+}
 
 class DbgFixture : public ::testing::Test {
 protected:
+    struct Line {
+        int level;
+        std::string text;
+        int length;
+    };
+
     void SetUp() override
     {
-        DbgSetSendFunction(&DbgFixture::SendToLoopbackOnly);
+        DbgSetSendFunction(&SendToLoopbackOnly);
         char folder[] = "/tmp/slf-dbg-test-XXXXXX";
         ASSERT_NE(mkdtemp(folder), nullptr);
         m_home = folder;
         DbgSetHomeFolderOverride(m_home.c_str());
-
-        dbgcommand("null");
-        DbgSyslogCloseUdp();
         DbgGetSyslog().host[0] = 0;
         DbgGetSyslog().port = 514;
         DbgGetSyslog().headerType = 1;
-        DbgResetLogFile();
-        for (const char* command : {"time", "addtag", "addlevel", "functionname", "nothreadid", "nodeltatime",
-                                    "nofunctionpurename", "noreftime", "functionnamefilter", "nofunctionminlength",
-                                    "filter_debug", "filter_info", "filter_warning"})
-            dbgcommand(command);
         DbgGetSettings().colorize = false;
-        for (int level = 0; level < DBG_MAX_FLAGS; ++level)
-            dbgsetfilter(nullptr, level);
-        dbgsetcallback(&DbgFixture::Receive, this);
-        dbgcommand("callback");
-        Clear();
+        for (const char* command : {"null", "time", "addtag", "addlevel", "functionname", "nothreadid", "nodeltatime",
+                                    "nofunctionpurename", "noreftime", "functionnamefilter", "filter_debug",
+                                    "filter_info", "filter_warning", "callback"})
+            dbgcommand(command);
+        dbgsetcallback(&Receive, this);
     }
-
     void TearDown() override
     {
         dbgcommand("null");
@@ -63,46 +59,37 @@ protected:
         DbgResetLogFile();
         DbgSetHomeFolderOverride(nullptr);
         NplFile_DeleteFolder(m_home);
-        std::lock_guard<std::mutex> guard(DroppedMutex());
-        Dropped().clear();
+        std::lock_guard<std::mutex> guard(s_mutex);
+        s_dropped.clear();
     }
 
-    std::vector<DbgCapturedLine> Lines()
+    std::vector<Line> Lines()
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard<std::mutex> guard(s_mutex);
         return m_lines;
-    }
-    std::vector<std::string> Texts()
-    {
-        std::vector<std::string> texts;
-        for (const auto& line : Lines())
-            texts.push_back(line.text);
-        return texts;
     }
     void Clear()
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard<std::mutex> guard(s_mutex);
         m_lines.clear();
     }
-    // Logs one line with the time stamp off and returns what the callback got
-    // ("" when nothing).
+    std::string Last()
+    {
+        const auto lines = Lines();
+        return lines.empty() ? std::string() : lines.back().text;
+    }
+    // Logs one line and returns what the callback got ("" when nothing).
     std::string LogOne(int level, const char* module, const char* function, const char* message)
     {
         Clear();
         dbgprintf(level, "npl", module, function, "%s", message);
-        const auto lines = Texts();
-        return lines.empty() ? std::string() : lines.back();
+        return Last();
     }
-
-    static std::vector<DbgDroppedDatagram>& Dropped()
+    // Datagrams to other hosts than 127.0.0.1: "host:port" and the bytes.
+    static std::vector<std::pair<std::string, std::string>> Dropped()
     {
-        static std::vector<DbgDroppedDatagram> dropped;
-        return dropped;
-    }
-    static std::mutex& DroppedMutex()
-    {
-        static std::mutex mutex;
-        return mutex;
+        std::lock_guard<std::mutex> guard(s_mutex);
+        return s_dropped;
     }
 
     std::string m_home;
@@ -110,25 +97,23 @@ protected:
 private:
     static void Receive(void* context, int level, const char* line, int length)
     {
-        DbgFixture* self = static_cast<DbgFixture*>(context);
-        std::lock_guard<std::mutex> guard(self->m_mutex);
-        self->m_lines.push_back({level, std::string(line), length});
+        std::lock_guard<std::mutex> guard(s_mutex);
+        static_cast<DbgFixture*>(context)->m_lines.push_back({level, line, length});
     }
-
-    static ssize_t SendToLoopbackOnly(int fd, const void* data, size_t length, int flags, const struct sockaddr* to,
+    static ssize_t SendToLoopbackOnly(int fd, const void* data, size_t length, int flags, const sockaddr* to,
                                       socklen_t toLength)
     {
-        const auto* address = reinterpret_cast<const struct sockaddr_in*>(to);
-        if (address->sin_family == AF_INET && ntohl(address->sin_addr.s_addr) == INADDR_LOOPBACK)
+        const auto* address = reinterpret_cast<const sockaddr_in*>(to);
+        if (ntohl(address->sin_addr.s_addr) == INADDR_LOOPBACK)
             return sendto(fd, data, length, flags, to, toLength);
-        char text[INET_ADDRSTRLEN] = {0};
-        inet_ntop(AF_INET, &address->sin_addr, text, sizeof text);
-        std::lock_guard<std::mutex> guard(DroppedMutex());
-        Dropped().push_back({std::string(text) + ":" + std::to_string(ntohs(address->sin_port)),
-                             std::string(static_cast<const char*>(data), length)});
+        std::lock_guard<std::mutex> guard(s_mutex);
+        s_dropped.emplace_back(std::string(inet_ntoa(address->sin_addr)) + ":" +
+                                   std::to_string(ntohs(address->sin_port)),
+                               std::string(static_cast<const char*>(data), length));
         return static_cast<ssize_t>(length);
     }
 
-    std::mutex m_mutex;
-    std::vector<DbgCapturedLine> m_lines;
+    static inline std::mutex s_mutex;
+    static inline std::vector<std::pair<std::string, std::string>> s_dropped;
+    std::vector<Line> m_lines;
 };
