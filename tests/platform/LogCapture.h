@@ -1,8 +1,9 @@
 // Collects the diagnostic log's lines through its callback sink, with every
-// other sink off.
+// other sink off, and restores the "npl" module's flags when it goes.
 #pragma once
 
 #include "dbg/dbg.h"
+#include "platform/NplDebug.h"
 
 #include <mutex>
 #include <string>
@@ -10,51 +11,39 @@
 
 class LogCapture {
 public:
-    struct Line {
-        int level;
-        std::string text;
-    };
-
-    LogCapture()
+    LogCapture() : m_flags(_dbgGetModuleFlags(NplDebugModule()))
     {
         dbgcommand("null");
-        dbgsetcallback(&LogCapture::Receive, this);
+        dbgsetcallback(&Receive, this);
         dbgcommand("callback");
     }
     ~LogCapture()
     {
         dbgcommand("null");
         dbgsetcallback(nullptr, nullptr);
-    }
-
-    std::vector<Line> Lines()
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return m_lines;
-    }
-    void Clear()
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        m_lines.clear();
+        for (int level = 0; level < 4; ++level)
+            dbgsetflagvalue(NplDebugModule(), level, (m_flags >> level) & 1);
     }
     // Lines containing `text`.
-    std::vector<Line> Matching(const std::string& text)
+    std::vector<std::string> Matching(const std::string& text)
     {
-        std::vector<Line> result;
-        for (const Line& line : Lines())
-            if (line.text.find(text) != std::string::npos)
+        std::lock_guard<std::mutex> guard(m_mutex);
+        std::vector<std::string> result;
+        for (const std::string& line : m_lines)
+            if (line.find(text) != std::string::npos)
                 result.push_back(line);
         return result;
     }
 
 private:
-    static void Receive(void* context, int level, const char* line, int length)
+    static void Receive(void* context, int, const char* line, int length)
     {
-        LogCapture* self = static_cast<LogCapture*>(context);
+        auto* self = static_cast<LogCapture*>(context);
         std::lock_guard<std::mutex> guard(self->m_mutex);
-        self->m_lines.push_back({level, std::string(line, static_cast<size_t>(length))});
+        self->m_lines.emplace_back(line, static_cast<size_t>(length));
     }
 
+    uint32_t m_flags;
     std::mutex m_mutex;
-    std::vector<Line> m_lines;
+    std::vector<std::string> m_lines;
 };

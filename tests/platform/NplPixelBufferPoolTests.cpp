@@ -5,13 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <deque>
 #include <mutex>
-#include <set>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -19,13 +18,10 @@ namespace {
 NplPixelBufferAttributes Attributes(double width, double height)
 {
     NplPixelBufferAttributes a;
-    a.width = width;
-    a.height = height;
+    a.width = a.ioSurfaceProperties.width = width;
+    a.height = a.ioSurfaceProperties.height = height;
     a.pixelFormatType = kNplPixelFormatType_32BGRA;
-    a.openGLCompatibility = true;
     a.hasIOSurfaceProperties = true;
-    a.ioSurfaceProperties.width = width;
-    a.ioSurfaceProperties.height = height;
     return a;
 }
 
@@ -44,69 +40,48 @@ NplPixelBufferPtr Take(CNplPixelBufferPool& pool, int64_t threshold = 30, NplPix
     aux.allocationThreshold = threshold;
     CNplPixelBuffer* buffer = nullptr;
     const NplPixelBufferStatus s = pool.CreatePixelBuffer(&aux, &buffer);
-    if (status) {
+    if (status)
         *status = s;
-    }
     return NplPixelBufferPtr(buffer);
 }
 
-TEST(NplPixelBufferPool, RowsArePaddedToSixtyFourBytesAndAttributesAreKept)
+TEST(NplPixelBufferPool, RowsArePaddedAndUnusableAttributesRefused)
 {
-    EXPECT_EQ(CNplPixelBufferPool::BytesPerRowForWidth(1), 64u);
-    EXPECT_EQ(CNplPixelBufferPool::BytesPerRowForWidth(16), 64u);
-    EXPECT_EQ(CNplPixelBufferPool::BytesPerRowForWidth(17), 128u);
-    EXPECT_EQ(CNplPixelBufferPool::BytesPerRowForWidth(1279), 5120u);
-    EXPECT_EQ(CNplPixelBufferPool::BytesPerRowForWidth(1920), 7680u);
-
-    auto pool = MakePool(101.7, 3); // fractions are dropped
-    ASSERT_TRUE(pool);
-    EXPECT_TRUE(pool->GetPixelBufferAttributes().openGLCompatibility);
-    auto buffer = Take(*pool);
+    for (const auto& [width, bytesPerRow] : {std::pair<uint32_t, uint64_t>{1, 64}, {16, 64}, {17, 128}, {1279, 5120}})
+        EXPECT_EQ(CNplPixelBufferPool::BytesPerRowForWidth(width), bytesPerRow) << width;
+    auto buffer = Take(*MakePool(101.7, 3)); // fractions are dropped
     ASSERT_TRUE(buffer);
     EXPECT_EQ(buffer->GetWidth(), 101u);
-    EXPECT_EQ(buffer->GetHeight(), 3u);
     EXPECT_EQ(buffer->GetBytesPerRow(), 448u);
-    EXPECT_EQ(buffer->GetPixelFormatType(), kNplPixelFormatType_32BGRA);
     EXPECT_EQ(buffer->GetIOSurface()->GetAllocSize(), 448u * 3u);
-}
 
-TEST(NplPixelBufferPool, RefusesUnusableAttributes)
-{
     std::shared_ptr<CNplPixelBufferPool> pool;
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(0, 10), &pool), kNplPixelBufferInvalidSize);
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(-5, 10), &pool), kNplPixelBufferInvalidSize);
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(10, 1e9), &pool), kNplPixelBufferInvalidSize);
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(NAN, 10), &pool), kNplPixelBufferInvalidSize);
-    NplPixelBufferAttributes wrongFormat = Attributes(10, 10);
-    wrongFormat.pixelFormatType = 0x20;
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, wrongFormat, &pool), kNplPixelBufferInvalidPixelFormat);
-    NplPixelBufferAttributes wrongElement = Attributes(10, 10);
-    wrongElement.ioSurfaceProperties.bytesPerElement = 2;
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, wrongElement, &pool), kNplPixelBufferInvalidPixelFormat);
+    for (const auto& size : {std::pair<double, double>{0, 10}, {-5, 10}, {10, 1e9}, {NAN, 10}})
+        EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(size.first, size.second), &pool),
+                  kNplPixelBufferInvalidSize);
+    NplPixelBufferAttributes wrong = Attributes(10, 10);
+    wrong.pixelFormatType = 0x20;
+    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, wrong, &pool), kNplPixelBufferInvalidPixelFormat);
+    wrong = Attributes(10, 10);
+    wrong.ioSurfaceProperties.bytesPerElement = 2;
+    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, wrong, &pool), kNplPixelBufferInvalidPixelFormat);
     EXPECT_FALSE(pool);
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(10, 10), &pool), kNplPixelBufferSuccess);
-    EXPECT_TRUE(pool);
 }
 
 TEST(NplPixelBufferPool, ThresholdCountsBuffersOutOfThePool)
 {
     auto pool = MakePool(8, 8);
     std::vector<NplPixelBufferPtr> held;
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 0; i < 30; ++i)
         held.push_back(Take(*pool));
-        ASSERT_TRUE(held.back()) << i;
-    }
+    ASSERT_TRUE(held.back());
     NplPixelBufferStatus status = 0;
     EXPECT_FALSE(Take(*pool, 30, &status));
     EXPECT_EQ(status, kNplPixelBufferWouldExceedAllocationThreshold);
-    // Without a threshold the pool keeps growing.
-    EXPECT_TRUE(Take(*pool, 0));
-
+    EXPECT_TRUE(Take(*pool, 0)); // without a threshold the pool grows
     held.pop_back();
-    auto again = Take(*pool, 30, &status);
-    EXPECT_TRUE(again);
-    EXPECT_EQ(status, kNplPixelBufferSuccess);
-    EXPECT_EQ(pool->GetCreatedBufferCount(), 31u); // the 31st is the unlimited one, now free again
+    EXPECT_TRUE(Take(*pool, 30));
+    EXPECT_EQ(pool->GetCreatedBufferCount(), 31u);
 }
 
 TEST(NplPixelBufferPool, BufferIsReusedOnlyAfterEveryHolderHasLetGo)
@@ -114,35 +89,22 @@ TEST(NplPixelBufferPool, BufferIsReusedOnlyAfterEveryHolderHasLetGo)
     auto pool = MakePool(4, 4);
     NplPixelBufferPtr first = Take(*pool);
     CNplSharedSurface* surface = first->GetIOSurface();
-    const uint64_t id = surface->GetID();
-
     // Two receivers hold the surface; the service releases its buffer.
     surface->IncrementUseCount();
     surface->IncrementUseCount();
-    EXPECT_TRUE(surface->IsInUse());
     first.reset();
-    EXPECT_EQ(pool->GetOutstandingBufferCount(), 1u);
-    EXPECT_EQ(pool->GetFreeBufferCount(), 0u);
-
-    NplPixelBufferPtr other = Take(*pool);
-    EXPECT_NE(other->GetIOSurface()->GetID(), id);
-    other.reset();
-
+    EXPECT_NE(Take(*pool)->GetIOSurface(), surface);
     surface->DecrementUseCount();
     EXPECT_EQ(pool->GetOutstandingBufferCount(), 1u);
     surface->DecrementUseCount();
     EXPECT_EQ(pool->GetOutstandingBufferCount(), 0u);
     EXPECT_EQ(pool->GetFreeBufferCount(), 2u);
-
-    // Most recently returned first: the surface that just came back.
+    // Most recently returned first.
     NplPixelBufferPtr reused = Take(*pool);
-    EXPECT_EQ(reused->GetIOSurface()->GetID(), id);
-    EXPECT_EQ(reused->GetHoldCount(), 1);
-    EXPECT_EQ(pool->GetCreatedBufferCount(), 2u);
-
+    EXPECT_EQ(reused->GetIOSurface(), surface);
     // Receivers that let go before the service does: the release returns it.
-    reused->GetIOSurface()->IncrementUseCount();
-    reused->GetIOSurface()->DecrementUseCount();
+    surface->IncrementUseCount();
+    surface->DecrementUseCount();
     EXPECT_EQ(pool->GetOutstandingBufferCount(), 1u);
     reused.reset();
     EXPECT_EQ(pool->GetOutstandingBufferCount(), 0u);
@@ -152,30 +114,22 @@ TEST(NplPixelBufferPool, FlushWithoutFlagsFreesOnlyBuffersUnusedLongerThanTheMax
 {
     auto pool = MakePool(4, 4, 0.2);
     Take(*pool);
-    EXPECT_EQ(pool->GetFreeBufferCount(), 1u);
     pool->Flush(0);
     EXPECT_EQ(pool->GetFreeBufferCount(), 1u); // just returned
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    usleep(300000);
     {
-        NplPixelBufferPtr held = Take(*pool);   // the old one, back in use
-        NplPixelBufferPtr second = Take(*pool); // a new one
+        NplPixelBufferPtr old = Take(*pool); // back in use, so young again
+        NplPixelBufferPtr second = Take(*pool);
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(300));
-    NplPixelBufferPtr fresh = Take(*pool);
-    fresh.reset();
+    usleep(300000);
+    Take(*pool);
     pool->Flush(0);
     EXPECT_EQ(pool->GetFreeBufferCount(), 1u); // the one just returned stays
     pool->Flush(kNplPixelBufferPoolFlushExcessBuffers);
     EXPECT_EQ(pool->GetFreeBufferCount(), 0u);
-
-    // The default age is one second: a flush right away keeps everything.
-    auto defaultPool = MakePool(4, 4);
-    Take(*defaultPool);
-    defaultPool->Flush(0);
-    EXPECT_EQ(defaultPool->GetFreeBufferCount(), 1u);
 }
 
-TEST(NplPixelBufferPool, DroppedPoolLeavesBuffersValidUntilTheyComeBack)
+TEST(NplPixelBufferPool, DroppedPoolLeavesBuffersValidAndLockingFollowsCoreVideo)
 {
     auto pool = MakePool(16, 16);
     NplPixelBufferPtr out = Take(*pool);
@@ -184,90 +138,63 @@ TEST(NplPixelBufferPool, DroppedPoolLeavesBuffersValidUntilTheyComeBack)
     surface->IncrementUseCount();
     pool.reset();
 
-    // The service and a receiver still use it.
+    EXPECT_EQ(out->UnlockBaseAddress(0), kNplPixelBufferInvalidArgument);
+    EXPECT_EQ(out->LockBaseAddress(4), kNplPixelBufferInvalidArgument);
     ASSERT_EQ(out->LockBaseAddress(0), kNplPixelBufferSuccess);
+    EXPECT_EQ(out->LockBaseAddress(kNplPixelBufferLock_ReadOnly), kNplPixelBufferSuccess);
     std::memset(out->GetBaseAddress(), 0x5A, out->GetDataSize());
+    EXPECT_EQ(out->UnlockBaseAddress(kNplPixelBufferLock_ReadOnly), kNplPixelBufferSuccess);
     EXPECT_EQ(out->UnlockBaseAddress(0), kNplPixelBufferSuccess);
+    EXPECT_FALSE(out->IsLocked());
+    CNplPixelBuffer::InjectLockFailuresForTesting(1);
+    EXPECT_EQ(out->LockBaseAddress(0), kNplPixelBufferError);
+    EXPECT_FALSE(out->IsLocked());
     out.reset();
     EXPECT_EQ(static_cast<unsigned char*>(surface->GetBaseAddress())[0], 0x5A);
     surface->DecrementUseCount(); // the last holder frees buffer and pool state
 }
 
-TEST(NplPixelBufferPool, BaseAddressLockingFollowsCoreVideo)
-{
-    auto pool = MakePool(4, 4);
-    NplPixelBufferPtr buffer = Take(*pool);
-    EXPECT_EQ(buffer->UnlockBaseAddress(0), kNplPixelBufferInvalidArgument);
-    EXPECT_EQ(buffer->LockBaseAddress(4), kNplPixelBufferInvalidArgument);
-    EXPECT_EQ(buffer->LockBaseAddress(0), kNplPixelBufferSuccess);
-    EXPECT_EQ(buffer->LockBaseAddress(kNplPixelBufferLock_ReadOnly), kNplPixelBufferSuccess);
-    EXPECT_TRUE(buffer->IsLocked());
-    EXPECT_EQ(buffer->UnlockBaseAddress(kNplPixelBufferLock_ReadOnly), kNplPixelBufferSuccess);
-    EXPECT_EQ(buffer->UnlockBaseAddress(0), kNplPixelBufferSuccess);
-    EXPECT_FALSE(buffer->IsLocked());
-
-    CNplPixelBuffer::InjectLockFailuresForTesting(1);
-    EXPECT_EQ(buffer->LockBaseAddress(0), kNplPixelBufferError);
-    EXPECT_FALSE(buffer->IsLocked());
-    EXPECT_EQ(buffer->LockBaseAddress(0), kNplPixelBufferSuccess);
-    EXPECT_EQ(buffer->UnlockBaseAddress(0), kNplPixelBufferSuccess);
-}
-
 // Frames are taken on one thread while receivers let go on others; every
-// buffer must come back exactly once and the threshold must hold.
+// buffer must come back and the threshold must hold.
 TEST(NplPixelBufferPool, ReturnsFromOtherThreadsWhileBuffersAreTaken)
 {
     auto pool = MakePool(32, 8);
-    constexpr int kReceivers = 2;
     std::mutex mutex;
-    std::deque<CNplSharedSurface*> queues[kReceivers];
+    std::deque<CNplSharedSurface*> queues[2];
     std::atomic<bool> done{false};
     std::vector<std::thread> receivers;
-    for (int r = 0; r < kReceivers; ++r) {
-        receivers.emplace_back([&, r] {
+    for (auto& queue : queues)
+        receivers.emplace_back([&] {
             for (;;) {
-                CNplSharedSurface* s = nullptr;
-                {
-                    std::lock_guard<std::mutex> lock(mutex);
-                    if (!queues[r].empty()) {
-                        s = queues[r].front();
-                        queues[r].pop_front();
-                    }
-                }
-                if (s) {
-                    s->DecrementUseCount();
-                } else if (done.load()) {
+                std::unique_lock<std::mutex> lock(mutex);
+                if (queue.empty() && done)
                     return;
-                } else {
-                    std::this_thread::yield();
-                }
+                CNplSharedSurface* s = queue.empty() ? nullptr : queue.front();
+                if (s)
+                    queue.pop_front();
+                lock.unlock();
+                s ? s->DecrementUseCount() : std::this_thread::yield();
             }
         });
-    }
     int delivered = 0;
     for (int frame = 0; frame < 3000; ++frame) {
-        if (frame % 10 == 9) {
+        if (frame % 10 == 9)
             pool->Flush(0);
-        }
         NplPixelBufferPtr buffer = Take(*pool);
-        if (!buffer) {
+        if (!buffer)
             continue;
-        }
         ++delivered;
-        CNplSharedSurface* s = buffer->GetIOSurface();
-        for (int r = 0; r < kReceivers; ++r) {
-            s->IncrementUseCount();
+        for (auto& queue : queues) {
+            buffer->GetIOSurface()->IncrementUseCount();
             std::lock_guard<std::mutex> lock(mutex);
-            queues[r].push_back(s);
+            queue.push_back(buffer->GetIOSurface());
         }
     }
     done = true;
-    for (auto& t : receivers) {
+    for (auto& t : receivers)
         t.join();
-    }
     EXPECT_GT(delivered, 0);
     EXPECT_EQ(pool->GetOutstandingBufferCount(), 0u);
-    EXPECT_LE(pool->GetFreeBufferCount(), 30u);
     EXPECT_LE(pool->GetCreatedBufferCount(), 30u);
 }
 

@@ -1,242 +1,139 @@
 #include "platform/CNplThreadCondition.h"
 #include "platform/CNplThreadMutex.h"
+#include "platform/CNplThreadMutexLock.h"
 #include "platform/CNplThreadSafeObject.h"
 #include "platform/NplTime.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
+#include <unistd.h>
 
 namespace {
 
-using namespace std::chrono_literals;
+// True when another thread can take the mutex right now.
+bool FreeForOthers(CNplThreadMutex& mutex)
+{
+    bool taken = false;
+    std::thread([&] {
+        taken = mutex.TryLock();
+        if (taken)
+            mutex.UnLock();
+    }).join();
+    return taken;
+}
 
 int64_t NowMs()
 {
     return NplTime_GetMonotonicNanoseconds() / 1000000;
 }
 
-// True when another thread can take the mutex right now.
-bool FreeForOthers(CNplThreadMutex& mutex)
-{
-    bool taken = false;
-    std::thread other([&] {
-        taken = mutex.TryLock();
-        if (taken)
-            mutex.UnLock();
-    });
-    other.join();
-    return taken;
-}
-
-TEST(CNplThreadMutexTest, PlainAndRecursiveMutexes)
+TEST(CNplThreadMutex, PlainRecursiveAndScopedLocks)
 {
     CNplThreadMutex plain;
     EXPECT_EQ(plain.Lock(), 0);
     EXPECT_FALSE(plain.TryLock());
-    EXPECT_FALSE(FreeForOthers(plain));
     EXPECT_EQ(plain.UnLock(), 0);
-    EXPECT_TRUE(FreeForOthers(plain));
 
     CNplThreadMutex recursive(true);
     EXPECT_EQ(recursive.Lock(), 0);
-    EXPECT_EQ(recursive.Lock(), 0);
     EXPECT_TRUE(recursive.TryLock());
-    EXPECT_EQ(recursive.UnLock(), 0);
     EXPECT_EQ(recursive.UnLock(), 0);
     EXPECT_FALSE(FreeForOthers(recursive));
     EXPECT_EQ(recursive.UnLock(), 0);
     EXPECT_TRUE(FreeForOthers(recursive));
-}
 
-TEST(CNplThreadMutexLockTest, ScopedLockHoldsAtMostOnce)
-{
-    CNplThreadMutex mutex;
     {
-        CNplThreadMutexLock lock(mutex, false);
-        EXPECT_FALSE(lock.IsLocked());
-        EXPECT_TRUE(FreeForOthers(mutex));
+        CNplThreadMutexLock lock(plain, false);
+        EXPECT_TRUE(FreeForOthers(plain));
         lock.Lock();
         lock.Lock(); // held already: not locked a second time (would deadlock)
-        EXPECT_TRUE(lock.IsLocked());
         EXPECT_TRUE(lock.TryLock());
-        EXPECT_FALSE(FreeForOthers(mutex));
+        EXPECT_FALSE(FreeForOthers(plain));
         lock.UnLock();
-        EXPECT_FALSE(lock.IsLocked());
         lock.UnLock(); // not held: nothing happens
-        EXPECT_TRUE(FreeForOthers(mutex));
+        EXPECT_TRUE(FreeForOthers(plain));
         EXPECT_TRUE(lock.TryLock());
     }
-    // The destructor released it.
-    EXPECT_TRUE(FreeForOthers(mutex));
-
-    mutex.Lock();
-    std::thread other([&] {
-        CNplThreadMutexLock lock(mutex, false);
-        EXPECT_FALSE(lock.TryLock());
-        EXPECT_FALSE(lock.IsLocked());
-    });
-    other.join();
-    mutex.UnLock();
+    EXPECT_TRUE(FreeForOthers(plain)); // the destructor released it
 }
 
-TEST(DualMutexLockTest, SameLockTwiceLocksOnce)
+TEST(DualMutexLock, SameLockHeldLockAndContention)
 {
-    CNplThreadMutex mutex;
-    CNplThreadMutexLock first(mutex, false);
-    CNplThreadMutexLock second(mutex, false);
-    DualMutexLock(first, second);
-    EXPECT_TRUE(first.IsLocked());
-    EXPECT_FALSE(second.IsLocked());
-    first.UnLock();
-    EXPECT_TRUE(FreeForOthers(mutex));
-}
-
-TEST(DualMutexLockTest, HeldLockMeansTheOtherIsLocked)
-{
-    // Separate pairs for the two cases: each case alone has one lock order.
-    CNplThreadMutex a, b, c, d;
+    CNplThreadMutex a, b, c;
     {
-        CNplThreadMutexLock first(a, true);
-        CNplThreadMutexLock second(b, false);
+        CNplThreadMutexLock first(a, false), second(a, false);
         DualMutexLock(first, second);
         EXPECT_TRUE(first.IsLocked());
-        EXPECT_TRUE(second.IsLocked());
+        EXPECT_FALSE(second.IsLocked());
     }
-    {
-        CNplThreadMutexLock first(c, false);
-        CNplThreadMutexLock second(d, true);
-        DualMutexLock(first, second);
-        EXPECT_TRUE(first.IsLocked());
-        EXPECT_TRUE(second.IsLocked());
-    }
-    EXPECT_TRUE(FreeForOthers(a));
-    EXPECT_TRUE(FreeForOthers(b));
-    EXPECT_TRUE(FreeForOthers(c));
-    EXPECT_TRUE(FreeForOthers(d));
-}
-
-TEST(DualMutexLockTest, TakesBothOnceTheOtherHolderLetsGo)
-{
-    CNplThreadMutex a, b;
-    std::atomic<bool> holding{false};
-    std::atomic<bool> done{false};
-    std::thread holder([&] {
-        b.Lock();
-        holding = true;
-        std::this_thread::sleep_for(60ms);
-        b.UnLock();
-    });
-    while (!holding)
-        std::this_thread::sleep_for(1ms);
-
-    // Opposite orders from two threads must not deadlock.
-    std::thread reverse([&] {
-        for (int i = 0; i < 5; ++i) {
-            CNplThreadMutexLock first(b, false);
-            CNplThreadMutexLock second(a, false);
-            DualMutexLock(first, second);
-            EXPECT_TRUE(first.IsLocked() && second.IsLocked());
-        }
-    });
-    for (int i = 0; i < 5; ++i) {
-        CNplThreadMutexLock first(a, false);
-        CNplThreadMutexLock second(b, false);
+    for (bool firstHeld : {true, false}) {
+        CNplThreadMutexLock first(b, firstHeld), second(c, !firstHeld);
         DualMutexLock(first, second);
         EXPECT_TRUE(first.IsLocked() && second.IsLocked());
     }
-    done = true;
+    EXPECT_TRUE(FreeForOthers(a) && FreeForOthers(b) && FreeForOthers(c));
+
+    // Opposite orders from two threads, one lock held for a while by a third:
+    // both get their pair, without deadlock.
+    std::atomic<bool> holding{false};
+    std::thread holder([&] {
+        b.Lock();
+        holding = true;
+        usleep(60000);
+        b.UnLock();
+    });
+    while (!holding)
+        usleep(1000);
+    auto takePairs = [](CNplThreadMutex& x, CNplThreadMutex& y) {
+        for (int i = 0; i < 5; ++i) {
+            CNplThreadMutexLock first(x, false), second(y, false);
+            DualMutexLock(first, second);
+            EXPECT_TRUE(first.IsLocked() && second.IsLocked());
+        }
+    };
+    std::thread reverse(takePairs, std::ref(c), std::ref(b));
+    takePairs(b, c);
     reverse.join();
     holder.join();
 }
 
-class Box : public CNplThreadSafeObject {
-public:
-    std::atomic<bool> ready{false};
-};
-
-TEST(CNplThreadSafeObjectTest, ZeroTimeoutReturnsAtOnce)
+TEST(CNplThreadSafeObject, WaitConditionTimeOuts)
 {
-    Box box;
-    box.Lock();
-    const int64_t start = NowMs();
-    EXPECT_FALSE(box.WaitCondition(0));
+    CNplThreadSafeObject object;
+    EXPECT_EQ(object.Lock(), 0);
+    EXPECT_EQ(object.Lock(), 0); // recursive
+    EXPECT_EQ(object.UnLock(), 0);
+    int64_t start = NowMs();
+    EXPECT_FALSE(object.WaitCondition(0));
     EXPECT_LT(NowMs() - start, 2000);
-    box.UnLock();
-}
-
-TEST(CNplThreadSafeObjectTest, PositiveTimeoutExpires)
-{
-    Box box;
-    box.Lock();
-    const int64_t start = NowMs();
-    EXPECT_FALSE(box.WaitCondition(Int64(50)));
+    start = NowMs();
+    EXPECT_FALSE(object.WaitCondition(Int64(50)));
     EXPECT_GE(NowMs() - start, 45);
-    box.UnLock();
+    EXPECT_EQ(object.UnLock(), 0);
 }
 
-TEST(CNplThreadSafeObjectTest, SignalWakesTimedAndUnlimitedWaits)
+TEST(CNplThreadSafeObject, SignalWakesTimedAndUnlimitedWaits)
 {
     for (int64_t timeout : {int64_t(-5), int64_t(10000)}) {
-        Box box;
-        box.Lock();
+        CNplThreadSafeObject object;
+        bool ready = false;
+        object.Lock();
         std::thread signaller([&] {
-            std::this_thread::sleep_for(30ms);
-            box.Lock();
-            box.ready = true;
-            EXPECT_EQ(box.SignalCondition(), 0);
-            box.UnLock();
+            usleep(30000);
+            object.Lock();
+            ready = true;
+            EXPECT_EQ(object.SignalCondition(), 0);
+            object.UnLock();
         });
         bool woken = false;
-        // No predicate inside: the caller loops on its own state.
-        while (!box.ready)
-            woken = box.WaitCondition(timeout);
+        while (!ready) // no predicate inside: the caller loops on its own state
+            woken = object.WaitCondition(timeout);
         EXPECT_TRUE(woken) << timeout;
-        box.UnLock();
+        object.UnLock();
         signaller.join();
     }
-}
-
-TEST(CNplThreadSafeObjectTest, LockIsRecursive)
-{
-    Box box;
-    EXPECT_EQ(box.Lock(), 0);
-    EXPECT_EQ(box.Lock(), 0);
-    EXPECT_EQ(box.UnLock(), 0);
-    // Still held once: a timed wait releases and retakes it.
-    EXPECT_FALSE(box.WaitCondition(Int64(1)));
-    EXPECT_EQ(box.UnLock(), 0);
-}
-
-TEST(CNplThreadConditionTest, BroadcastWakesEveryWaiter)
-{
-    CNplThreadMutex mutex;
-    CNplThreadCondition condition;
-    std::atomic<int> waiting{0};
-    bool go = false;
-    std::atomic<int> woken{0};
-    std::vector<std::thread> waiters;
-    for (int i = 0; i < 3; ++i) {
-        waiters.emplace_back([&] {
-            mutex.Lock();
-            waiting++;
-            while (!go)
-                condition.Wait(mutex, NplTimeout(-1));
-            woken++;
-            mutex.UnLock();
-        });
-    }
-    while (waiting < 3)
-        std::this_thread::sleep_for(1ms);
-    mutex.Lock();
-    go = true;
-    EXPECT_EQ(condition.Broadcast(), 0);
-    mutex.UnLock();
-    for (auto& waiter : waiters)
-        waiter.join();
-    EXPECT_EQ(woken, 3);
 }
 
 } // namespace
