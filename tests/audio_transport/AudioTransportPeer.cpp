@@ -1,70 +1,59 @@
-// The receiving process of the cross-process test: plays the host library's
-// part. Reads messages from standard input and answers on standard output
-// (see PeerMessages.h).
+// The receiving process of the cross-process test, playing the host
+// library's part. Commands on standard input, one a line: "P <pool record>",
+// "B <buffer record>" (records as base64 of their serialised a{sv} bytes, the
+// way D-Bus carries them), "T" (take every queued buffer, report it, drop
+// it), "E" (drop the pool and exit). Answers on standard output: "O" or "F"
+// (pool opened or refused), "X offset" (buffer refused), "V offset length
+// sha1 rate channels bits writable" (a buffer read), "R offset" (its return
+// block ran, standing in for the empty D-Bus reply), "D" (done).
 #include <cstdio>
 #include <memory>
-#include <string>
 
 #include "audio_transport/NVKXPCAudioBuffer.h"
 #include "audio_transport/NVKXPCAudioBufferPool.h"
-#include "tests/audio_transport/PeerMessages.h"
 
 int main()
 {
-    const int in = 0;
-    const int out = 1;
+    setvbuf(stdout, nullptr, _IOLBF, 0);
     std::shared_ptr<NVKXPCAudioBufferPool> pool;
-
-    peer::Kind kind;
-    std::string payload;
-    while (peer::Receive(in, &kind, &payload)) {
-        switch (kind) {
-        case peer::kPoolRecord: {
-            GVariant* record = peer::RecordFromBytes(payload);
-            pool = NVKXPCAudioBufferPool::initWithRecord(record);
-            g_variant_unref(record);
-            peer::Send(out, pool ? peer::kPoolOpened : peer::kPoolRefused, nullptr, 0);
-            break;
+    static char line[1 << 16];
+    while (fgets(line, sizeof line, stdin)) {
+        GVariant* record = nullptr;
+        if (line[0] == 'P' || line[0] == 'B') {
+            gsize size = 0;
+            guchar* bytes = g_base64_decode(line + 2, &size);
+            record = g_variant_ref_sink(
+                g_variant_new_from_data(G_VARIANT_TYPE_VARDICT, bytes, size, FALSE, g_free, bytes));
         }
-        case peer::kBufferRecord: {
-            GVariant* record = peer::RecordFromBytes(payload);
+        if (line[0] == 'P') {
+            pool = NVKXPCAudioBufferPool::initWithRecord(record);
+            printf(pool ? "O\n" : "F\n");
+        } else if (line[0] == 'B') {
             std::shared_ptr<NVKXPCAudioBuffer> buffer = NVKXPCAudioBuffer::initWithRecord(record);
-            g_variant_unref(record);
             if (!pool || !buffer)
                 return 3;
-            const uint64_t offset = buffer->offset();
-            // The return block stands in for the empty D-Bus reply.
-            bool adopted = pool->receivedBuffer(buffer, [out, offset] {
-                peer::Send(out, peer::kReturned, &offset, sizeof offset);
-            });
-            if (!adopted)
-                peer::Send(out, peer::kAdoptRefused, &offset, sizeof offset);
-            break;
-        }
-        case peer::kTakeAll: {
-            if (!pool)
-                return 3;
+            const unsigned long long offset = buffer->offset();
+            if (!pool->receivedBuffer(buffer, [offset] { printf("R %llu\n", offset); }))
+                printf("X %llu\n", offset);
+        } else if (line[0] == 'T' && pool) {
+            // Dropping the last reference at the end of each pass runs the return block.
             while (std::shared_ptr<NVKXPCAudioBuffer> buffer = pool->bufferFromPool()) {
-                peer::Seen seen{};
-                seen.offset = buffer->offset();
-                seen.length = buffer->length();
-                seen.hash = peer::Fnv1a(buffer->bytes(), buffer->length());
-                seen.sampleRate = buffer->sampleRate();
-                seen.channelCount = buffer->channelCount();
-                seen.bitsPerSample = buffer->bitsPerSample();
-                seen.writable = buffer->mutableBytes() != nullptr;
-                peer::Send(out, peer::kSeen, &seen, sizeof seen);
-                // Dropping the last reference here runs the return block.
+                gchar* sum = g_compute_checksum_for_data(G_CHECKSUM_SHA1, static_cast<const guchar*>(buffer->bytes()), buffer->length());
+                printf("V %llu %llu %s %lld %lld %lld %d\n", (unsigned long long)buffer->offset(),
+                       (unsigned long long)buffer->length(), sum, (long long)buffer->sampleRate(),
+                       (long long)buffer->channelCount(), (long long)buffer->bitsPerSample(),
+                       buffer->mutableBytes() != nullptr);
+                g_free(sum);
             }
-            break;
-        }
-        case peer::kEnd:
+        } else if (line[0] == 'E') {
             pool.reset();
-            peer::Send(out, peer::kDone, nullptr, 0);
+            printf("D\n");
             return 0;
-        default:
+        } else {
             return 4;
         }
+        if (record)
+            g_variant_unref(record);
     }
     return 5;
 }
