@@ -187,135 +187,7 @@ void FakeEnginePort::Install()
     SetEnginePort(this);
 }
 
-// ---- behaviour -----------------------------------------------------------------------
-
-void FakeEnginePort::SetFailInitialize(bool fail)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bFailInitialize = fail;
-}
-
-void FakeEnginePort::SetInitializeOncePerProcess(bool once)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bOncePerProcess = once;
-}
-
-void FakeEnginePort::SetAcceptCreateBrowser(bool accept)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bAcceptCreate = accept;
-}
-
-void FakeEnginePort::SetReportCreation(bool report)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bReportCreation = report;
-}
-
-void FakeEnginePort::SetReportClose(bool report)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bReportClose = report;
-}
-
-void FakeEnginePort::SetAnswerProcessMessages(bool answer)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bAnswerMessages = answer;
-}
-
-void FakeEnginePort::SetScriptHandler(std::function<void(int, const std::string&)> handler)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_ScriptHandler = std::move(handler);
-}
-
 // ---- observations -------------------------------------------------------------------
-
-bool FakeEnginePort::IsInitialized()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_bInitialized;
-}
-
-int FakeEnginePort::InitializeCalls()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_nInitializeCalls;
-}
-
-int FakeEnginePort::ShutdownCalls()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_nShutdownCalls;
-}
-
-int FakeEnginePort::PumpPasses()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_nPumpPasses;
-}
-
-int FakeEnginePort::CreateBrowserCalls()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_nCreateCalls;
-}
-
-bool FakeEnginePort::PumpedOffThread()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_bPumpedOffThread;
-}
-
-EngineSettings FakeEnginePort::LastSettings()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_Settings;
-}
-
-EngineApp* FakeEnginePort::App()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_pApp;
-}
-
-EngineClient* FakeEnginePort::Client()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_pClient;
-}
-
-EngineCommandLine FakeEnginePort::ServiceCommandLine()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_ServiceCommandLine;
-}
-
-EngineCommandLine FakeEnginePort::ChildCommandLine()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_ChildCommandLine;
-}
-
-EngineBrowserSettings FakeEnginePort::LastBrowserSettings()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_LastBrowserSettings;
-}
-
-EngineWindowInfo FakeEnginePort::LastWindowInfo()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_LastWindowInfo;
-}
-
-std::string FakeEnginePort::LastCreateUrl()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    return m_strLastCreateUrl;
-}
 
 std::vector<int> FakeEnginePort::OpenBrowserIds()
 {
@@ -336,26 +208,6 @@ std::vector<FakeHostCall> FakeEnginePort::HostCalls(int browserId)
         if (call.browserId == browserId)
             calls.push_back(call);
     return calls;
-}
-
-void FakeEnginePort::ClearHostCalls()
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_HostCalls.clear();
-}
-
-std::vector<EngineProcessMessageRef> FakeEnginePort::SentProcessMessages(int browserId)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    auto it = m_SentMessages.find(browserId);
-    return it == m_SentMessages.end() ? std::vector<EngineProcessMessageRef>() : it->second;
-}
-
-EngineRect FakeEnginePort::LastViewRect(int browserId)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    auto it = m_ViewRects.find(browserId);
-    return it == m_ViewRects.end() ? EngineRect() : it->second;
 }
 
 bool FakeEnginePort::WaitForPumpPasses(int passes, int timeoutMs)
@@ -382,19 +234,6 @@ EngineBrowserRef FakeEnginePort::Browser(int browserId)
     return BrowserLocked(browserId);
 }
 
-void FakeEnginePort::SetUrl(int browserId, const std::string& url)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_Urls[browserId] = url;
-}
-
-std::string FakeEnginePort::Url(int browserId)
-{
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    auto it = m_Urls.find(browserId);
-    return it == m_Urls.end() ? std::string() : it->second;
-}
-
 void FakeEnginePort::Post(std::function<void()> task)
 {
     std::lock_guard<std::mutex> guard(m_Mutex);
@@ -409,94 +248,97 @@ void FakeEnginePort::EmitPaint(int browserId, int width, int height, uint8_t fil
     EmitPaintBuffer(browserId, image.data(), width, height);
 }
 
+template <typename Fn>
+auto FakeEnginePort::WithClient(int browserId, Fn fn)
+{
+    EngineClient* client = Get(m_pClient);
+    EngineBrowserRef browser = Browser(browserId);
+    return client ? fn(*client, browser) : decltype(fn(*client, browser))();
+}
+
 void FakeEnginePort::EmitPaintBuffer(int browserId, const void* buffer, int width, int height)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (client && client->GetRenderHandler())
-        client->GetRenderHandler()->OnPaint(browser, buffer, width, height);
+    WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        if (c.GetRenderHandler())
+            c.GetRenderHandler()->OnPaint(b, buffer, width, height);
+    });
 }
 
 void FakeEnginePort::EmitCursorChange(int browserId, EngineCursorType type)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (client && client->GetRenderHandler())
-        client->GetRenderHandler()->OnCursorChange(browser, type);
+    WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        if (c.GetRenderHandler())
+            c.GetRenderHandler()->OnCursorChange(b, type);
+    });
 }
 
 void FakeEnginePort::EmitAudioStarted(int browserId, int streamId, int sampleRate, int channels, int bitsPerSample,
                                       int64_t bufferDuration)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (client && client->GetAudioHandler())
-        client->GetAudioHandler()->OnAudioStreamStarted(browser, streamId, sampleRate, channels, bitsPerSample,
-                                                        bufferDuration);
+    WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        if (c.GetAudioHandler())
+            c.GetAudioHandler()->OnAudioStreamStarted(b, streamId, sampleRate, channels, bitsPerSample, bufferDuration);
+    });
 }
 
 void FakeEnginePort::EmitAudioPacket(int browserId, int streamId, const void* data, int length)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (client && client->GetAudioHandler())
-        client->GetAudioHandler()->OnAudioStreamPacket(browser, streamId, data, length);
+    WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        if (c.GetAudioHandler())
+            c.GetAudioHandler()->OnAudioStreamPacket(b, streamId, data, length);
+    });
 }
 
 void FakeEnginePort::EmitAudioStopped(int browserId, int streamId)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (client && client->GetAudioHandler())
-        client->GetAudioHandler()->OnAudioSteamStopped(browser, streamId);
+    WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        if (c.GetAudioHandler())
+            c.GetAudioHandler()->OnAudioSteamStopped(b, streamId);
+    });
 }
 
 void FakeEnginePort::EmitLoadStart(int browserId)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (client && client->GetLoadHandler())
-        client->GetLoadHandler()->OnLoadStart(browser, browser->GetMainFrame());
+    WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        if (c.GetLoadHandler())
+            c.GetLoadHandler()->OnLoadStart(b, b->GetMainFrame());
+    });
 }
 
 void FakeEnginePort::EmitLoadEnd(int browserId, int httpStatusCode)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (client && client->GetLoadHandler())
-        client->GetLoadHandler()->OnLoadEnd(browser, browser->GetMainFrame(), httpStatusCode);
+    WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        if (c.GetLoadHandler())
+            c.GetLoadHandler()->OnLoadEnd(b, b->GetMainFrame(), httpStatusCode);
+    });
 }
 
 bool FakeEnginePort::EmitPopup(int browserId, const std::string& targetUrl)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (!client || !client->GetLifeSpanHandler())
-        return false;
-    return client->GetLifeSpanHandler()->OnBeforePopup(browser, targetUrl);
+    return WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        return c.GetLifeSpanHandler() && c.GetLifeSpanHandler()->OnBeforePopup(b, targetUrl);
+    });
 }
 
 bool FakeEnginePort::EmitJSDialog(int browserId, EngineJSDialogType type, const std::string& message,
                                   bool& suppress)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    if (!client || !client->GetJSDialogHandler())
-        return false;
-    return client->GetJSDialogHandler()->OnJSDialog(browser, Url(browserId), type, message, std::string(),
-                                                    suppress);
+    const std::string url = Url(browserId);
+    return WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+        return c.GetJSDialogHandler() &&
+               c.GetJSDialogHandler()->OnJSDialog(b, url, type, message, std::string(), suppress);
+    });
 }
 
 bool FakeEnginePort::DeliverProcessMessage(int browserId, const EngineProcessMessageRef& message)
 {
-    EngineClient* client = Client();
-    EngineBrowserRef browser = Browser(browserId);
-    return client && client->OnProcessMessageReceived(browser, message);
+    return WithClient(browserId,
+                      [&](EngineClient& c, EngineBrowserRef b) { return c.OnProcessMessageReceived(b, message); });
 }
 
 void FakeEnginePort::EmitClose(int browserId)
 {
-    EngineClient* client = Client();
+    EngineClient* client = Get(m_pClient);
     EngineBrowserRef browser;
     {
         std::lock_guard<std::mutex> guard(m_Mutex);
@@ -527,13 +369,11 @@ void FakeEnginePort::OnHostResized(int browserId)
 {
     std::lock_guard<std::mutex> guard(m_Mutex);
     m_Tasks.push_back([this, browserId] {
-        EngineClient* client = Client();
-        EngineBrowserRef browser = Browser(browserId);
-        EngineRect rect;
-        if (client && client->GetRenderHandler() && client->GetRenderHandler()->GetViewRect(browser, rect)) {
-            std::lock_guard<std::mutex> inner(m_Mutex);
-            m_ViewRects[browserId] = rect;
-        }
+        WithClient(browserId, [&](EngineClient& c, EngineBrowserRef b) {
+            EngineRect rect;
+            if (c.GetRenderHandler() && c.GetRenderHandler()->GetViewRect(b, rect))
+                Locked([&] { m_ViewRects[browserId] = rect; });
+        });
     });
 }
 
@@ -555,7 +395,7 @@ void FakeEnginePort::OnSendToRenderProcess(int browserId, const EngineProcessMes
     // The web process receives the message on a later pass.
     LinkRef link = m_Link;
     m_Tasks.push_back([this, browserId, message, link] {
-        EngineApp* app = App();
+        EngineApp* app = Get(m_pApp);
         EngineRenderProcessHandler* handler = app ? app->GetRenderProcessHandler() : nullptr;
         if (handler)
             handler->OnProcessMessageReceived(std::make_shared<FakeRenderSideBrowser>(browserId, link), message);
@@ -575,7 +415,7 @@ bool FakeEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
     {
         std::lock_guard<std::mutex> guard(m_Mutex);
         ++m_nInitializeCalls;
-        if (m_bFailInitialize || m_bInitialized || (m_bOncePerProcess && m_nInitializeCalls > 1))
+        if (m_bFailInitialize || m_bInitialized)
             return false;
         m_Settings = settings;
         m_pApp = app;

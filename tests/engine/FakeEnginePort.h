@@ -73,50 +73,48 @@ public:
     void Install();
 
     // ---- behaviour -------------------------------------------------------------
-    void SetFailInitialize(bool fail);
-    // Like the real engine: a second Initialize (also after Shutdown) fails.
-    void SetInitializeOncePerProcess(bool once);
+    void SetFailInitialize(bool fail) { Set(m_bFailInitialize, fail); }
     // false: CreateBrowser returns false.
-    void SetAcceptCreateBrowser(bool accept);
+    void SetAcceptCreateBrowser(bool accept) { Set(m_bAcceptCreate, accept); }
     // false: OnAfterCreated is never reported.
-    void SetReportCreation(bool report);
+    void SetReportCreation(bool report) { Set(m_bReportCreation, report); }
     // false: OnBeforeClose is never reported for a close request.
-    void SetReportClose(bool report);
+    void SetReportClose(bool report) { Set(m_bReportClose, report); }
     // false: process messages from the service are only recorded.
-    void SetAnswerProcessMessages(bool answer);
+    void SetAnswerProcessMessages(bool answer) { Set(m_bAnswerMessages, answer); }
     // Called on the pump thread for every script run in a main frame
     // (browser ID, code), e.g. to change the URL as a page would.
-    void SetScriptHandler(std::function<void(int, const std::string&)> handler);
+    void SetScriptHandler(std::function<void(int, const std::string&)> handler) { Set(m_ScriptHandler, handler); }
 
     // ---- observations ----------------------------------------------------------
-    bool IsInitialized();
-    int InitializeCalls();
-    int ShutdownCalls();
-    int PumpPasses();
-    int CreateBrowserCalls();
+    int InitializeCalls() { return Get(m_nInitializeCalls); }
+    int ShutdownCalls() { return Get(m_nShutdownCalls); }
+    int PumpPasses() { return Get(m_nPumpPasses); }
+    int CreateBrowserCalls() { return Get(m_nCreateCalls); }
     // True when a pass ran on another thread than the one that initialised.
-    bool PumpedOffThread();
-    EngineSettings LastSettings();
-    EngineApp* App();
-    EngineClient* Client();
+    bool PumpedOffThread() { return Get(m_bPumpedOffThread); }
+    EngineSettings LastSettings() { return Get(m_Settings); }
     // Command lines as the application object left them: the service's
     // (after OnBeforeCommandLineProcessing) and a web process's (after
     // OnBeforeChildProcessLaunch).
-    EngineCommandLine ServiceCommandLine();
-    EngineCommandLine ChildCommandLine();
-    EngineBrowserSettings LastBrowserSettings();
-    EngineWindowInfo LastWindowInfo();
-    std::string LastCreateUrl();
+    EngineCommandLine ServiceCommandLine() { return Get(m_ServiceCommandLine); }
+    EngineCommandLine ChildCommandLine() { return Get(m_ChildCommandLine); }
+    EngineBrowserSettings LastBrowserSettings() { return Get(m_LastBrowserSettings); }
+    EngineWindowInfo LastWindowInfo() { return Get(m_LastWindowInfo); }
+    std::string LastCreateUrl() { return Get(m_strLastCreateUrl); }
     // Browsers created and not yet closed, in creation order.
     std::vector<int> OpenBrowserIds();
     // Recorded calls of one browser, or of all browsers with -1.
     std::vector<FakeHostCall> HostCalls(int browserId = -1);
-    void ClearHostCalls();
+    void ClearHostCalls() { Set(m_HostCalls, {}); }
     // Messages the service sent to a browser's web process.
-    std::vector<EngineProcessMessageRef> SentProcessMessages(int browserId);
+    std::vector<EngineProcessMessageRef> SentProcessMessages(int browserId) 
+    {
+        return Locked([&] { return m_SentMessages[browserId]; });
+    }
     // The view size the client reported through GetViewRect on the last
     // resize notice (0 x 0 before any).
-    EngineRect LastViewRect(int browserId);
+    EngineRect LastViewRect(int browserId) { return Locked([&] { return m_ViewRects[browserId]; }); }
     // Waits (up to timeoutMs) until at least `passes` more pump passes ran.
     bool WaitForPumpPasses(int passes, int timeoutMs);
 
@@ -124,8 +122,8 @@ public:
     // The browser with this ID; for an unknown ID a browser object with that
     // ID that the fake does not know (for "unknown browser" cases).
     EngineBrowserRef Browser(int browserId);
-    void SetUrl(int browserId, const std::string& url);
-    std::string Url(int browserId);
+    void SetUrl(int browserId, const std::string& url) { Locked([&] { m_Urls[browserId] = url; }); }
+    std::string Url(int browserId) { return Locked([&] { return m_Urls[browserId]; }); }
     // Runs the task on the next pump pass.
     void Post(std::function<void()> task);
     // OnPaint with a width x height BGRA image filled with `fill`.
@@ -168,7 +166,26 @@ public:
     void OnSendFromRenderProcess(int browserId, const EngineProcessMessageRef& message);
 
 private:
+    template <typename Fn>
+    auto Locked(Fn fn) -> decltype(fn())
+    {
+        std::lock_guard<std::mutex> guard(m_Mutex);
+        return fn();
+    }
+    template <typename T>
+    T Get(const T& field)
+    {
+        return Locked([&] { return field; });
+    }
+    template <typename T>
+    void Set(T& field, const T& value)
+    {
+        Locked([&] { field = value; });
+    }
     EngineBrowserRef BrowserLocked(int browserId);
+    // Runs fn(client, browser) when a client is there, without the lock.
+    template <typename Fn>
+    auto WithClient(int browserId, Fn fn);
 
     std::shared_ptr<Link> m_Link;
     // Guards everything below. Never held while the client is called.
@@ -176,7 +193,6 @@ private:
     std::condition_variable m_PumpCondition;
     bool m_bInstalled = false;
     bool m_bFailInitialize = false;
-    bool m_bOncePerProcess = false;
     bool m_bAcceptCreate = true;
     bool m_bReportCreation = true;
     bool m_bReportClose = true;
