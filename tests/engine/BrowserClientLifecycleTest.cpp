@@ -15,7 +15,8 @@ using Clock = std::chrono::steady_clock;
 EngineProcessMessageRef Message(const char* name, int value)
 {
     auto message = EngineProcessMessage::Create(name);
-    message->GetArgumentList().assign(1, value);
+    message->GetArgumentList().resize(1);
+    message->GetArgumentList()[0] = value;
     return message;
 }
 
