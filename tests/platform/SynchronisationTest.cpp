@@ -61,7 +61,9 @@ TEST(CNplThreadMutex, PlainRecursiveAndScopedLocks)
 
 TEST(DualMutexLock, SameLockHeldLockAndContention)
 {
-    CNplThreadMutex a, b, c;
+    // Each case has mutexes of its own, so that no two cases lock a pair in
+    // opposite orders.
+    CNplThreadMutex a, b, c, d, e, f, g;
     {
         CNplThreadMutexLock first(a, false), second(a, false);
         DualMutexLock(first, second);
@@ -69,20 +71,20 @@ TEST(DualMutexLock, SameLockHeldLockAndContention)
         EXPECT_FALSE(second.IsLocked());
     }
     for (bool firstHeld : {true, false}) {
-        CNplThreadMutexLock first(b, firstHeld), second(c, !firstHeld);
+        CNplThreadMutexLock first(firstHeld ? b : d, firstHeld), second(firstHeld ? c : e, !firstHeld);
         DualMutexLock(first, second);
         EXPECT_TRUE(first.IsLocked() && second.IsLocked());
     }
-    EXPECT_TRUE(FreeForOthers(a) && FreeForOthers(b) && FreeForOthers(c));
+    EXPECT_TRUE(FreeForOthers(a) && FreeForOthers(b) && FreeForOthers(c) && FreeForOthers(d) && FreeForOthers(e));
 
     // Opposite orders from two threads, one lock held for a while by a third:
     // both get their pair, without deadlock.
     std::atomic<bool> holding{false};
     std::thread holder([&] {
-        b.Lock();
+        g.Lock();
         holding = true;
         usleep(60000);
-        b.UnLock();
+        g.UnLock();
     });
     while (!holding)
         usleep(1000);
@@ -93,8 +95,8 @@ TEST(DualMutexLock, SameLockHeldLockAndContention)
             EXPECT_TRUE(first.IsLocked() && second.IsLocked());
         }
     };
-    std::thread reverse(takePairs, std::ref(c), std::ref(b));
-    takePairs(b, c);
+    std::thread reverse(takePairs, std::ref(g), std::ref(f));
+    takePairs(f, g);
     reverse.join();
     holder.join();
 }
