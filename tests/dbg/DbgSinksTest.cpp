@@ -210,11 +210,11 @@ TEST_F(DbgSinksTest, ConcurrentLinesStayWholeInEverySink)
         thread.join();
     const auto lines = Lines();
     EXPECT_EQ(lines.size(), size_t(kThreads * kLines));
-    for (const auto& line : lines)
-        EXPECT_TRUE(Matches(line.text, "( [0-9]\\.[ 0-9]{3}\\.[ 0-9]{3} )?[ 0-9]{4,}[0-9] many inf "
+    for (const auto& line : lines) // deltas of concurrent lines may be negative
+        EXPECT_TRUE(Matches(line.text, "( [0-9]\\.[- 0-9]{3}\\.[- 0-9]{3} )?[ 0-9]{4,}[0-9] many inf "
                                        "Worker::Run\\(\\): thread [0-9] line [0-9]+\n"))
             << line.text;
-    EXPECT_NE(Receive(MSG_DONTWAIT), "<none>"); // loopback UDP may drop under load, but not everything
+    EXPECT_NE(Receive(), "<none>"); // loopback UDP may drop under load, but not everything
     std::istringstream file(ReadFile(m_home + "/.local/state/norvik.log"));
     int fileLines = 0;
     for (std::string line; std::getline(file, line);)
