@@ -11,7 +11,9 @@
 // at the start and the end of a measuring window after a warm-up; frames
 // are those that reached the host or the sink in that window.
 //
-//   bench_frames_end_to_end [--warmup=S] [--seconds=S]
+//   bench_frames_end_to_end [--warmup=S] [--seconds=S] [--transparent-reference]
+// --transparent-reference runs wpevideosrc with draw-background=false, the
+// way an overlay page is rendered (transparent where the page draws nothing).
 // Google Benchmark options (from scripts/bench) are ignored.
 #include "streamloft/OverlayClient.h"
 
@@ -48,17 +50,26 @@ constexpr int kFps = 30;
 struct Window {
     double warmupSeconds = 4;
     double seconds = 10;
+    // The reference renders without its default white background, as an
+    // overlay is rendered.
+    bool transparentReference = false;
 };
 
-// CPU seconds (user + system, including reaped children) of the process
-// `root` and all its descendants.
-double TreeCpuSeconds(pid_t root)
+// CPU ticks (user + system, including reaped children) of the process
+// `root` and all its descendants, by process id, with each process's name.
+struct ProcessTicks {
+    std::string name;
+    unsigned long long ticks = 0;
+};
+using TreeTicks = std::map<pid_t, ProcessTicks>;
+
+TreeTicks ReadTreeTicks(pid_t root)
 {
     std::map<pid_t, pid_t> parents;
-    std::map<pid_t, unsigned long long> ticks;
+    TreeTicks all;
     DIR* proc = opendir("/proc");
     if (!proc)
-        return 0;
+        return {};
     while (dirent* entry = readdir(proc)) {
         const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
         if (pid <= 0)
@@ -66,8 +77,9 @@ double TreeCpuSeconds(pid_t root)
         std::ifstream in("/proc/" + std::string(entry->d_name) + "/stat");
         std::string text;
         std::getline(in, text);
+        const size_t open = text.find('(');
         const size_t close = text.rfind(')');
-        if (close == std::string::npos)
+        if (open == std::string::npos || close == std::string::npos || close < open)
             continue;
         std::istringstream fields(text.substr(close + 2));
         std::string state;
@@ -79,14 +91,15 @@ double TreeCpuSeconds(pid_t root)
             fields >> skip; // pgrp ... cmajflt
         fields >> utime >> stime >> cutime >> cstime;
         parents[pid] = static_cast<pid_t>(ppid);
-        ticks[pid] = utime + stime + static_cast<unsigned long long>(cutime + cstime);
+        all[pid] = {text.substr(open + 1, close - open - 1),
+                    utime + stime + static_cast<unsigned long long>(cutime + cstime)};
     }
     closedir(proc);
-    unsigned long long total = 0;
-    for (const auto& [pid, t] : ticks) {
+    TreeTicks tree;
+    for (const auto& [pid, t] : all) {
         for (pid_t p = pid; p > 0;) {
             if (p == root) {
-                total += t;
+                tree[pid] = t;
                 break;
             }
             auto it = parents.find(p);
@@ -95,7 +108,29 @@ double TreeCpuSeconds(pid_t root)
             p = it->second;
         }
     }
-    return static_cast<double>(total) / static_cast<double>(sysconf(_SC_CLK_TCK));
+    return tree;
+}
+
+double TicksToSeconds(unsigned long long ticks)
+{
+    return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+// CPU seconds spent between two readings, in total and by process name.
+// Processes that ended in between count through their parent's reaped
+// children time.
+double CpuBetween(const TreeTicks& before, const TreeTicks& after, std::map<std::string, double>* byName)
+{
+    unsigned long long total = 0;
+    for (const auto& [pid, t] : after) {
+        auto it = before.find(pid);
+        const unsigned long long start = it != before.end() && it->second.name == t.name ? it->second.ticks : 0;
+        const unsigned long long spent = t.ticks >= start ? t.ticks - start : 0;
+        total += spent;
+        if (byName)
+            (*byName)[t.name] += TicksToSeconds(spent);
+    }
+    return TicksToSeconds(total);
 }
 
 struct Result {
@@ -107,16 +142,24 @@ struct Result {
 
 // Measures in the calling process while `frames` counts; root is the run's
 // top process.
-Result Measure(pid_t root, const std::atomic<uint64_t>& frames, const Window& window)
+Result Measure(const char* run, pid_t root, const std::atomic<uint64_t>& frames, const Window& window)
 {
     std::this_thread::sleep_for(std::chrono::duration<double>(window.warmupSeconds));
     Result r;
     const auto start = std::chrono::steady_clock::now();
-    const double cpu0 = TreeCpuSeconds(root);
+    const TreeTicks cpu0 = ReadTreeTicks(root);
     const uint64_t frames0 = frames.load();
     std::this_thread::sleep_for(std::chrono::duration<double>(window.seconds));
     r.frames = frames.load() - frames0;
-    r.cpuSeconds = TreeCpuSeconds(root) - cpu0;
+    std::map<std::string, double> byName;
+    r.cpuSeconds = CpuBetween(cpu0, ReadTreeTicks(root), &byName);
+    // The split by process goes to the error stream of the measuring child.
+    std::fprintf(stderr, "frames e2e: %s, CPU by process:\n", run);
+    for (const auto& [name, seconds] : byName) {
+        if (seconds > 0)
+            std::fprintf(stderr, "frames e2e:   %-20s %6.2f s CPU, %6.2f ms per frame\n", name.c_str(), seconds,
+                         r.frames ? 1000.0 * seconds / static_cast<double>(r.frames) : 0.0);
+    }
     r.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
     r.ok = r.frames > 0;
     return r;
@@ -157,7 +200,7 @@ int RunServiceHost(pid_t root, const std::string& socket, const std::string& url
         std::fprintf(stderr, "frames e2e: open failed: %s\n", error.c_str());
         return 1;
     }
-    const Result r = Measure(root, host.frames, window);
+    const Result r = Measure("service + host library", root, host.frames, window);
     std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds,
                 r.wallSeconds);
     std::fflush(stdout);
@@ -172,7 +215,9 @@ void OnHandoff(GstElement*, GstBuffer*, GstPad*, gpointer counter)
 int RunWpeVideoSrc(pid_t root, const std::string& url, const Window& window)
 {
     gst_init(nullptr, nullptr);
-    const std::string description = "wpevideosrc location=\"" + url + "\" ! video/x-raw,width=" +
+    const std::string description = "wpevideosrc location=\"" + url + "\"" +
+                                    (window.transparentReference ? " draw-background=false" : "") +
+                                    " ! video/x-raw,width=" +
                                     std::to_string(kWidth) + ",height=" + std::to_string(kHeight) +
                                     ",framerate=" + std::to_string(kFps) +
                                     "/1 ! fakesink name=sink sync=true signal-handoffs=true";
@@ -190,7 +235,7 @@ int RunWpeVideoSrc(pid_t root, const std::string& url, const Window& window)
         std::fprintf(stderr, "frames e2e: wpevideosrc pipeline does not play\n");
         return 1;
     }
-    const Result r = Measure(root, frames, window);
+    const Result r = Measure("wpevideosrc ! fakesink", root, frames, window);
     std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds,
                 r.wallSeconds);
     std::fflush(stdout);
@@ -287,8 +332,10 @@ int main(int argc, char** argv)
             window.warmupSeconds = std::atof(arg.c_str() + 9);
         else if (arg.rfind("--seconds=", 0) == 0)
             window.seconds = std::atof(arg.c_str() + 10);
+        else if (arg == "--transparent-reference")
+            window.transparentReference = true;
         else if (arg.rfind("--benchmark", 0) != 0) {
-            std::fprintf(stderr, "usage: %s [--warmup=S] [--seconds=S]\n", argv[0]);
+            std::fprintf(stderr, "usage: %s [--warmup=S] [--seconds=S] [--transparent-reference]\n", argv[0]);
             return 2;
         }
     }
@@ -326,7 +373,7 @@ int main(int argc, char** argv)
         return 1;
     }
     Print("service + host library", ours);
-    Print("wpevideosrc ! fakesink", reference);
+    Print(window.transparentReference ? "wpevideosrc (transparent) ! fakesink" : "wpevideosrc ! fakesink", reference);
     const double ratio = (ours.cpuSeconds / static_cast<double>(ours.frames)) /
                          (reference.cpuSeconds / static_cast<double>(reference.frames));
     std::printf("frames e2e: CPU per delivered frame, service / wpevideosrc: %.2f\n", ratio);

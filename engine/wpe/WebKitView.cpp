@@ -18,6 +18,17 @@
 
 namespace SLF_ChromiumEmbeddedFramework {
 
+struct WebKitView::HeldBuffer {
+    // Notified when the buffer's resource is destroyed (its web process
+    // ended); set up once the buffer is held.
+    struct wl_listener destroyListener;
+    WebKitView* view;
+    struct wpe_fdo_shm_exported_buffer* exported;
+    struct wl_shm_buffer* shm;
+    int width;
+    int height;
+};
+
 namespace {
 
 constexpr int kDefaultWidth = 800;
@@ -62,7 +73,13 @@ WebKitView::WebKitView(WebKitEnginePort& port, int id, EngineClient* client, con
     m_nFramePeriod = G_USEC_PER_SEC / rate;
 }
 
-WebKitView::~WebKitView() = default;
+WebKitView::~WebKitView()
+{
+    // A buffer still held (the view never closed) leaves its resource's
+    // listeners; it cannot be given back without the backend.
+    if (m_pHeldBuffer)
+        wl_list_remove(&m_pHeldBuffer->destroyListener.link);
+}
 
 template <typename Fn>
 void WebKitView::OnPump(Fn fn)
@@ -207,6 +224,8 @@ void WebKitView::Close(bool notify)
         g_source_unref(m_pFrameTimer);
         m_pFrameTimer = nullptr;
     }
+    // Given back while the backend exists: it goes with the view.
+    ReleaseHeldBuffer();
     if (m_pView) {
         WebKitWebView* view = m_pView;
         m_pView = nullptr;
@@ -332,7 +351,7 @@ void WebKitView::WasHidden(bool hidden)
 void WebKitView::Invalidate()
 {
     OnPump([this]() {
-        if (!m_LastImage.empty())
+        if (!DeliverHeldBuffer() && !m_LastImage.empty())
             DeliverPaint(m_LastImage.data(), m_nLastWidth, m_nLastHeight);
     });
 }
@@ -514,44 +533,103 @@ void WebKitView::ExportShmBufferThunk(void* data, struct wpe_fdo_shm_exported_bu
 void WebKitView::OnExportedBuffer(struct wpe_fdo_shm_exported_buffer* buffer)
 {
     bool copied = false;
+    bool held = false;
     struct wl_shm_buffer* shm = wpe_fdo_shm_exported_buffer_get_shm_buffer(buffer);
+    struct wl_resource* resource = wpe_fdo_shm_exported_buffer_get_resource(buffer);
     if (!m_bClosed && shm) {
-        wl_shm_buffer_begin_access(shm);
         const uint32_t format = wl_shm_buffer_get_format(shm);
         const int width = wl_shm_buffer_get_width(shm);
         const int height = wl_shm_buffer_get_height(shm);
         const int stride = wl_shm_buffer_get_stride(shm);
-        const auto* source = static_cast<const uint8_t*>(wl_shm_buffer_get_data(shm));
         const bool opaque = format == WL_SHM_FORMAT_XRGB8888;
-        if ((format == WL_SHM_FORMAT_ARGB8888 || opaque) && source && width > 0 && height > 0 &&
+        const size_t row = static_cast<size_t>(width) * 4;
+        if ((format == WL_SHM_FORMAT_ARGB8888 || opaque) && width > 0 && height > 0 &&
             stride >= width * 4) {
-            const size_t row = static_cast<size_t>(width) * 4;
-            m_LastImage.resize(row * static_cast<size_t>(height));
-            if (static_cast<size_t>(stride) == row) {
-                std::memcpy(m_LastImage.data(), source, m_LastImage.size());
+            if (!opaque && static_cast<size_t>(stride) == row && resource && m_pExportable) {
+                // Already a tightly packed BGRA image: delivered straight
+                // from the buffer, which stays with us as the last image
+                // until the next one arrives (the web process renders into
+                // another buffer meanwhile).
+                ReleaseHeldBuffer();
+                m_LastImage.clear();
+                m_LastImage.shrink_to_fit();
+                m_pHeldBuffer.reset(new HeldBuffer{{}, this, buffer, shm, width, height});
+                m_pHeldBuffer->destroyListener.notify = HeldBufferDestroyed;
+                wl_resource_add_destroy_listener(resource, &m_pHeldBuffer->destroyListener);
+                held = true;
             } else {
-                for (int y = 0; y < height; ++y)
-                    std::memcpy(m_LastImage.data() + row * y, source + static_cast<size_t>(stride) * y, row);
+                wl_shm_buffer_begin_access(shm);
+                const auto* source = static_cast<const uint8_t*>(wl_shm_buffer_get_data(shm));
+                if (source) {
+                    ReleaseHeldBuffer();
+                    m_LastImage.resize(row * static_cast<size_t>(height));
+                    for (int y = 0; y < height; ++y)
+                        std::memcpy(m_LastImage.data() + row * y, source + static_cast<size_t>(stride) * y, row);
+                    if (opaque) {
+                        for (size_t i = 3; i < m_LastImage.size(); i += 4)
+                            m_LastImage[i] = 0xFF;
+                    }
+                    m_nLastWidth = width;
+                    m_nLastHeight = height;
+                    copied = true;
+                }
+                wl_shm_buffer_end_access(shm);
             }
-            if (opaque) {
-                for (size_t i = 3; i < m_LastImage.size(); i += 4)
-                    m_LastImage[i] = 0xFF;
-            }
-            m_nLastWidth = width;
-            m_nLastHeight = height;
-            copied = true;
-        } else {
+        }
+        if (!held && !copied)
             NSLog("WebKitView - browser %d: unusable frame (format %u, %d x %d, stride %d) dropped", m_nId, format,
                   width, height, stride);
-        }
-        wl_shm_buffer_end_access(shm);
     }
-    if (m_pExportable)
+    if (!held && m_pExportable)
         wpe_view_backend_exportable_fdo_dispatch_release_shm_exported_buffer(m_pExportable, buffer);
     m_bFramePending = true;
     ScheduleFrameComplete();
-    if (copied)
+    if (held)
+        DeliverHeldBuffer();
+    else if (copied)
         DeliverPaint(m_LastImage.data(), m_nLastWidth, m_nLastHeight);
+}
+
+bool WebKitView::DeliverHeldBuffer()
+{
+    if (!m_pHeldBuffer)
+        return false;
+    struct wl_shm_buffer* shm = m_pHeldBuffer->shm;
+    wl_shm_buffer_begin_access(shm);
+    if (const void* pixels = wl_shm_buffer_get_data(shm))
+        DeliverPaint(pixels, m_pHeldBuffer->width, m_pHeldBuffer->height);
+    wl_shm_buffer_end_access(shm);
+    return true;
+}
+
+void WebKitView::ReleaseHeldBuffer()
+{
+    if (!m_pHeldBuffer)
+        return;
+    std::unique_ptr<HeldBuffer> held = std::move(m_pHeldBuffer);
+    wl_list_remove(&held->destroyListener.link);
+    if (m_pExportable)
+        wpe_view_backend_exportable_fdo_dispatch_release_shm_exported_buffer(m_pExportable, held->exported);
+}
+
+void WebKitView::HeldBufferDestroyed(struct wl_listener* listener, void*)
+{
+    HeldBuffer* held = wl_container_of(listener, held, destroyListener);
+    WebKitView* self = held->view;
+    // The buffer's memory is still there while its resource is being
+    // destroyed: the image is copied so that Invalidate still has it. The
+    // exported buffer cannot be given back any more (the backend's record
+    // of it is lost with it).
+    struct wl_shm_buffer* shm = held->shm;
+    wl_shm_buffer_begin_access(shm);
+    if (const auto* source = static_cast<const uint8_t*>(wl_shm_buffer_get_data(shm))) {
+        self->m_LastImage.assign(source, source + static_cast<size_t>(held->width) * 4 * held->height);
+        self->m_nLastWidth = held->width;
+        self->m_nLastHeight = held->height;
+    }
+    wl_shm_buffer_end_access(shm);
+    // The listener is off the resource's list already.
+    self->m_pHeldBuffer.reset();
 }
 
 void WebKitView::DeliverPaint(const void* pixels, int width, int height)

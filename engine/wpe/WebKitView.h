@@ -24,6 +24,7 @@ typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
 struct wpe_view_backend;
 struct wpe_view_backend_exportable_fdo;
 struct wpe_fdo_shm_exported_buffer;
+struct wl_listener;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -86,6 +87,13 @@ private:
     void DoKey(const EngineKeyEvent& event);
     void DispatchKey(uint32_t keysym, uint32_t hardwareKeyCode, bool pressed, uint32_t modifiers);
     void DeliverPaint(const void* pixels, int width, int height);
+    // Delivers the held shared-memory image (false without one).
+    bool DeliverHeldBuffer();
+    // Gives the held buffer back to the web process.
+    void ReleaseHeldBuffer();
+    // The held buffer's resource goes away with its web process: its image
+    // is kept as a copy.
+    static void HeldBufferDestroyed(struct wl_listener* listener, void* data);
 
     // Frame pacing: WebKit renders the next frame only after frame_complete.
     void ScheduleFrameComplete();
@@ -115,6 +123,12 @@ private:
     bool m_bFramePending = false;
     int64_t m_nLastFrameComplete = 0; // monotonic microseconds
     int64_t m_nFramePeriod = 0;       // microseconds
+    // The last painted image, for Invalidate: either the web process's
+    // shared-memory buffer itself, held (not given back) until the next one
+    // arrives, or, when that buffer cannot be delivered as it is (another
+    // row stride, no alpha), a tightly packed copy.
+    struct HeldBuffer;
+    std::unique_ptr<HeldBuffer> m_pHeldBuffer;
     std::vector<uint8_t> m_LastImage;
     int m_nLastWidth = 0;
     int m_nLastHeight = 0;
