@@ -6,14 +6,18 @@
 // asynchronously).
 #pragma once
 
-#include <atomic>
+#include "engine/wpe/WebKitSocketServer.h"
+
 #include <cstdint>
+#include <map>
+#include <memory>
 #include <string>
-#include <thread>
+#include <vector>
 
 namespace SLF_ChromiumEmbeddedFramework {
 
 class WebKitEnginePort;
+class WebKitView;
 
 class WebKitAudioServer {
 public:
@@ -28,15 +32,27 @@ public:
     // Ends every stream (stopped is reported) and the thread.
     void Stop();
 
+    // One stream: one connection from a sink (audio thread only).
+    struct Stream {
+        int pid = 0;
+        int id = 0;
+        int rate = 0;
+        int channels = 0;
+        int bits = 0;
+        bool announced = false; // the start frame arrived
+        bool started = false;   // the handler was told
+        std::shared_ptr<WebKitView> view;
+    };
+
 private:
-    void ThreadMain();
+    bool OnEvents(int fd, short revents);
 
     WebKitEnginePort& m_Port;
-    std::string m_strSocketPath;
-    int m_nListenFd = -1;
-    int m_nWakeFd = -1;
-    std::thread m_Thread;
-    std::atomic<bool> m_bStop{false};
+    WebKitSocketServer m_Server;
+
+    // Audio-thread state: the streams by connection.
+    std::map<int, Stream> m_Streams;
+    std::vector<uint8_t> m_Payload;
 };
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -28,6 +28,8 @@ bool WriteAll(int fd, const void* data, size_t size)
     return true;
 }
 
+} // namespace
+
 bool ReadAll(int fd, void* data, size_t size)
 {
     auto* bytes = static_cast<uint8_t*>(data);
@@ -42,8 +44,6 @@ bool ReadAll(int fd, void* data, size_t size)
     }
     return true;
 }
-
-} // namespace
 
 bool WriteResourceFrame(int fd, GVariant* value)
 {
@@ -130,11 +130,15 @@ int ConnectToUnixSocket(const std::string& name)
     return fd;
 }
 
-bool PeerIsSameUser(int fd)
+bool PeerIsSameUser(int fd, int* pid)
 {
     struct ucred credentials = {};
     socklen_t size = sizeof(credentials);
-    return getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 && credentials.uid == getuid();
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0 || credentials.uid != getuid())
+        return false;
+    if (pid)
+        *pid = credentials.pid;
+    return true;
 }
 
 std::string ResourceUrlForIdentifier(uint64_t identifier)

@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -35,7 +36,10 @@ int ListenOnUnixSocket(const std::string& name);
 int ConnectToUnixSocket(const std::string& name);
 // True when the peer of a connected socket runs as this process's user:
 // abstract sockets have no file permissions, so the threads check this.
-bool PeerIsSameUser(int fd);
+// pid, when given, receives the peer's process.
+bool PeerIsSameUser(int fd, int* pid = nullptr);
+// Reads exactly size bytes (blocking); false when the peer is gone first.
+bool ReadAll(int fd, void* data, size_t size);
 
 // Writes value (sunk if floating) as one frame; false when the peer is gone.
 bool WriteResourceFrame(int fd, GVariant* value);

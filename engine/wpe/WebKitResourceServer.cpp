@@ -1,6 +1,5 @@
 #include "engine/wpe/WebKitResourceServer.h"
 
-#include "dbg/NSLog.h"
 #include "engine/wpe/WebKitEnginePort.h"
 #include "engine/wpe/WebKitResourceChannel.h"
 #include "engine/wpe/WebKitView.h"
@@ -8,14 +7,9 @@
 #include <libsoup/soup.h>
 #include <wpe/webkit.h>
 
-#include <errno.h>
 #include <poll.h>
-#include <pthread.h>
-#include <sys/eventfd.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <cstring>
+#include <algorithm>
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -97,7 +91,10 @@ void FinishRequest(WebKitURISchemeRequest* request, ResourceResult& result)
 
 } // namespace
 
-WebKitResourceServer::WebKitResourceServer(WebKitEnginePort& port) : m_Port(port) {}
+WebKitResourceServer::WebKitResourceServer(WebKitEnginePort& port)
+    : m_Port(port), m_Server("WebKitResourceServer", "resource thread", "SlfResources")
+{
+}
 
 WebKitResourceServer::~WebKitResourceServer()
 {
@@ -106,38 +103,15 @@ WebKitResourceServer::~WebKitResourceServer()
 
 bool WebKitResourceServer::Start(const std::string& socketPath)
 {
-    m_nListenFd = ListenOnUnixSocket(socketPath);
-    if (m_nListenFd < 0) {
-        NSLog("WebKitResourceServer::Start - cannot listen on %s: %s", socketPath.c_str(), strerror(errno));
-        Stop();
-        return false;
-    }
-    m_strSocketPath = socketPath;
-    m_nWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (m_nWakeFd < 0) {
-        Stop();
-        return false;
-    }
-    m_bStop.store(false);
-    m_Thread = std::thread([this] { ThreadMain(); });
-    return true;
+    WebKitSocketServer::Handlers handlers;
+    handlers.onEvents = [this](int fd, short revents) { return OnEvents(fd, revents); };
+    handlers.onWake = [this] { RunJobs(); };
+    return m_Server.Start(socketPath, std::move(handlers));
 }
 
 void WebKitResourceServer::Stop()
 {
-    if (m_Thread.joinable()) {
-        m_bStop.store(true);
-        const uint64_t one = 1;
-        if (write(m_nWakeFd, &one, sizeof(one)) < 0)
-            NSLog("WebKitResourceServer::Stop - cannot wake the resource thread: %s", strerror(errno));
-        m_Thread.join();
-    }
-    if (m_nListenFd >= 0)
-        close(m_nListenFd);
-    if (m_nWakeFd >= 0)
-        close(m_nWakeFd);
-    m_nListenFd = m_nWakeFd = -1;
-    m_strSocketPath.clear();
+    m_Server.Stop();
     m_Pending.clear();
     std::lock_guard<std::mutex> lock(m_JobMutex);
     m_Jobs.clear();
@@ -149,9 +123,7 @@ void WebKitResourceServer::Queue(std::function<void()> job)
         std::lock_guard<std::mutex> lock(m_JobMutex);
         m_Jobs.push_back(std::move(job));
     }
-    const uint64_t one = 1;
-    if (write(m_nWakeFd, &one, sizeof(one)) < 0)
-        NSLog("WebKitResourceServer - cannot wake the resource thread: %s", strerror(errno));
+    m_Server.Wake();
 }
 
 void WebKitResourceServer::OnSchemeRequest(WebKitURISchemeRequest* request)
@@ -169,65 +141,28 @@ void WebKitResourceServer::CancelRequests(const std::vector<EngineResourceHandle
     });
 }
 
-void WebKitResourceServer::ThreadMain()
+void WebKitResourceServer::RunJobs()
 {
-    pthread_setname_np(pthread_self(), "SlfResources");
-    std::vector<int> clients;
-    while (!m_bStop.load()) {
-        std::vector<pollfd> fds;
-        fds.push_back({m_nWakeFd, POLLIN, 0});
-        fds.push_back({m_nListenFd, POLLIN, 0});
-        for (int fd : clients)
-            fds.push_back({fd, POLLIN, 0});
-        if (poll(fds.data(), fds.size(), -1) < 0) {
-            if (errno == EINTR)
-                continue;
-            NSLog("WebKitResourceServer - poll failed: %s", strerror(errno));
-            break;
-        }
-        if (fds[0].revents) {
-            uint64_t count = 0;
-            if (read(m_nWakeFd, &count, sizeof(count)) < 0 && errno != EAGAIN)
-                NSLog("WebKitResourceServer - wake read failed: %s", strerror(errno));
-            std::deque<std::function<void()>> jobs;
-            {
-                std::lock_guard<std::mutex> lock(m_JobMutex);
-                jobs.swap(m_Jobs);
-            }
-            if (m_bStop.load())
-                break;
-            for (auto& job : jobs)
-                job();
-        }
-        if (fds[1].revents & POLLIN) {
-            const int client = accept4(m_nListenFd, nullptr, nullptr, SOCK_CLOEXEC);
-            if (client >= 0 && PeerIsSameUser(client))
-                clients.push_back(client);
-            else if (client >= 0)
-                close(client);
-        }
-        for (size_t i = 2; i < fds.size(); ++i) {
-            if (!fds[i].revents)
-                continue;
-            const int fd = fds[i].fd;
-            GVariant* question = (fds[i].revents & POLLIN) ? ReadResourceFrame(fd, kQuestionType) : nullptr;
-            bool keep = false;
-            if (question) {
-                guint64 pageId = 0;
-                const gchar* url = nullptr;
-                g_variant_get(question, "(t&s)", &pageId, &url);
-                const uint64_t identifier = Answer(pageId, url);
-                g_variant_unref(question);
-                keep = WriteResourceFrame(fd, g_variant_new(kAnswerType, static_cast<guint64>(identifier)));
-            }
-            if (!keep) {
-                close(fd);
-                std::erase(clients, fd);
-            }
-        }
+    std::deque<std::function<void()>> jobs;
+    {
+        std::lock_guard<std::mutex> lock(m_JobMutex);
+        jobs.swap(m_Jobs);
     }
-    for (int fd : clients)
-        close(fd);
+    for (auto& job : jobs)
+        job();
+}
+
+bool WebKitResourceServer::OnEvents(int fd, short revents)
+{
+    GVariant* question = (revents & POLLIN) ? ReadResourceFrame(fd, kQuestionType) : nullptr;
+    if (!question)
+        return false;
+    guint64 pageId = 0;
+    const gchar* url = nullptr;
+    g_variant_get(question, "(t&s)", &pageId, &url);
+    const uint64_t identifier = Answer(pageId, url);
+    g_variant_unref(question);
+    return WriteResourceFrame(fd, g_variant_new(kAnswerType, static_cast<guint64>(identifier)));
 }
 
 uint64_t WebKitResourceServer::Answer(uint64_t pageId, const std::string& url)

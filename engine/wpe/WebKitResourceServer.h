@@ -9,8 +9,8 @@
 #pragma once
 
 #include "engine/port/EnginePort.h"
+#include "engine/wpe/WebKitSocketServer.h"
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -18,7 +18,6 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
@@ -40,7 +39,7 @@ public:
     bool Start(const std::string& socketPath);
     // Ends the thread and removes the socket; pending requests are dropped.
     void Stop();
-    const std::string& GetSocketPath() const { return m_strSocketPath; }
+    const std::string& GetSocketPath() const { return m_Server.GetSocketPath(); }
 
     // Engine context: a request for the internal scheme arrived.
     void OnSchemeRequest(WebKitURISchemeRequest* request);
@@ -55,17 +54,14 @@ private:
         EngineResourceHandler* handler = nullptr;
     };
 
-    void ThreadMain();
+    void RunJobs();
+    bool OnEvents(int fd, short revents);
     void Queue(std::function<void()> job);
     uint64_t Answer(uint64_t pageId, const std::string& url);
     void Serve(uint64_t identifier, WebKitURISchemeRequest* request);
 
     WebKitEnginePort& m_Port;
-    std::string m_strSocketPath;
-    int m_nListenFd = -1;
-    int m_nWakeFd = -1;
-    std::thread m_Thread;
-    std::atomic<bool> m_bStop{false};
+    WebKitSocketServer m_Server;
 
     // Resource-thread state.
     uint64_t m_nNextIdentifier = 1;
