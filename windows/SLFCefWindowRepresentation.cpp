@@ -94,80 +94,67 @@ SLFCefReplyBlock SLFCefWindowRepresentation::replyForReceiverProxy(const SLFCefC
 
 SLFCefReceiverListRef SLFCefWindowRepresentation::receiverProxies() const
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    return m_receiverProxies;
+    return LockedGet(m_receiverProxies);
 }
 
 int SLFCefWindowRepresentation::browserID() const
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    return m_browserID;
+    return LockedGet(m_browserID);
 }
 
 void SLFCefWindowRepresentation::setBrowserID(int browserID)
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    m_browserID = browserID;
+    LockedSet(m_browserID, browserID);
 }
 
 std::string SLFCefWindowRepresentation::url() const
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    return m_url;
+    return LockedGet(m_url);
 }
 
 void SLFCefWindowRepresentation::setUrl(const std::string& url)
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    m_url = url;
+    LockedSet(m_url, url);
 }
 
 double SLFCefWindowRepresentation::framerate() const
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    return m_framerate;
+    return LockedGet(m_framerate);
 }
 
 void SLFCefWindowRepresentation::setFramerate(double framerate)
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    m_framerate = framerate;
+    LockedSet(m_framerate, framerate);
 }
 
 std::vector<std::string> SLFCefWindowRepresentation::permittedFileURLStrings() const
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    return m_permittedFileURLStrings;
+    return LockedGet(m_permittedFileURLStrings);
 }
 
 void SLFCefWindowRepresentation::setPermittedFileURLStrings(const std::vector<std::string>& strings)
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    m_permittedFileURLStrings = strings;
+    LockedSet(m_permittedFileURLStrings, strings);
 }
 
 SLFCefDataRef SLFCefWindowRepresentation::settingsData() const
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    return m_settingsData;
+    return LockedGet(m_settingsData);
 }
 
 void SLFCefWindowRepresentation::setSettingsData(SLFCefDataRef data)
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    m_settingsData = std::move(data);
+    LockedSet(m_settingsData, std::move(data));
 }
 
 bool SLFCefWindowRepresentation::updating() const
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    return m_updating;
+    return LockedGet(m_updating);
 }
 
 void SLFCefWindowRepresentation::setUpdating(bool updating)
 {
-    std::lock_guard<std::mutex> guard(m_propertyLock);
-    m_updating = updating;
+    LockedSet(m_updating, updating);
 }
 
 bool SLFCefWindowRepresentation::exchangeUpdating(bool updating)

@@ -105,6 +105,19 @@ protected:
     // Leaf lock that makes each property access atomic; nothing is taken
     // while it is held.
     mutable std::mutex m_propertyLock;
+    // One property read or written under m_propertyLock.
+    template <typename T>
+    T LockedGet(const T& property) const
+    {
+        std::lock_guard<std::mutex> guard(m_propertyLock);
+        return property;
+    }
+    template <typename T, typename V>
+    void LockedSet(T& property, V&& value)
+    {
+        std::lock_guard<std::mutex> guard(m_propertyLock);
+        property = std::forward<V>(value);
+    }
 
     int m_browserID = -1;
     std::string m_url;
