@@ -16,6 +16,7 @@
 // way an overlay page is rendered (transparent where the page draws nothing).
 // Google Benchmark options (from scripts/bench) are ignored.
 #include "streamloft/OverlayClient.h"
+#include "support/ProcessTree.h"
 
 #include <gst/gst.h>
 
@@ -55,83 +56,9 @@ struct Window {
     bool transparentReference = false;
 };
 
-// CPU ticks (user + system, including reaped children) of the process
-// `root` and all its descendants, by process id, with each process's name.
-struct ProcessTicks {
-    std::string name;
-    unsigned long long ticks = 0;
-};
-using TreeTicks = std::map<pid_t, ProcessTicks>;
-
-TreeTicks ReadTreeTicks(pid_t root)
-{
-    std::map<pid_t, pid_t> parents;
-    TreeTicks all;
-    DIR* proc = opendir("/proc");
-    if (!proc)
-        return {};
-    while (dirent* entry = readdir(proc)) {
-        const pid_t pid = static_cast<pid_t>(std::atoi(entry->d_name));
-        if (pid <= 0)
-            continue;
-        std::ifstream in("/proc/" + std::string(entry->d_name) + "/stat");
-        std::string text;
-        std::getline(in, text);
-        const size_t open = text.find('(');
-        const size_t close = text.rfind(')');
-        if (open == std::string::npos || close == std::string::npos || close < open)
-            continue;
-        std::istringstream fields(text.substr(close + 2));
-        std::string state;
-        long long ppid = 0;
-        unsigned long long skip, utime = 0, stime = 0;
-        long long cutime = 0, cstime = 0;
-        fields >> state >> ppid;
-        for (int i = 0; i < 9; ++i)
-            fields >> skip; // pgrp ... cmajflt
-        fields >> utime >> stime >> cutime >> cstime;
-        parents[pid] = static_cast<pid_t>(ppid);
-        all[pid] = {text.substr(open + 1, close - open - 1),
-                    utime + stime + static_cast<unsigned long long>(cutime + cstime)};
-    }
-    closedir(proc);
-    TreeTicks tree;
-    for (const auto& [pid, t] : all) {
-        for (pid_t p = pid; p > 0;) {
-            if (p == root) {
-                tree[pid] = t;
-                break;
-            }
-            auto it = parents.find(p);
-            if (it == parents.end())
-                break;
-            p = it->second;
-        }
-    }
-    return tree;
-}
-
-double TicksToSeconds(unsigned long long ticks)
-{
-    return static_cast<double>(ticks) / static_cast<double>(sysconf(_SC_CLK_TCK));
-}
-
-// CPU seconds spent between two readings, in total and by process name.
-// Processes that ended in between count through their parent's reaped
-// children time.
-double CpuBetween(const TreeTicks& before, const TreeTicks& after, std::map<std::string, double>* byName)
-{
-    unsigned long long total = 0;
-    for (const auto& [pid, t] : after) {
-        auto it = before.find(pid);
-        const unsigned long long start = it != before.end() && it->second.name == t.name ? it->second.ticks : 0;
-        const unsigned long long spent = t.ticks >= start ? t.ticks - start : 0;
-        total += spent;
-        if (byName)
-            (*byName)[t.name] += TicksToSeconds(spent);
-    }
-    return TicksToSeconds(total);
-}
+using slfbench::CpuBetween;
+using slfbench::ReadTreeTicks;
+using slfbench::TreeTicks;
 
 struct Result {
     bool ok = false;
@@ -275,45 +202,6 @@ Result RunChild(const std::function<int()>& fn)
     return r;
 }
 
-// Ends every remaining descendant (this program is their subreaper) and
-// reaps them.
-void ReapDescendants(std::chrono::milliseconds grace)
-{
-    const auto end = std::chrono::steady_clock::now() + grace;
-    for (;;) {
-        int status;
-        const pid_t pid = waitpid(-1, &status, WNOHANG);
-        if (pid < 0)
-            return; // no children left
-        if (pid > 0)
-            continue;
-        if (std::chrono::steady_clock::now() > end) {
-            // Children that outlived the grace time: end them by id.
-            DIR* proc = opendir("/proc");
-            while (dirent* entry = proc ? readdir(proc) : nullptr) {
-                const pid_t p = static_cast<pid_t>(std::atoi(entry->d_name));
-                if (p <= 0)
-                    continue;
-                std::ifstream in("/proc/" + std::string(entry->d_name) + "/stat");
-                std::string text;
-                std::getline(in, text);
-                const size_t close = text.rfind(')');
-                if (close == std::string::npos)
-                    continue;
-                std::istringstream fields(text.substr(close + 2));
-                std::string state;
-                long long ppid = 0;
-                fields >> state >> ppid;
-                if (ppid == getpid())
-                    kill(p, SIGKILL);
-            }
-            if (proc)
-                closedir(proc);
-        }
-        std::this_thread::sleep_for(50ms);
-    }
-}
-
 void Print(const char* name, const Result& r)
 {
     std::printf("frames e2e: %-34s %5llu frames in %5.2f s (%5.1f fps), CPU %6.2f s, %6.2f ms CPU per frame\n", name,
@@ -348,22 +236,14 @@ int main(int argc, char** argv)
     char pattern[] = "/tmp/slf-frames-bench-XXXXXX";
     const std::string dir = mkdtemp(pattern);
     const std::string socket = dir + "/overlay-helper.sock";
-    const pid_t service = fork();
-    if (service == 0) {
-        const int log = open((socket + ".log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        if (log >= 0)
-            dup2(log, STDERR_FILENO);
-        const std::string listen = "--listen=" + socket;
-        execl(SLF_BENCH_HELPER_PATH, SLF_BENCH_HELPER_PATH, listen.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
+    const pid_t service = slfbench::SpawnService(SLF_BENCH_HELPER_PATH, socket);
     const Result ours = RunChild([&] { return RunServiceHost(root, socket, url, window); });
     kill(service, SIGTERM);
-    ReapDescendants(5s);
+    slfbench::ReapDescendants(5s);
     std::filesystem::remove_all(dir);
 
     const Result reference = RunChild([&] { return RunWpeVideoSrc(root, url, window); });
-    ReapDescendants(5s);
+    slfbench::ReapDescendants(5s);
 
     std::printf("frames e2e: animated overlay page, %dx%d at %d fps, %.0f s warm-up, %.0f s measured\n", kWidth,
                 kHeight, kFps, window.warmupSeconds, window.seconds);
