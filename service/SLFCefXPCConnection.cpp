@@ -221,11 +221,16 @@ void SLFCefXPCConnection::scheduleInvalidation()
 void SLFCefXPCConnection::invalidateOnQueue()
 {
     std::function<void()> handler;
+    SLFCefCallbackProxyRef proxy;
     {
         std::lock_guard<std::mutex> guard(m_lock);
         handler = std::move(m_invalidationHandler);
         m_interruptionHandler = nullptr;
+        proxy = m_remoteObjectProxy;
     }
+    // Frames and audio buffers the host still held are let go now.
+    if (proxy)
+        proxy->connectionDidClose();
     if (handler)
         handler();
     if (m_registrationID) {

@@ -11,13 +11,56 @@ std::shared_ptr<SLFCefCallbackProxy> SLFCefCallbackProxy::Create(GDBusConnection
 
 SLFCefCallbackProxy::SLFCefCallbackProxy(GDBusConnection* connection)
     : m_connection(connection ? G_DBUS_CONNECTION(g_object_ref(connection)) : nullptr)
+    , m_pending(std::make_shared<PendingReplies>())
 {
+    if (m_connection) {
+        // The filter keeps its own reference to the table: GDBus may still be
+        // running it on its worker thread after it has been removed.
+        m_filterID = g_dbus_connection_add_filter(
+            m_connection, FilterReplies, new std::shared_ptr<PendingReplies>(m_pending),
+            [](gpointer data) { delete static_cast<std::shared_ptr<PendingReplies>*>(data); });
+        // The connection's end also finishes every call, wherever its
+        // "closed" signal is dispatched.
+        m_closedHandlerID = g_signal_connect_data(
+            m_connection, "closed",
+            G_CALLBACK(+[](GDBusConnection*, gboolean, GError*, gpointer data) {
+                FinishAll(**static_cast<std::shared_ptr<PendingReplies>*>(data));
+            }),
+            new std::shared_ptr<PendingReplies>(m_pending),
+            [](gpointer data, GClosure*) { delete static_cast<std::shared_ptr<PendingReplies>*>(data); },
+            GConnectFlags(0));
+    }
 }
 
 SLFCefCallbackProxy::~SLFCefCallbackProxy()
 {
+    if (m_filterID)
+        g_dbus_connection_remove_filter(m_connection, m_filterID);
+    if (m_closedHandlerID)
+        g_signal_handler_disconnect(m_connection, m_closedHandlerID);
+    // Whatever is still out is let go with the proxy.
+    connectionDidClose();
     if (m_connection)
         g_object_unref(m_connection);
+}
+
+void SLFCefCallbackProxy::connectionDidClose()
+{
+    FinishAll(*m_pending);
+}
+
+void SLFCefCallbackProxy::FinishAll(PendingReplies& pending)
+{
+    std::map<guint32, std::function<void()>> waiting;
+    {
+        std::lock_guard<std::mutex> guard(pending.lock);
+        pending.closed = true;
+        waiting.swap(pending.waiting);
+    }
+    for (auto& [serial, done] : waiting) {
+        if (done)
+            done();
+    }
 }
 
 std::string SLFCefCallbackProxy::description() const
@@ -88,27 +131,30 @@ void SLFCefCallbackProxy::sendWithoutReply(const char* member, GVariant* paramet
     g_object_unref(message);
 }
 
-namespace {
-
-struct PendingCall {
-    std::function<void()> done;
-};
-
-void OnCallFinished(GObject* source, GAsyncResult* result, gpointer userData)
+GDBusMessage* SLFCefCallbackProxy::FilterReplies(GDBusConnection*, GDBusMessage* message, gboolean incoming,
+                                                 gpointer data)
 {
-    auto* pending = static_cast<PendingCall*>(userData);
-    GError* error = nullptr;
-    GVariant* reply =
-        g_dbus_connection_call_with_unix_fd_list_finish(G_DBUS_CONNECTION(source), nullptr, result, &error);
-    if (reply)
-        g_variant_unref(reply);
-    g_clear_error(&error); // the host went away or refused: swallowed
-    if (pending->done)
-        pending->done();
-    delete pending;
+    if (!incoming)
+        return message;
+    const GDBusMessageType type = g_dbus_message_get_message_type(message);
+    if (type != G_DBUS_MESSAGE_TYPE_METHOD_RETURN && type != G_DBUS_MESSAGE_TYPE_ERROR)
+        return message;
+    PendingReplies& pending = **static_cast<std::shared_ptr<PendingReplies>*>(data);
+    std::function<void()> done;
+    {
+        std::lock_guard<std::mutex> guard(pending.lock);
+        auto it = pending.waiting.find(g_dbus_message_get_reply_serial(message));
+        if (it == pending.waiting.end())
+            return message; // not one of ours
+        done = std::move(it->second);
+        pending.waiting.erase(it);
+    }
+    // A reply or an error (the host refused): the host is done either way.
+    g_object_unref(message);
+    if (done)
+        done();
+    return nullptr;
 }
-
-} // namespace
 
 void SLFCefCallbackProxy::callWithReply(const char* member, GVariant* parameters, GUnixFDList* fds,
                                         std::function<void()> done)
@@ -121,7 +167,22 @@ void SLFCefCallbackProxy::callWithReply(const char* member, GVariant* parameters
     }
     // No time-out: a host may hold a frame or an audio buffer as long as it
     // likes; the connection's end finishes the call.
-    g_dbus_connection_call_with_unix_fd_list(m_connection, nullptr, kObjectPath, kInterfaceName, member, parameters,
-                                             nullptr, G_DBUS_CALL_FLAGS_NONE, G_MAXINT, fds, nullptr,
-                                             OnCallFinished, new PendingCall{std::move(done)});
+    GDBusMessage* message = g_dbus_message_new_method_call(nullptr, kObjectPath, kInterfaceName, member);
+    g_dbus_message_set_body(message, parameters);
+    if (fds)
+        g_dbus_message_set_unix_fd_list(message, fds);
+    bool waiting = false;
+    {
+        std::lock_guard<std::mutex> guard(m_pending->lock);
+        guint32 serial = 0;
+        if (!m_pending->closed
+            && g_dbus_connection_send_message(m_connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, &serial,
+                                              nullptr)) {
+            m_pending->waiting.emplace(serial, std::move(done));
+            waiting = true;
+        }
+    }
+    g_object_unref(message);
+    if (!waiting && done)
+        done(); // the connection is gone: nobody holds anything
 }

@@ -12,7 +12,9 @@
 #include <gio/gio.h>
 
 #include <functional>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 class SLFCefCallbackProxy {
@@ -28,6 +30,9 @@ public:
     SLFCefCallbackProxy& operator=(const SLFCefCallbackProxy&) = delete;
 
     GDBusConnection* connection() const { return m_connection; }
+    // The host's connection has ended: every call still waiting for its
+    // reply is finished (its `done` runs now) and later calls finish at once.
+    void connectionDidClose();
     // "<SLFCefCallbackProxy: 0x...>" for log lines.
     std::string description() const;
 
@@ -39,9 +44,11 @@ public:
     void browserWillStopAudioStream(int browserID, int streamID);
 
     // Calls whose empty reply means "the host is done with it". `done` runs
-    // exactly once: when the reply arrives, or when the call fails (the host
-    // went away). It runs in the thread-default main context of the calling
-    // thread (the global default context for threads that pushed none).
+    // exactly once: when the reply (or an error) arrives, when the message
+    // cannot be sent, or when the connection closes (connectionDidClose or
+    // the proxy's end). It does not depend on any main context running: the
+    // reply is caught by a filter on the connection's own worker thread and
+    // `done` runs there, so `done` must be safe on any thread.
     // buffer: an a{sv} value (floating reference consumed; empty = no buffer).
     void browserDidReceiveAudioStream(int browserID, int streamID, GVariant* buffer, std::function<void()> done);
     // surfaceFd is duplicated for the message; the caller keeps its own.
@@ -53,7 +60,23 @@ private:
     void sendWithoutReply(const char* member, GVariant* parameters);
     void callWithReply(const char* member, GVariant* parameters, GUnixFDList* fds, std::function<void()> done);
 
+    // The calls waiting for their replies, by serial. Shared with the
+    // connection's filter, which may outlive the proxy by a moment.
+    struct PendingReplies {
+        // Leaf lock: nothing else is locked while it is held, and no `done`
+        // runs under it. It is held across the send so that a reply cannot
+        // be looked for before its serial is recorded.
+        std::mutex lock;
+        std::map<guint32, std::function<void()>> waiting;
+        bool closed = false;
+    };
+    static void FinishAll(PendingReplies& pending);
+    static GDBusMessage* FilterReplies(GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer data);
+
     GDBusConnection* m_connection;
+    std::shared_ptr<PendingReplies> m_pending;
+    guint m_filterID = 0;
+    gulong m_closedHandlerID = 0;
 };
 
 using SLFCefCallbackProxyRef = std::shared_ptr<SLFCefCallbackProxy>;

@@ -135,6 +135,26 @@ TEST_F(FrameDelivery, EveryReceiverGetsTheSurfaceAndItIsReusedOnlyWhenAllHaveLet
     second.reset();
 }
 
+TEST_F(FrameDelivery, AHostsLettingGoIsSeenEvenWhenTheSendingThreadsContextNeverRunsAgain)
+{
+    // The painting thread's own context is only run while the engine has a
+    // browser; after the last one closes, frames a host still holds must
+    // still come back when it lets go.
+    AddReceiver(m_proxy);
+    std::thread painter([&] {
+        GMainContext* idle = g_main_context_new();
+        g_main_context_push_thread_default(idle);
+        Deliver(SolidImage(10, 3, 0xFF0000FF));
+        g_main_context_pop_thread_default(idle);
+        g_main_context_unref(idle);
+    });
+    painter.join();
+    ASSERT_TRUE(WaitForFrames(1));
+    EXPECT_EQ(Outstanding(), 1u);
+    m_host->ReleaseAll();
+    EXPECT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 0; }));
+}
+
 TEST_F(FrameDelivery, ThirtyHeldFramesDropTheNextSilentlyAndLettingGoResumes)
 {
     AddReceiver(m_proxy);
