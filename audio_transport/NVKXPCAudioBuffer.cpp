@@ -35,7 +35,9 @@ GVariant* WriteRecord(const uint64_t (&values)[kRecordFields])
 // A buffer record is sent for every block of audio. Its shape never changes:
 // the same six keys, each with an 8-byte integer. So GLib serialises it once,
 // with marker values, and every later record is that byte image with the six
-// values written over the markers: three allocations instead of dozens.
+// values written over the markers: four allocations instead of dozens (the
+// copy of the image, GLib's GBytes and GVariant around it, and the copy of
+// the type string GLib makes to look up its cached type information).
 struct BufferRecordImage {
     // The marker record itself stays alive for the whole process: it keeps
     // GLib's type information for a{sv} cached, which would otherwise be made

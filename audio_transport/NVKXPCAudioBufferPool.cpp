@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <mutex>
+#include <new>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -23,7 +25,61 @@ bool sizesAreAcceptable(uint64_t bufferSize, uint64_t count)
         && count <= kNVKXPCAudioBufferMaxSlotCount;
 }
 
+// The memory of freed pools, oldest first, held back from the allocator so
+// that a new pool cannot take a recent pool's address and with it that pool's
+// segment name. When full, the oldest block is really freed.
+class FreedPoolQuarantine {
+public:
+    // Keeps `block`; returns the block that leaves to make room, or null.
+    void* hold(void* block)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (m_count < kCapacity) {
+            m_blocks[(m_oldest + m_count++) % kCapacity] = block;
+            return nullptr;
+        }
+        void* leaving = m_blocks[m_oldest];
+        m_blocks[m_oldest] = block;
+        m_oldest = (m_oldest + 1) % kCapacity;
+        return leaving;
+    }
+
+private:
+    static constexpr size_t kCapacity = 1024;
+    // Lock order: a leaf. Guards m_blocks, m_oldest and m_count; taken with
+    // no other lock held inside it, and nothing is called while it is held
+    // (the leaving block is freed after it is let go).
+    std::mutex m_lock;
+    void* m_blocks[kCapacity] = {};
+    size_t m_oldest = 0;
+    size_t m_count = 0;
+};
+
+// Made on first use and never destroyed: pools freed during process exit,
+// after static destructors have run, still find it. It stays reachable
+// through this pointer, so leak checkers do not report the held blocks.
+FreedPoolQuarantine& TheFreedPoolQuarantine()
+{
+    static FreedPoolQuarantine* const quarantine = new FreedPoolQuarantine;
+    return *quarantine;
+}
+
 } // namespace
+
+void* NVKXPCAudioBufferPool::operator new(std::size_t size)
+{
+    // The quarantine is made here, where failing may throw, never first in
+    // operator delete.
+    TheFreedPoolQuarantine();
+    return ::operator new(size);
+}
+
+void NVKXPCAudioBufferPool::operator delete(void* memory) noexcept
+{
+    if (!memory)
+        return;
+    ::operator delete(TheFreedPoolQuarantine().hold(memory));
+}
 
 NVKXPCAudioBufferPool::NVKXPCAudioBufferPool(uint64_t bufferSize, uint64_t count)
     : m_shmemSize(bufferSize * count)

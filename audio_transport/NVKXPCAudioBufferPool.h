@@ -37,6 +37,7 @@
 //   "NVKMaxNumBuffers" t (slot count), "NVKShmemName" s (segment name).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -71,6 +72,13 @@ public:
     ~NVKXPCAudioBufferPool();
     NVKXPCAudioBufferPool(const NVKXPCAudioBufferPool&) = delete;
     NVKXPCAudioBufferPool& operator=(const NVKXPCAudioBufferPool&) = delete;
+
+    // A pool's address names its segment, and a host may still hold (and
+    // will later unlink) the name of a pool that is gone here. So a freed
+    // pool's memory is held back from reuse until 1024 more pools have been
+    // freed, and no new pool of this process gets the name of a recent one.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* memory) noexcept;
 
     // The next free buffer (sending side: length reset to 0, the pool's format
     // stamped on it, recorded as in use) or the next received buffer

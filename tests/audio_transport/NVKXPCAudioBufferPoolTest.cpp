@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <set>
+#include <string>
 #include <sys/mman.h>
 #include <thread>
 #include <unistd.h>
@@ -166,6 +167,24 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolMapsTheSameBytesReadOnly)
     receiver.reset();
     EXPECT_EQ(returns, 2);
     EXPECT_FALSE(SegmentExists(name));
+}
+
+// A host may hold a stopped stream's segment, and unlink its name, after the
+// next stream has started here: later pools never take an earlier pool's name.
+TEST(NVKXPCAudioBufferPool, LaterPoolsNeverReuseASegmentName)
+{
+    std::set<std::string> names;
+    for (int i = 0; i < 50; ++i)
+        names.insert(SendingPool(64, 2)->shmemName());
+    EXPECT_EQ(names.size(), 50u);
+
+    auto stopped = NVKXPCAudioBufferPool::initWithBufferSize(64, 2);
+    auto host = NVKXPCAudioBufferPool::initWithRecord(stopped->encodeRecord());
+    ASSERT_TRUE(host);
+    stopped.reset();
+    SendingPool next(64, 2);
+    host.reset();
+    EXPECT_TRUE(NVKXPCAudioBufferPool::initWithRecord(next->encodeRecord()));
 }
 
 TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
