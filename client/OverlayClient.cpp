@@ -51,10 +51,12 @@ struct OpenReply {
 };
 
 struct OpenReplyTracker {
-  OpenReplyTracker(GMainContext* clientContext, OverlayCallbacks* clientCallbacks) {
+  OpenReplyTracker(GMainContext* clientContext, OverlayCallbacks* clientCallbacks,
+                   SurfaceMappingCache* clientSurfaces) {
     std::lock_guard<std::mutex> guard(lock);
     context = g_main_context_ref(clientContext);
     callbacks = clientCallbacks;
+    surfaces = clientSurfaces;
   }
   ~OpenReplyTracker() { g_main_context_unref(context); }
 
@@ -69,6 +71,7 @@ struct OpenReplyTracker {
   std::deque<OpenReply> arrived;
   GMainContext* context = nullptr;  // the client's context, referenced
   OverlayCallbacks* callbacks = nullptr;
+  SurfaceMappingCache* surfaces = nullptr;  // used on the client's thread only
 };
 
 std::mutex OpenReplyTracker::lock;
@@ -79,17 +82,22 @@ gboolean DeliverOpenReplies(gpointer data) {
   for (;;) {
     OpenReply reply;
     OverlayCallbacks* callbacks;
+    SurfaceMappingCache* surfaces;
     {
       std::lock_guard<std::mutex> guard(tracker.lock);
       if (tracker.arrived.empty()) break;
       reply = std::move(tracker.arrived.front());
       tracker.arrived.pop_front();
       callbacks = tracker.callbacks;
+      surfaces = tracker.surfaces;
     }
-    if (reply.ok)
+    if (reply.ok) {
+      // The browser has closed: the service has freed its surfaces.
+      surfaces->BrowserDidClose(reply.browserID);
       callbacks->OpenBrowserDidReply(reply.browserID);
-    else
+    } else {
       callbacks->OpenBrowserDidFail(reply.error);
+    }
   }
   return G_SOURCE_REMOVE;
 }
@@ -147,7 +155,7 @@ class OverlayClient::Impl {
  public:
   Impl(OverlayCallbacks& callbacks, const ConnectOptions& options)
       : callbacks_(callbacks), options_(options), context_(g_main_context_new()),
-        loop_(g_main_loop_new(context_, FALSE)), tracker_(context_, &callbacks_) {
+        loop_(g_main_loop_new(context_, FALSE)), tracker_(context_, &callbacks_, &surfaces_) {
     socketPath_ = options_.socketPath.empty() ? DefaultServiceSocketPath() : options_.socketPath;
   }
 
@@ -426,7 +434,7 @@ class OverlayClient::Impl {
       if (fd < 0) {
         problem = "surface descriptor is missing" + (gerror ? ": " + TakeError(gerror) : std::string());
       } else {
-        mapping = surfaces_.Map(properties, fd, &problem);
+        mapping = surfaces_.Map(browserID, properties, fd, &problem);
         close(fd);
       }
     }

@@ -129,8 +129,8 @@ SurfaceMapping::~SurfaceMapping() {
   munmap(const_cast<uint8_t*>(base_), size_);
 }
 
-std::shared_ptr<const SurfaceMapping> SurfaceMappingCache::Map(const SurfaceProperties& properties, int fd,
-                                                               std::string* error) {
+std::shared_ptr<const SurfaceMapping> SurfaceMappingCache::Map(int browserID, const SurfaceProperties& properties,
+                                                               int fd, std::string* error) {
   struct stat st {};
   if (fstat(fd, &st) != 0) {
     *error = std::string("cannot inspect surface: ") + strerror(errno);
@@ -155,9 +155,20 @@ std::shared_ptr<const SurfaceMapping> SurfaceMappingCache::Map(const SurfaceProp
   auto it = entries_.find(key);
   if (it != entries_.end() && it->second.mapping->size() == fileSize) {
     it->second.lastUse = now;
-    return it->second.mapping;
+    it->second.browserID = browserID;
+    auto mapping = it->second.mapping;
+    // Surfaces freed by a resize stop coming while this one keeps coming.
+    PruneIdle(now);
+    return mapping;
   }
-  Prune(now);
+  PruneIdle(now);
+  // Room for the new surface: the one unused the longest goes.
+  while (entries_.size() >= kMaxEntries) {
+    auto oldest = entries_.begin();
+    for (auto e = entries_.begin(); e != entries_.end(); ++e)
+      if (e->second.lastUse < oldest->second.lastUse) oldest = e;
+    entries_.erase(oldest);
+  }
   void* base = mmap(nullptr, fileSize, PROT_READ, MAP_SHARED, fd, 0);
   if (base == MAP_FAILED) {
     *error = std::string("cannot map surface: ") + strerror(errno);
@@ -165,22 +176,26 @@ std::shared_ptr<const SurfaceMapping> SurfaceMappingCache::Map(const SurfaceProp
   }
   ++mapCount_;
   auto mapping = std::make_shared<const SurfaceMapping>(static_cast<const uint8_t*>(base), fileSize);
-  entries_[key] = Entry{mapping, now};
+  entries_[key] = Entry{mapping, now, browserID};
   return mapping;
 }
 
-void SurfaceMappingCache::Prune(std::chrono::steady_clock::time_point now) {
+void SurfaceMappingCache::BrowserDidClose(int browserID) {
+  const auto now = std::chrono::steady_clock::now();
   for (auto it = entries_.begin(); it != entries_.end();) {
-    if (now - it->second.lastUse > kIdleLimit)
+    if (it->second.browserID == browserID || now - it->second.lastUse > idleLimit_)
       it = entries_.erase(it);
     else
       ++it;
   }
-  while (entries_.size() >= kMaxEntries) {
-    auto oldest = entries_.begin();
-    for (auto it = entries_.begin(); it != entries_.end(); ++it)
-      if (it->second.lastUse < oldest->second.lastUse) oldest = it;
-    entries_.erase(oldest);
+}
+
+void SurfaceMappingCache::PruneIdle(std::chrono::steady_clock::time_point now) {
+  for (auto it = entries_.begin(); it != entries_.end();) {
+    if (now - it->second.lastUse > idleLimit_)
+      it = entries_.erase(it);
+    else
+      ++it;
   }
 }
 

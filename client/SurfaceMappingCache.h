@@ -46,17 +46,30 @@ class SurfaceMapping {
 // Not thread-safe: used on the client's connection thread only. Mappings it
 // hands out stay valid for as long as their holders keep them, also after
 // the cache has let go of them.
+//
+// The service frees a surface by closing its memory, which the host cannot
+// see: its own mapping keeps the memory alive. So a surface counts as freed
+// when it has not come with a frame for kIdleLimit (the service's pool lets
+// go of buffers unused for a second), or when its browser has closed.
 class SurfaceMappingCache {
  public:
   // Surfaces not seen for this long are unmapped once nobody holds them.
   static constexpr std::chrono::milliseconds kIdleLimit{3000};
   static constexpr size_t kMaxEntries = 64;
 
+  explicit SurfaceMappingCache(std::chrono::milliseconds idleLimit = kIdleLimit) : idleLimit_(idleLimit) {}
+
   // Validates the properties against the surface file behind `fd` (which must
   // be sealed against shrinking, so it cannot be cut short under the
   // mapping) and returns the mapping of that surface, mapping it when it is
-  // new. Does not take ownership of `fd`.
-  std::shared_ptr<const SurfaceMapping> Map(const SurfaceProperties& properties, int fd, std::string* error);
+  // new. Lets go of idle surfaces on the way. Does not take ownership of `fd`.
+  std::shared_ptr<const SurfaceMapping> Map(int browserID, const SurfaceProperties& properties, int fd,
+                                            std::string* error);
+
+  // Lets go of the surfaces of a browser that has closed, and of idle ones.
+  void BrowserDidClose(int browserID);
+  // Lets go of the surfaces not seen for the idle limit.
+  void Prune() { PruneIdle(std::chrono::steady_clock::now()); }
 
   size_t size() const { return entries_.size(); }
   // Number of mmap calls made so far (for tests and statistics).
@@ -67,9 +80,11 @@ class SurfaceMappingCache {
   struct Entry {
     std::shared_ptr<const SurfaceMapping> mapping;
     std::chrono::steady_clock::time_point lastUse;
+    int browserID;  // of the latest frame that came with the surface
   };
-  void Prune(std::chrono::steady_clock::time_point now);
+  void PruneIdle(std::chrono::steady_clock::time_point now);
 
+  std::chrono::milliseconds idleLimit_;
   std::map<Key, Entry> entries_;
   uint64_t mapCount_ = 0;
 };

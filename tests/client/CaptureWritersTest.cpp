@@ -1,5 +1,6 @@
 // The capture tool's writers: premultiplied BGRA to straight RGBA, PNG
-// files read back through libpng, WAV files read back through libsndfile.
+// files read back through libpng, WAV files read back through libsndfile;
+// and its reading of frame pacing from receive times.
 #include <gtest/gtest.h>
 #include <png.h>
 #include <sndfile.h>
@@ -8,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
+#include "tools/slf-overlay-capture/FramePacing.h"
 #include "tools/slf-overlay-capture/PngFrameWriter.h"
 #include "tools/slf-overlay-capture/WavStreamWriter.h"
 
@@ -117,6 +119,37 @@ TEST_F(CaptureFilesTest, WavRefusesFormatsItCannotWrite) {
   EXPECT_FALSE(writer.Open(dir_ + "/b.wav", 0, 2, 16, &error));
   EXPECT_FALSE(writer.Open(dir_ + "/b.wav", 48000, 0, 16, &error));
   EXPECT_FALSE(writer.Write(reinterpret_cast<const uint8_t*>("xxxx"), 4, &error));
+}
+
+TEST(FramePacingTest, CountsFramesMissedInLongGapsAndTheJitterOfTheInterval) {
+  // 30 fps: an even stream misses nothing and has no jitter.
+  FramePacing even(30);
+  for (int i = 0; i < 10; ++i) even.AddInterval(1.0 / 30);
+  EXPECT_EQ(even.framesMissed(), 0u);
+  EXPECT_EQ(even.longGaps(), 0u);
+  EXPECT_NEAR(even.meanInterval(), 1.0 / 30, 1e-12);
+  EXPECT_NEAR(even.jitter(), 0, 1e-9);
+
+  // 10 fps: 1.5 periods is still jitter; one gap of 3 periods is 2 frames
+  // missed, 1.6 periods one; alternating 50/150 ms has 50 ms deviation.
+  FramePacing uneven(10);
+  for (double interval : {0.05, 0.15, 0.05, 0.15}) uneven.AddInterval(interval);
+  EXPECT_EQ(uneven.framesMissed(), 0u);
+  EXPECT_NEAR(uneven.jitter(), 0.05, 1e-9);
+  EXPECT_NEAR(uneven.meanInterval(), 0.1, 1e-12);
+  uneven.AddInterval(0.3);
+  uneven.AddInterval(0.16);
+  EXPECT_EQ(uneven.framesMissed(), 3u);
+  EXPECT_EQ(uneven.longGaps(), 2u);
+  EXPECT_DOUBLE_EQ(uneven.longestInterval(), 0.3);
+
+  EXPECT_EQ(FramesMissedInInterval(0.15, 0.1), 0u);
+  EXPECT_EQ(FramesMissedInInterval(1.04, 0.1), 9u);
+  EXPECT_EQ(FramesMissedInInterval(1.0, 0), 0u);
+  // Against the rate: 30 fps over 5 s promise 150 frames.
+  EXPECT_EQ(FramesShortOfRate(30, 5, 138), 12u);
+  EXPECT_EQ(FramesShortOfRate(30, 5, 151), 0u);
+  EXPECT_EQ(FramesShortOfRate(30, 0, 0), 0u);
 }
 
 }  // namespace

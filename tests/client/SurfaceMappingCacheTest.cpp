@@ -143,17 +143,17 @@ TEST(SurfaceMappingCacheTest, ReusesOneMappingPerSurfaceAndTellsSurfacesApart) {
   std::string error;
   int a = SealedMemfd(4096);
   int b = SealedMemfd(4096);
-  auto first = cache.Map(Props(16, 16, 64, 1024, 1), a, &error);
+  auto first = cache.Map(1, Props(16, 16, 64, 1024, 1), a, &error);
   ASSERT_TRUE(first) << error;
   // The same surface arrives again through a new descriptor of the same memory.
   int again = dup(a);
-  auto second = cache.Map(Props(16, 16, 64, 1024, 1), again, &error);
+  auto second = cache.Map(1, Props(16, 16, 64, 1024, 1), again, &error);
   EXPECT_EQ(first, second);
   EXPECT_EQ(cache.mapCount(), 1u);
   // Same ID but other memory (IDs of another service instance), and another
   // ID on the same memory: both are separate surfaces.
-  auto otherMemory = cache.Map(Props(16, 16, 64, 1024, 1), b, &error);
-  auto otherID = cache.Map(Props(16, 16, 64, 1024, 2), a, &error);
+  auto otherMemory = cache.Map(1, Props(16, 16, 64, 1024, 1), b, &error);
+  auto otherID = cache.Map(1, Props(16, 16, 64, 1024, 2), a, &error);
   ASSERT_TRUE(otherMemory && otherID);
   EXPECT_NE(otherMemory, first);
   EXPECT_NE(otherID, first);
@@ -170,17 +170,17 @@ TEST(SurfaceMappingCacheTest, RefusesMemoryThatCanShrinkOrIsNotAFile) {
   SurfaceMappingCache cache;
   std::string error;
   int unsealed = SealedMemfd(4096, false);
-  EXPECT_FALSE(cache.Map(Props(16, 16, 64, 1024), unsealed, &error));
+  EXPECT_FALSE(cache.Map(1, Props(16, 16, 64, 1024), unsealed, &error));
   EXPECT_NE(error.find("not sealed against shrinking"), std::string::npos) << error;
   close(unsealed);
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
-  EXPECT_FALSE(cache.Map(Props(16, 16, 64, 1024), fds[0], &error));
+  EXPECT_FALSE(cache.Map(1, Props(16, 16, 64, 1024), fds[0], &error));
   EXPECT_NE(error.find("not a shared memory file"), std::string::npos) << error;
   close(fds[0]);
   close(fds[1]);
   int tooSmall = SealedMemfd(512);
-  EXPECT_FALSE(cache.Map(Props(16, 16, 64, 1024), tooSmall, &error));
+  EXPECT_FALSE(cache.Map(1, Props(16, 16, 64, 1024), tooSmall, &error));
   EXPECT_NE(error.find("exceeds its memory"), std::string::npos) << error;
   close(tooSmall);
   EXPECT_EQ(cache.size(), 0u);
@@ -192,7 +192,7 @@ TEST(SurfaceMappingCacheTest, KeepsABoundedNumberOfSurfaces) {
   std::shared_ptr<const streamloft::SurfaceMapping> held;
   for (uint64_t id = 1; id <= SurfaceMappingCache::kMaxEntries + 10; ++id) {
     int fd = SealedMemfd(4096);
-    auto m = cache.Map(Props(16, 16, 64, 1024, id), fd, &error);
+    auto m = cache.Map(1, Props(16, 16, 64, 1024, id), fd, &error);
     ASSERT_TRUE(m) << error;
     if (id == 1) held = m;
     close(fd);
@@ -200,6 +200,40 @@ TEST(SurfaceMappingCacheTest, KeepsABoundedNumberOfSurfaces) {
   EXPECT_LE(cache.size(), SurfaceMappingCache::kMaxEntries);
   // A mapping the cache let go of is still valid for its holder.
   EXPECT_EQ(held->base()[0], 0);
+}
+
+TEST(SurfaceMappingCacheTest, UnmapsSurfacesOfAClosedBrowserAndSurfacesNoLongerSent) {
+  SurfaceMappingCache cache(std::chrono::milliseconds(200));
+  std::string error;
+  int a = SealedMemfd(4096), b = SealedMemfd(4096), c = SealedMemfd(4096), d = SealedMemfd(4096);
+  auto heldA = cache.Map(1, Props(16, 16, 64, 1024, 1), a, &error);
+  std::weak_ptr<const streamloft::SurfaceMapping> b1 = cache.Map(1, Props(16, 16, 64, 1024, 2), b, &error);
+  std::weak_ptr<const streamloft::SurfaceMapping> c2 = cache.Map(2, Props(16, 16, 64, 1024, 3), c, &error);
+  ASSERT_EQ(cache.size(), 3u) << error;
+
+  // Browser 1 closes: its surfaces go, browser 2's stays; a frame still
+  // held keeps its memory mapped until it is dropped.
+  cache.BrowserDidClose(1);
+  EXPECT_EQ(cache.size(), 1u);
+  EXPECT_TRUE(b1.expired());
+  EXPECT_FALSE(c2.expired());
+  EXPECT_EQ(heldA->base()[4095], 0);
+  heldA.reset();
+
+  // A resize: browser 2 moves from surface 3 to surface 4. Frames over
+  // surface 4 alone let go of surface 3 once it has been idle too long,
+  // without mapping surface 4 again.
+  ASSERT_TRUE(cache.Map(2, Props(16, 16, 64, 1024, 4), d, &error)) << error;
+  usleep(250 * 1000);
+  ASSERT_TRUE(cache.Map(2, Props(16, 16, 64, 1024, 4), d, &error)) << error;
+  EXPECT_TRUE(c2.expired());
+  EXPECT_EQ(cache.size(), 1u);
+  EXPECT_EQ(cache.mapCount(), 4u);
+  // With no frame at all, an explicit prune lets go of the rest.
+  usleep(250 * 1000);
+  cache.Prune();
+  EXPECT_EQ(cache.size(), 0u);
+  for (int fd : {a, b, c, d}) close(fd);
 }
 
 }  // namespace

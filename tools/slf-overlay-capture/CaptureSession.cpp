@@ -1,5 +1,6 @@
 #include "tools/slf-overlay-capture/CaptureSession.h"
 
+#include <cmath>
 #include <cstdio>
 #include <filesystem>
 #include <system_error>
@@ -20,7 +21,7 @@ double Seconds(std::chrono::steady_clock::duration d) {
 
 }  // namespace
 
-CaptureSession::CaptureSession(CaptureOptions options) : options_(std::move(options)) {}
+CaptureSession::CaptureSession(CaptureOptions options) : options_(std::move(options)), pacing_(options_.fps) {}
 
 CaptureSession::~CaptureSession() {
   client_.reset();
@@ -68,19 +69,28 @@ int CaptureSession::Run() {
          client_->SocketPath().c_str(), static_cast<int>(client_->ServiceProcessID()));
   fflush(stdout);
 
+  {
+    std::lock_guard<std::mutex> guard(lock_);
+    openRequested_ = std::chrono::steady_clock::now();
+  }
   if (!client_->OpenBrowser(options_.url, options_.width, options_.height, options_.fps, options_.permitted,
                             &error)) {
     fprintf(stderr, "slf-overlay-capture: %s\n", error.c_str());
     return 1;
   }
   bool answered = WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(kStartTimeout),
-                          [this] { return started_ || !openError_.empty() || connectionClosed_; });
+                          [this] { return started_ || openAnswered_ || !openError_.empty() || connectionClosed_; });
   int browserID;
   {
     std::lock_guard<std::mutex> guard(lock_);
     if (!openError_.empty()) {
       fprintf(stderr, "slf-overlay-capture: the service refused to open %s: %s\n", options_.url.c_str(),
               openError_.c_str());
+      return 1;
+    }
+    if (!started_ && openAnswered_) {
+      fprintf(stderr, "slf-overlay-capture: the service answered the open request with browser ID %d before any "
+              "browser started\n", openAnswerID_);
       return 1;
     }
     if (!started_) {
@@ -120,9 +130,11 @@ int CaptureSession::Run() {
   const double elapsed = Seconds(std::chrono::steady_clock::now() - captureStart);
 
   bool lost;
+  uint64_t framesInCapture;
   {
     std::lock_guard<std::mutex> guard(lock_);
     lost = connectionClosed_;
+    framesInCapture = framesReceived_;
   }
   if (!lost) {
     if (!client_->CloseBrowser(browserID, &error)) {
@@ -155,29 +167,53 @@ int CaptureSession::Run() {
   changed_.notify_all();
   if (writer_.joinable()) writer_.join();
 
-  PrintReport(elapsed);
+  PrintReport(elapsed, framesInCapture);
   std::lock_guard<std::mutex> guard(lock_);
+  bool failed = lost || !errors_.empty();
   if (lost) fprintf(stderr, "slf-overlay-capture: the connection to the overlay service closed during the capture\n");
   for (const auto& e : errors_) fprintf(stderr, "slf-overlay-capture: %s\n", e.c_str());
-  return (lost || !errors_.empty()) ? 1 : 0;
+  if (browserID == -1) {
+    fprintf(stderr, "slf-overlay-capture: the service answered the open request with browser ID -1: it opened no "
+            "browser (it has no web engine, or the engine could not start one; see the service's log)\n");
+    failed = true;
+  } else if (framesReceived_ == 0 && options_.seconds > 0) {
+    fprintf(stderr, "slf-overlay-capture: no frame arrived from browser %d in %.2f s\n", browserID, elapsed);
+    failed = true;
+  }
+  return failed ? 1 : 0;
 }
 
-void CaptureSession::PrintReport(double elapsedSeconds) {
+void CaptureSession::PrintReport(double elapsedSeconds, uint64_t framesInCapture) {
   std::lock_guard<std::mutex> guard(lock_);
-  printf("frames received: %llu in %.2f s\n", static_cast<unsigned long long>(framesReceived_), elapsedSeconds);
+  auto ull = [](uint64_t n) { return static_cast<unsigned long long>(n); };
+  printf("frames received: %llu in %.2f s\n", ull(framesReceived_), elapsedSeconds);
   if (framesReceived_ >= 2) {
     double span = Seconds(lastFrame_ - firstFrame_);
     printf("effective fps: %.2f (requested %.2f)\n", span > 0 ? (framesReceived_ - 1) / span : 0.0, options_.fps);
-    printf("frame interval: mean %.1f ms, longest %.1f ms\n", span * 1000.0 / (framesReceived_ - 1),
-           Seconds(longestGap_) * 1000.0);
+    printf("frame interval: mean %.1f ms, longest %.1f ms\n", pacing_.meanInterval() * 1000.0,
+           pacing_.longestInterval() * 1000.0);
   } else {
     printf("effective fps: n/a (fewer than 2 frames)\n");
   }
   for (const auto& [w, h] : frameSizes_) printf("frame size: %ux%u\n", w, h);
   printf("distinct surfaces: %zu\n", surfaceIDs_.size());
-  printf("drops: not detectable (frames carry no sequence number); frames refused by the library: %llu\n",
-         static_cast<unsigned long long>(framesRefused_));
-  printf("delivery latency: not measurable (frames carry no paint time); the frame interval shows the pacing\n");
+  // Gaps in the stream say which frames went missing once frames flow; the
+  // rate over the whole capture also counts the wait for the first frame.
+  printf("drops: %llu frames missed by pacing (intervals over 1.5 frame periods: %llu); estimated from the rate: "
+         "%llu (%.0f expected at %.2f fps in %.2f s, %llu received); frames refused by the library: %llu\n",
+         ull(pacing_.framesMissed()), ull(pacing_.longGaps()),
+         ull(FramesShortOfRate(options_.fps, elapsedSeconds, framesInCapture)),
+         std::floor(options_.fps * elapsedSeconds), options_.fps, elapsedSeconds, ull(framesInCapture),
+         ull(framesRefused_));
+  if (framesReceived_ >= 1) {
+    printf("latency: first frame %.1f ms after the open request (browser started after %.1f ms)",
+           Seconds(firstFrame_ - openRequested_) * 1000.0, Seconds(startedAt_ - openRequested_) * 1000.0);
+    if (framesReceived_ >= 2)
+      printf("; receive jitter %.1f ms (standard deviation of the frame interval)", pacing_.jitter() * 1000.0);
+    printf("\n");
+  } else {
+    printf("latency: n/a (no frame)\n");
+  }
   if (!options_.outDir.empty()) {
     printf("PNG files written: %llu to %s", static_cast<unsigned long long>(imagesWritten_), options_.outDir.c_str());
     if (framesSkippedWriterBusy_)
@@ -217,6 +253,7 @@ void CaptureSession::BrowserDidStart(int browserID) {
     std::lock_guard<std::mutex> guard(lock_);
     if (started_) return;
     started_ = true;
+    startedAt_ = std::chrono::steady_clock::now();
     browserID_ = browserID;
   }
   changed_.notify_all();
@@ -231,7 +268,7 @@ void CaptureSession::BrowserReceivedVideoFrame(int, std::shared_ptr<const stream
     if (index == 1)
       firstFrame_ = frame->receivedAt();
     else
-      longestGap_ = std::max(longestGap_, frame->receivedAt() - lastFrame_);
+      pacing_.AddInterval(Seconds(frame->receivedAt() - lastFrame_));
     lastFrame_ = frame->receivedAt();
     surfaceIDs_.insert(frame->properties().surfaceID);
     frameSizes_.insert({frame->width(), frame->height()});

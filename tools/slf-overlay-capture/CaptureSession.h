@@ -1,6 +1,7 @@
 // One run of slf-overlay-capture: connects to the overlay service, opens one
 // browser, keeps every Nth frame as PNG and every audio stream as WAV for the
-// given time, closes the browser and reports what arrived.
+// given time, closes the browser and reports what arrived and how it was
+// paced.
 #pragma once
 
 #include <atomic>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "streamloft/OverlayClient.h"
+#include "tools/slf-overlay-capture/FramePacing.h"
 #include "tools/slf-overlay-capture/PngFrameWriter.h"
 #include "tools/slf-overlay-capture/WavStreamWriter.h"
 
@@ -43,7 +45,9 @@ class CaptureSession : public streamloft::OverlayCallbacks {
   explicit CaptureSession(CaptureOptions options);
   ~CaptureSession() override;
 
-  // Runs the whole capture and prints its report; returns the exit status.
+  // Runs the whole capture and prints its report; returns the exit status:
+  // 0 when frames arrived, 1 on any failure (also no browser, browser ID -1,
+  // or no frame during a capture of more than 0 s).
   int Run();
 
   void BrowserDidStart(int browserID) override;
@@ -73,7 +77,7 @@ class CaptureSession : public streamloft::OverlayCallbacks {
   bool WaitFor(std::chrono::milliseconds timeout, Predicate done);
   void WriteImages();
   void Fail(const std::string& message);
-  void PrintReport(double elapsedSeconds);
+  void PrintReport(double elapsedSeconds, uint64_t framesInCapture);
 
   CaptureOptions options_;
   std::unique_ptr<streamloft::OverlayClient> client_;
@@ -94,8 +98,10 @@ class CaptureSession : public streamloft::OverlayCallbacks {
   uint64_t framesRefused_ = 0;
   uint64_t framesSkippedWriterBusy_ = 0;
   uint64_t settingsRequests_ = 0;
-  std::chrono::steady_clock::time_point firstFrame_, lastFrame_;
-  std::chrono::steady_clock::duration longestGap_{};
+  // Set before the open request is sent, read after its answer.
+  std::chrono::steady_clock::time_point openRequested_;
+  std::chrono::steady_clock::time_point startedAt_, firstFrame_, lastFrame_;
+  FramePacing pacing_;
   std::set<uint64_t> surfaceIDs_;
   std::set<std::pair<uint32_t, uint32_t>> frameSizes_;
   std::vector<std::string> errors_;

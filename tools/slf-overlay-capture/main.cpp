@@ -1,6 +1,6 @@
 // slf-overlay-capture: renders a web page through the overlay service for a
 // while, writes its frames as PNG and its audio as WAV, and reports what it
-// received.
+// received; its exit status says whether frames arrived.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -46,7 +46,23 @@ int main(int argc, char** argv) {
   app.add_option("--settings-file", settingsFile, "File whose bytes answer the page's settings requests")
       ->check(CLI::ExistingFile);
   app.add_flag("--no-start", noStart, "Do not start the service when nothing answers at the socket");
-  CLI11_PARSE(app, argc, argv);
+  app.footer(
+      "Prints what arrived: frame count, rate and interval, frame sizes, drops (frames missed by pacing,\n"
+      "counted from intervals over 1.5 frame periods, and the shortfall against the requested rate),\n"
+      "latency (open request to first frame), receive jitter, files written and audio streams.\n"
+      "\n"
+      "Exit status:\n"
+      "  0  the capture ran and frames arrived (with --seconds 0: the browser opened and closed)\n"
+      "  1  failure: the service cannot be reached or started, refuses or does not start the browser,\n"
+      "     answers with browser ID -1 (no browser), no frame arrives during the capture, the\n"
+      "     connection closes during the capture, or a file cannot be written\n"
+      "  2  the command line is wrong");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // --help and --help-all come here too, with status 0.
+    return app.exit(e) == 0 ? 0 : 2;
+  }
 
   if (!ParseSize(size, &options.width, &options.height)) {
     fprintf(stderr, "slf-overlay-capture: --size must be WxH with 1 to 16384 pixels each, not '%s'\n", size.c_str());
