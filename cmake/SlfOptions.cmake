@@ -1,6 +1,7 @@
 # Build options shared by every target of the project.
 option(SLF_BUILD_TESTS "Build the unit and integration tests" ON)
 option(SLF_BUILD_BENCH "Build the benchmarks" ON)
+option(SLF_WERROR "Treat warnings in our code as errors" OFF)
 set(SLF_SANITIZER "" CACHE STRING "Sanitizer build: empty, 'address' (ASan+UBSan) or 'thread' (TSan)")
 set_property(CACHE SLF_SANITIZER PROPERTY STRINGS "" address thread)
 

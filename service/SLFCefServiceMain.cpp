@@ -10,6 +10,11 @@
 #define SLF_HAVE_DBGCOMMAND 1
 #endif
 
+#include "platform/NplDebug.h"
+#if SLF_HAVE_ENGINE
+#include "engine/EngineLog.h"
+#endif
+
 #if SLF_HAVE_WPE_ENGINE
 #include "engine/port/EnginePort.h"
 #include "engine/wpe/WebKitEnginePort.h"
@@ -49,6 +54,18 @@ void ApplyLogCommand(const std::string& command)
 // order, so that the command line has the last word.
 void ConfigureLog(const std::vector<std::string>& commands)
 {
+#if SLF_HAVE_DBGCOMMAND
+    // Syslog lines carry the service's name.
+    dbgopen("StreamloftCEFOverlayHelper");
+#endif
+    // The modules are registered with their default flags before any
+    // command names them: a command for a module that does not exist yet
+    // would make it, and its registration would then lay the default level
+    // flags over the command's.
+    NplDebugModule();
+#if SLF_HAVE_ENGINE
+    SLF_ChromiumEmbeddedFramework::EngineLog_GetModuleIndex();
+#endif
     if (const char* environment = getenv("STREAMLOFT_LOG")) {
         std::stringstream list(environment);
         std::string command;
