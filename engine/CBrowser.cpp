@@ -23,13 +23,15 @@ bool CBrowser::HandleAccessForRequestURL(const std::string& url) const
 {
     if (!accessSettings.accessControlEnabled || !accessSettings.handleRequestURL)
         return false;
+    if (m_bClosing)
+        return true;
     return accessSettings.handleRequestURL(url, callbackContext);
 }
 
 bool CBrowser::GetReponseHeadersRequestURL(const std::string& url, std::vector<char>& data, int64_t& length,
                                            int& status) const
 {
-    if (!accessSettings.getResponseHeadersForURL)
+    if (!accessSettings.getResponseHeadersForURL || m_bClosing)
         return false;
     const std::string startUrlCopy = startURL;
     return accessSettings.getResponseHeadersForURL(url, startUrlCopy, &data, &length, &status, callbackContext);

@@ -23,10 +23,12 @@ public:
              const CAccessHandlingForRequestSettings* accessSettings);
 
     // Asks the service side whether it takes this request over: false when
-    // access control is off or no callback was given.
+    // access control is off or no callback was given. A closing browser is
+    // not asked and its requests are refused (true: taken over).
     bool HandleAccessForRequestURL(const std::string& url) const;
     // Asks the service side for the body and status of a taken-over request
-    // (the access-control flag is not looked at); false without a callback.
+    // (the access-control flag is not looked at); false without a callback
+    // and, without asking, for a closing browser.
     bool GetReponseHeadersRequestURL(const std::string& url, std::vector<char>& data, int64_t& length,
                                      int& status) const;
 
@@ -44,6 +46,11 @@ public:
     void* callbackContext = nullptr;
     // Frames and audio reach the callbacks only while set.
     bool m_bReceivingFrames = true;
+    // Set by StopBrowser before its close wait. The service side lets go of
+    // callbackContext once that wait ends, also when the engine has not
+    // reported the close yet, so from then on the record's resource and
+    // URL-change callbacks are not called.
+    bool m_bClosing = false;
     // Stream ID to its format; entries live as long as the record.
     std::map<int, CAudioStream> audioStreams;
     // One-shot: the next paint is dropped (set before a reload).

@@ -166,8 +166,13 @@ bool CBrowserClient::StopBrowser(int id)
         return false;
 
     {
+        // The caller lets go of the callback context once this returns, even
+        // when the engine is slower than the wait below: the record's
+        // remaining callbacks to the service side stop here.
         CNplThreadMutexLock browsersLock(m_BrowsersMutex); // lock order 3
         m_mapResume[id] = false;
+        if (CBrowser* record = FindBrowserRecord(id))
+            record->m_bClosing = true;
     }
 
     CNplThreadMutex waitMutex(true);
@@ -530,7 +535,7 @@ void CBrowserClient::OnLoadStart(EngineBrowserRef browser, EngineFrameRef frame)
         return;
     CNplThreadMutexLock browsersLock(m_BrowsersMutex); // lock order 3
     CBrowser* record = FindBrowserRecord(browser->GetIdentifier());
-    if (record && record->urlChangeCallback)
+    if (record && record->urlChangeCallback && !record->m_bClosing)
         record->urlChangeCallback(frame->GetURL(), record->callbackContext);
 }
 

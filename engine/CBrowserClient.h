@@ -66,7 +66,8 @@ public:
                      SLFCefURLChangeCallbackType urlChangeCallback, void* callbackContext,
                      const CAccessHandlingForRequestSettings* accessSettings);
     // Forced close, then a wait of up to 2000 ms for the engine's notice.
-    // False only for an unknown ID.
+    // The browser's resource and URL-change callbacks are not called from
+    // the close on (its requests are refused). False only for an unknown ID.
     bool StopBrowser(int id);
     void PauseBrowser(int id);
     void ResumeBrowser(int id);

@@ -137,7 +137,10 @@ void CBrowserClient::GetResponseHeaders(EngineResponseRef response, int64_t& res
     if (response && !m_bRequestCancelled && browser) {
         bool found = false;
         const CBrowser record = GetCBrowserForCEFID(browser->GetIdentifier(), found);
-        const bool serviceAnswers = found && record.HandleAccessForRequestURL(m_lastRequest->GetURL());
+        // A closing browser's requests are refused without asking (the
+        // service side may already have let go of the callback context).
+        const bool serviceAnswers =
+            found && !record.m_bClosing && record.HandleAccessForRequestURL(m_lastRequest->GetURL());
         if (serviceAnswers) {
             // The status the service side writes is not applied to the
             // response, nor is a MIME type: the page receives the body and

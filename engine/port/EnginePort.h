@@ -349,7 +349,8 @@ public:
     virtual bool Initialize(const EngineSettings& settings, EngineApp* app) = 0;
     // One pass of the engine's message loop; pump thread only.
     virtual void DoMessageLoopWork() = 0;
-    // Closes every browser and waits (bounded) for the web processes to go.
+    // Closes every browser and ends the engine's processes; returns well
+    // within the wrapper's 2000 ms stop wait, which it runs inside.
     virtual void Shutdown() = 0;
     // Asynchronous: true when the request was accepted. The new browser is
     // reported through the client's OnAfterCreated from a later pump pass.

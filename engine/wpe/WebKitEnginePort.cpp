@@ -30,7 +30,13 @@ std::atomic<bool> g_bEngineClaimed{false};
 
 const char kBackendLibrary[] = "libWPEBackend-fdo-1.0.so.1";
 const char kRendererProcessType[] = "renderer";
-constexpr gint64 kShutdownWaitMicroseconds = 3 * G_USEC_PER_SEC;
+// Shutdown runs inside the wrapper's 2000 ms stop wait (the worker's
+// clean-up), so all of it stays well below that: web processes get 1200 ms
+// to end by themselves, leftovers 200 ms after SIGTERM and 100 ms after
+// SIGKILL.
+constexpr gint64 kShutdownWaitMicroseconds = 1200 * 1000;
+constexpr gint64 kTerminateWaitMicroseconds = 200 * 1000;
+constexpr gint64 kKillWaitMicroseconds = 100 * 1000;
 
 std::string DirectoryOf(const std::string& path)
 {
@@ -354,13 +360,15 @@ bool WebKitEnginePort::CreateBrowser(const EngineWindowInfo& windowInfo, EngineC
 void WebKitEnginePort::CreateView(int id, EngineClient* client, const std::string& url,
                                   const EngineBrowserSettings& settings)
 {
-    auto view = std::make_shared<WebKitView>(*this, id, client, settings);
+    // The view holds its URL before the client learns it: the creator may
+    // ask for it as soon as OnAfterCreated wakes it.
+    auto view = std::make_shared<WebKitView>(*this, id, client, settings, url);
     m_Views[id] = view;
     // The client learns the browser first, so that it can answer
     // GetViewRect for it when the view is made.
     if (EngineLifeSpanHandler* handler = client->GetLifeSpanHandler())
         handler->OnAfterCreated(view);
-    view->Open(url);
+    view->Open();
 }
 
 void WebKitEnginePort::ForgetView(int id)
@@ -411,16 +419,23 @@ void WebKitEnginePort::Shutdown()
             g_usleep(5000);
         }
     };
+    auto signalAll = [](int signalNumber) {
+        for (const auto& process : RunningEngineProcesses())
+            kill(process.first, signalNumber);
+    };
     if (!runUntilGone(false, kShutdownWaitMicroseconds))
-        NSLog("WebKitEnginePort::Shutdown - web processes still running after %d ms",
+        NSLog("WebKitEnginePort::Shutdown - web processes still running after %d ms; terminating them",
               static_cast<int>(kShutdownWaitMicroseconds / 1000));
-    // The network process of the ephemeral session outlives the context in
-    // the engine's own bookkeeping; it holds nothing worth keeping.
-    for (const auto& process : RunningEngineProcesses()) {
-        if (process.second)
-            kill(process.first, SIGTERM);
+    // What is left (the network process of the ephemeral session, which
+    // outlives the context in the engine's own bookkeeping, and web
+    // processes that did not end, say hanging in a script) holds nothing
+    // worth keeping.
+    signalAll(SIGTERM);
+    if (!runUntilGone(true, kTerminateWaitMicroseconds)) {
+        signalAll(SIGKILL);
+        if (!runUntilGone(true, kKillWaitMicroseconds))
+            NSLog("WebKitEnginePort::Shutdown - engine processes still running after SIGKILL");
     }
-    runUntilGone(true, kShutdownWaitMicroseconds / 3);
 
     if (m_pTaskSource) {
         g_source_destroy(m_pTaskSource);

@@ -66,8 +66,9 @@ GSourceFuncs s_FrameTimerFuncs = {nullptr, nullptr,
 
 } // namespace
 
-WebKitView::WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings)
-    : m_Port(port), m_nId(id), m_pClient(client), m_Settings(settings)
+WebKitView::WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
+                       const std::string& url)
+    : m_Port(port), m_nId(id), m_pClient(client), m_Settings(settings), m_strUrl(url.empty() ? "about:blank" : url)
 {
     const int rate = std::clamp(settings.windowless_frame_rate, kMinFrameRate, kMaxFrameRate);
     m_nFramePeriod = G_USEC_PER_SEC / rate;
@@ -109,7 +110,7 @@ void WebKitView::SetUrl(const char* uri)
 
 // ---- life cycle ------------------------------------------------------------
 
-void WebKitView::Open(const std::string& url)
+void WebKitView::Open()
 {
     if (m_bClosed || m_pView)
         return;
@@ -208,9 +209,7 @@ void WebKitView::Open(const std::string& url)
                      }),
                      this);
 
-    const std::string target = url.empty() ? std::string("about:blank") : url;
-    SetUrl(target.c_str());
-    webkit_web_view_load_uri(m_pView, target.c_str());
+    webkit_web_view_load_uri(m_pView, GetURL().c_str());
 }
 
 void WebKitView::Close(bool notify)

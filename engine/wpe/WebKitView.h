@@ -35,14 +35,17 @@ class WebKitView : public EngineBrowser,
                    public EngineFrame,
                    public std::enable_shared_from_this<WebKitView> {
 public:
-    WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings);
+    // url is the view's URL from the start ("about:blank" for none), so
+    // GetURL answers it as soon as the client learns the browser.
+    WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
+               const std::string& url);
     ~WebKitView() override;
     WebKitView(const WebKitView&) = delete;
     WebKitView& operator=(const WebKitView&) = delete;
 
     // Pump thread: creates the WebKit view at the size the render handler
-    // reports and starts loading url.
-    void Open(const std::string& url);
+    // reports and starts loading the URL the view was made with.
+    void Open();
     // Pump thread: destroys the WebKit view (idempotent). With notify, the
     // client's OnBeforeClose follows from a later pump pass.
     void Close(bool notify);

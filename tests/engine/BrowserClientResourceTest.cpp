@@ -226,7 +226,7 @@ TEST_F(BrowserClientResources, TextRequestsAreRecognisedExactlyAndTheirFileNames
     EXPECT_FALSE(Client().ForceBlockFileAccessForURLandBrowserID("file:///etc/passwd", m_nBrowserId));
 }
 
-TEST_F(BrowserClientResources, OnlyRequestsOfKnownBrowsersThatTheServiceOrATextRequestClaimsAreTakenOver)
+TEST_F(BrowserClientResources, OnlyRequestsOfKnownOpenBrowsersThatTheServiceOrATextRequestClaimsAreTakenOver)
 {
     EXPECT_EQ(Client().GetResourceHandler(nullptr, m_Frame, Request("file:///a")), nullptr);
     EXPECT_EQ(Client().GetResourceHandler(m_Port.Browser(m_nBrowserId), nullptr, Request("file:///a")), nullptr);
@@ -246,6 +246,20 @@ TEST_F(BrowserClientResources, OnlyRequestsOfKnownBrowsersThatTheServiceOrATextR
     EXPECT_FALSE(Serve(text, 4096, m_Port.Browser(m_nBrowserId + 50)).takenOver);
     m_Service.takeOver = true;
     EXPECT_FALSE(Serve("file:///x", 4096, m_Port.Browser(m_nBrowserId + 50)).takenOver);
+
+    // A close the engine does not report within the wait: the service side
+    // lets go of the callback context afterwards, so neither callback is
+    // called; requests are refused, text requests still served.
+    m_Port.SetReportClose(false);
+    EXPECT_TRUE(Client().StopBrowser(m_nBrowserId));
+    m_Service.asked.clear();
+    m_Service.answer = true;
+    const Served refused = Serve("http://streamloft/settings");
+    EXPECT_TRUE(refused.takenOver);
+    EXPECT_EQ(refused.status, 403);
+    EXPECT_EQ(Serve(text).status, 200);
+    EXPECT_TRUE(m_Service.asked.empty());
+    EXPECT_TRUE(m_Service.startUrlSeen.empty());
 }
 
 TEST_F(BrowserClientResources, TheServiceSideBodyIsDeliveredAndItsStatusIsNotApplied)

@@ -2,7 +2,8 @@
 // port, in the wrapper's threaded mode (its own worker thread runs and
 // pumps the engine): a page is started, painted into the frame callback,
 // answers the render-process question, is resized, and a second page is
-// stopped with its audio stream. One process, one engine start.
+// stopped with its audio stream and its web process hanging in a script,
+// which the engine stop has to end. One process, one engine start.
 #include "engine/CBrowserWrapper.h"
 #include "engine/wpe/WebKitEnginePort.h"
 
@@ -91,6 +92,8 @@ TEST(WebKitWrapper, ThreadedEngineServesAPageEndToEnd)
     const int id = wrapper.StartBrowser("file://" + kPagesDir + "/wpe_port_colors.html", 150, 50, 30, OnFrame,
                                         OnAudio, &page, &access, nullptr, false);
     ASSERT_GT(id, 0);
+    // The URL is known as soon as the browser is.
+    EXPECT_EQ(wrapper.GetUrl(id), "file://" + kPagesDir + "/wpe_port_colors.html");
 
     // Frames of the requested size with the page's colours.
     EXPECT_TRUE(WaitFor([&] { return page.PixelAt(150, 25, 25) == kRed; })) << std::hex << page.PixelAt(150, 25, 25);
@@ -104,7 +107,6 @@ TEST(WebKitWrapper, ThreadedEngineServesAPageEndToEnd)
     int pid = 0;
     EXPECT_TRUE(WaitFor([&] { return (pid = wrapper.GetRenderProcessId(id)) > 0; }));
     EXPECT_NE(pid, getpid());
-    EXPECT_EQ(wrapper.GetUrl(id), "file://" + kPagesDir + "/wpe_port_colors.html");
 
     // A resize is followed by frames of the new size.
     wrapper.SetRenderSize(id, 200, 80);
@@ -124,10 +126,17 @@ TEST(WebKitWrapper, ThreadedEngineServesAPageEndToEnd)
     ASSERT_GT(second, 0);
     EXPECT_NE(second, id);
     EXPECT_TRUE(WaitFor([&] { return audio.audioBytes.load() > 0; })) << "no audio reached the callback";
+    // Its web process then hangs in a script, so the engine shutdown below
+    // has to end a process that does not go by itself.
+    wrapper.ExecuteJavaScript(second, "for (;;) {}");
     wrapper.StopBrowser(second);
     EXPECT_TRUE(WaitFor([&] { return audio.audioStops.load() >= 1; })) << "no stop signal for the stream";
 
+    // StopCEF gives the worker 2000 ms and then abandons it: the engine
+    // shutdown, hung web process included, has to end within that wait.
+    const auto stopStart = std::chrono::steady_clock::now();
     wrapper.StopCEF();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopStart, std::chrono::milliseconds(2000));
     EXPECT_TRUE(WebKitEnginePort::RunningEngineProcesses().empty());
 }
 
