@@ -170,10 +170,15 @@ bool SLFCefXPCConnection::resume(GError** error)
 
 void SLFCefXPCConnection::invalidate()
 {
+    close();
+    join();
+}
+
+void SLFCefXPCConnection::close()
+{
     if (!g_dbus_connection_is_closed(m_connection))
         g_dbus_connection_close(m_connection, nullptr, nullptr, nullptr);
     scheduleInvalidation();
-    join();
 }
 
 void SLFCefXPCConnection::join()
@@ -199,6 +204,7 @@ void SLFCefXPCConnection::threadMain()
     }
     if (finished)
         finished();
+    m_finished = true;
 }
 
 void SLFCefXPCConnection::scheduleInvalidation()

@@ -49,6 +49,10 @@ public:
     // Closes the connection, runs the invalidation (once) on the connection's
     // thread and waits for the thread to end.
     void invalidate();
+    // The same without the wait: the invalidation is scheduled and the
+    // thread ends on its own (isFinished() tells when).
+    void close();
+    bool isFinished() const { return m_finished || !m_thread.joinable(); }
     // Waits for the thread to end (after the connection closed).
     void join();
 
@@ -71,6 +75,7 @@ private:
     guint m_greetingRegistrationID = 0;
     gulong m_closedHandlerID = 0;
     std::atomic<bool> m_invalidationScheduled{false};
+    std::atomic<bool> m_finished{false};
 
     // Leaf lock of the members below; no handler runs while it is held.
     mutable std::mutex m_lock;

@@ -80,7 +80,21 @@ void SLFCefXPCListener::stop()
     auto connections = std::move(m_connections);
     m_connections.clear();
     for (auto& entry : connections)
-        entry.second->invalidate();
+        entry.second->close();
+    // A connection's thread may be waiting for the main context (an engine
+    // start, a browser's close that the pump reports): keep running it here
+    // while the threads end, when this thread may run it.
+    GMainContext* mainContext = g_main_context_default();
+    const bool running = g_main_context_acquire(mainContext);
+    for (auto& entry : connections) {
+        while (!entry.second->isFinished()) {
+            if (!running || !g_main_context_iteration(mainContext, FALSE))
+                g_usleep(1000);
+        }
+        entry.second->join();
+    }
+    if (running)
+        g_main_context_release(mainContext);
 }
 
 gboolean SLFCefXPCListener::OnAllowMechanism(GDBusAuthObserver*, const gchar* mechanism, gpointer)
