@@ -161,35 +161,45 @@ Cpu MeasureCpu(pid_t service, double seconds)
 
 double Ratio(double value, double baseline) { return baseline > 0 ? value / baseline : 0; }
 
+// A connection of its own for every browser: a connection that has closed
+// its browser gets no further browser announced.
+std::unique_ptr<Host> Connect(const std::string& socket)
+{
+    auto host = std::make_unique<Host>();
+    if (!Connect(*host, socket)) {
+        std::fprintf(stderr, "footprint: cannot connect to the service at %s\n", socket.c_str());
+        return nullptr;
+    }
+    return host;
+}
+
 int Run(const Settings& settings, pid_t service, const std::string& socket)
 {
     const std::string url = "file://" SLF_BENCH_PAGES_DIR "/static.html";
-    std::vector<Host> hosts(3);
-    for (Host& host : hosts) {
-        if (!Connect(host, socket)) {
-            std::fprintf(stderr, "footprint: cannot connect to the service at %s\n", socket.c_str());
-            return 1;
-        }
-    }
-    Host& first = hosts[0];
-    const double roundTrip = RoundTrip(first, 50);
+    std::unique_ptr<Host> first = Connect(socket);
+    if (!first)
+        return 1;
+    const double roundTrip = RoundTrip(*first, 50);
 
     // Cold: the first open starts the engine.
-    const double cold = Open(first, url);
+    const double cold = Open(*first, url);
     if (cold < 0) {
         std::fprintf(stderr, "footprint: no browser (service log: %s.log)\n", socket.c_str());
         return 1;
     }
-    Close(first);
+    Close(*first);
 
-    // Warm opens, each closed again before the next.
+    // Warm opens, each on a new connection and closed again before the next.
     std::vector<double> warm;
     for (int i = 0; i < settings.opens; ++i) {
-        const double ms = Open(first, url);
-        if (ms < 0)
+        std::unique_ptr<Host> host = Connect(socket);
+        const double ms = host ? Open(*host, url) : -1;
+        if (ms < 0) {
+            std::fprintf(stderr, "footprint: warm open %d brought no browser\n", i + 1);
             return 1;
+        }
         warm.push_back(ms);
-        Close(first);
+        Close(*host);
     }
     std::sort(warm.begin(), warm.end());
     double warmMean = 0;
@@ -202,19 +212,24 @@ int Run(const Settings& settings, pid_t service, const std::string& socket)
     const Memory idleMemory = ReadMemory(service);
     const Cpu idleCpu = MeasureCpu(service, settings.seconds);
 
-    if (Open(hosts[0], url) < 0)
-        return 1;
-    std::this_thread::sleep_for(std::chrono::duration<double>(settings.settle));
-    const Memory oneMemory = ReadMemory(service);
-    for (size_t i = 1; i < hosts.size(); ++i) {
-        if (Open(hosts[i], url) < 0)
+    std::vector<std::unique_ptr<Host>> hosts;
+    Memory oneMemory;
+    for (int i = 0; i < 3; ++i) {
+        hosts.push_back(Connect(socket));
+        if (!hosts.back() || Open(*hosts.back(), url) < 0) {
+            std::fprintf(stderr, "footprint: browser %d did not start\n", i + 1);
             return 1;
+        }
+        if (i == 0) {
+            std::this_thread::sleep_for(std::chrono::duration<double>(settings.settle));
+            oneMemory = ReadMemory(service);
+        }
     }
     std::this_thread::sleep_for(std::chrono::duration<double>(settings.settle));
     const Memory threeMemory = ReadMemory(service);
     const Cpu threeCpu = MeasureCpu(service, settings.seconds);
-    for (Host& host : hosts)
-        Close(host);
+    for (auto& host : hosts)
+        Close(*host);
 
     std::printf("footprint: static overlay page, 1280x720 at 30 fps; service process %d\n", static_cast<int>(service));
     std::printf("footprint: request round trip (baseline)      %8.2f ms\n", roundTrip);
