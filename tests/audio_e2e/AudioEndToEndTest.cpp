@@ -1,7 +1,6 @@
-// Page audio from a real page to a real host: the service started on demand
-// on a socket in a temporary folder, the WebKit engine playing a WebAudio
-// tone, and the host library mapping the stream's pool and giving each
-// buffer back as soon as it has looked at it.
+// Page audio from a real page to a real host: the service started on demand,
+// the WebKit engine playing a WebAudio tone, and the host library giving
+// each buffer back as soon as it has looked at it.
 #include "streamloft/OverlayClient.h"
 
 #include <gtest/gtest.h>
@@ -11,7 +10,6 @@
 
 #include <condition_variable>
 #include <cstdlib>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <mutex>
@@ -21,8 +19,6 @@
 using namespace std::chrono_literals;
 
 namespace {
-
-const std::string kPages = SLF_TEST_PAGES_DIR;
 
 class AudioHost : public streamloft::OverlayCallbacks {
 public:
@@ -42,8 +38,7 @@ public:
         }
         m_changed.notify_all();
     }
-    // Looks at the samples and lets go of the buffer at once, which gives
-    // its slot back to the service.
+    // Dropping the buffer gives its slot back to the service.
     void BrowserDidReceiveAudioStream(int, int streamID, std::shared_ptr<const streamloft::AudioBuffer> buffer) override
     {
         std::lock_guard<std::mutex> guard(m_lock);
@@ -51,8 +46,7 @@ public:
             return;
         ++m_buffers;
         m_bytes += buffer->length();
-        if (buffer->bitsPerSample() != 16)
-            ++m_otherFormat;
+        m_otherFormat += buffer->bitsPerSample() != 16;
         for (uint64_t i = 0; i + 1 < buffer->length(); i += 2) {
             int16_t sample;
             std::memcpy(&sample, buffer->bytes() + i, 2);
@@ -65,7 +59,6 @@ public:
         std::lock_guard<std::mutex> guard(m_lock);
         m_problems.push_back(message);
     }
-
     template <typename Pred>
     bool WaitFor(Pred pred, std::chrono::milliseconds timeout)
     {
@@ -79,9 +72,7 @@ public:
     std::optional<streamloft::AudioStreamFormat> m_format;
     int m_streamBrowserID = -1;
     std::optional<int> m_streamID;
-    uint64_t m_buffers = 0;
-    uint64_t m_bytes = 0;
-    uint64_t m_otherFormat = 0;
+    uint64_t m_buffers = 0, m_bytes = 0, m_otherFormat = 0;
     int m_peak = 0;
     std::vector<std::string> m_problems;
 };
@@ -90,6 +81,7 @@ TEST(AudioEndToEnd, AWebAudioToneArrivesAsPcmInPooledSlotsThatComeBack)
 {
     char pattern[] = "/tmp/slf-audio-XXXXXX";
     const std::string dir = mkdtemp(pattern);
+    const std::string pages = SLF_TEST_PAGES_DIR;
     AudioHost host;
     streamloft::ConnectOptions options;
     options.socketPath = dir + "/overlay-helper.sock";
@@ -100,55 +92,41 @@ TEST(AudioEndToEnd, AWebAudioToneArrivesAsPcmInPooledSlotsThatComeBack)
     ASSERT_TRUE(client) << error;
     const pid_t servicePid = client->StartedService() ? client->ServiceProcessID() : -1;
 
-    ASSERT_TRUE(client->OpenBrowser("file://" + kPages + "/audio_tone.html", 64, 64, 30,
-                                    {"file://" + kPages + "/"}, &error))
+    ASSERT_TRUE(client->OpenBrowser("file://" + pages + "/audio_tone.html", 64, 64, 30, {"file://" + pages + "/"},
+                                    &error))
         << error;
     ASSERT_TRUE(host.WaitFor([&] { return host.m_browserID.has_value(); }, 60s));
     const int browserID = *host.m_browserID;
     ASSERT_GE(browserID, 0);
-
     ASSERT_TRUE(host.WaitFor([&] { return host.m_format.has_value(); }, 60s)) << "no audio stream started";
     streamloft::AudioStreamFormat format;
+    uint64_t bytesAtBegin;
     {
         std::lock_guard<std::mutex> guard(host.m_lock);
         format = *host.m_format;
         EXPECT_EQ(host.m_streamBrowserID, browserID);
+        bytesAtBegin = host.m_bytes;
     }
+    ASSERT_GT(format.sampleRate, 0);
     EXPECT_EQ(format.bitsPerSample, 16);
-    EXPECT_GT(format.sampleRate, 0);
     EXPECT_GE(format.channelCount, 1);
     EXPECT_EQ(format.bufferCount, 200u);
     EXPECT_GT(format.bufferCapacity, 0u);
 
-    // Audio in real time over about two seconds: the slots come back and
-    // the pool never runs dry (a dry pool drops blocks silently).
-    const uint64_t bytesPerSecond = static_cast<uint64_t>(format.sampleRate * format.channelCount * 2);
+    // About two seconds in real time: a pool that runs dry drops blocks.
     const auto begin = std::chrono::steady_clock::now();
-    uint64_t bytesAtBegin;
-    {
-        std::lock_guard<std::mutex> guard(host.m_lock);
-        bytesAtBegin = host.m_bytes;
-    }
     std::this_thread::sleep_for(2s);
     {
         std::lock_guard<std::mutex> guard(host.m_lock);
         const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-        const double audioSeconds = double(host.m_bytes - bytesAtBegin) / double(bytesPerSecond);
-        std::printf("%llu buffers of up to %llu bytes, %.2f s of %lld Hz x %lld audio in %.2f s, peak %d\n",
-                    static_cast<unsigned long long>(host.m_buffers),
-                    static_cast<unsigned long long>(format.bufferCapacity), audioSeconds,
-                    static_cast<long long>(format.sampleRate), static_cast<long long>(format.channelCount), seconds,
-                    host.m_peak);
-        // The engine plays in real time; a generous bound for a busy machine.
+        const double bytesPerSecond = double(format.sampleRate * format.channelCount * 2);
+        const double audioSeconds = double(host.m_bytes - bytesAtBegin) / bytesPerSecond;
         EXPECT_GT(audioSeconds, seconds * 0.5) << "audio seconds " << audioSeconds << " in " << seconds << " s";
         EXPECT_EQ(host.m_otherFormat, 0u);
-        // A 440 Hz sine at half volume: peaks near 16384.
-        EXPECT_GT(host.m_peak, 4000) << "silence";
+        EXPECT_GT(host.m_peak, 4000) << "silence"; // a 440 Hz sine at half volume peaks near 16384
         EXPECT_TRUE(host.m_problems.empty()) << host.m_problems.front();
     }
-
-    // Half as many again as the pool has slots: only slots that came back
-    // can carry these.
+    // More buffers than the pool has slots: only returned slots carry these.
     EXPECT_TRUE(host.WaitFor([&] { return host.m_buffers > 300; }, 30s)) << "the pool ran dry";
 
     EXPECT_TRUE(client->CloseBrowser(browserID, &error)) << error;

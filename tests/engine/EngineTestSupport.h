@@ -1,16 +1,19 @@
-// Helpers of the engine tests: a recorder behind the engine's plain
-// callbacks, and a wrapper run in hosted mode on a pump thread of the test
-// (the way the service runs it on its main thread) over a fake port.
+// Helpers of the engine tests: a recorder behind the engine's callbacks, and
+// a wrapper in hosted mode pumped by a thread of the test (as the service's
+// main thread does) over the installed fake port.
 #pragma once
 
 #include "engine/CBrowserClient.h"
 #include "engine/CBrowserWrapper.h"
 #include "tests/engine/FakeEnginePort.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <future>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -20,15 +23,11 @@ namespace SLF_ChromiumEmbeddedFramework {
 
 struct AudioCall {
     int streamId;
-    unsigned int size;
-    unsigned int sampleRate;
-    unsigned int channels;
-    unsigned int bitsPerSample;
+    unsigned int size, sampleRate, channels, bitsPerSample;
     bool hasData;
+    bool operator==(const AudioCall&) const = default;
 };
 
-// What the engine handed to the service side's callbacks; the callbacks'
-// context points at it.
 struct CallbackRecorder {
     std::mutex mutex;
     std::vector<unsigned int> frameSizes;
@@ -59,22 +58,15 @@ struct CallbackRecorder {
         self->urlChanges.push_back(url);
         return true;
     }
-
-    std::vector<unsigned int> Frames()
+    template <typename T>
+    T Copy(const T& field)
     {
         std::lock_guard<std::mutex> guard(mutex);
-        return frameSizes;
+        return field;
     }
-    std::vector<AudioCall> AudioCalls()
-    {
-        std::lock_guard<std::mutex> guard(mutex);
-        return audioCalls;
-    }
-    std::vector<std::string> UrlChanges()
-    {
-        std::lock_guard<std::mutex> guard(mutex);
-        return urlChanges;
-    }
+    std::vector<unsigned int> Frames() { return Copy(frameSizes); }
+    std::vector<AudioCall> AudioCalls() { return Copy(audioCalls); }
+    std::vector<std::string> UrlChanges() { return Copy(urlChanges); }
 };
 
 inline double SecondsSince(std::chrono::steady_clock::time_point start)
@@ -82,7 +74,6 @@ inline double SecondsSince(std::chrono::steady_clock::time_point start)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Polls `condition` every millisecond for up to timeoutMs.
 inline bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 2000)
 {
     const auto start = std::chrono::steady_clock::now();
@@ -94,9 +85,13 @@ inline bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 20
     return true;
 }
 
-// A wrapper in hosted mode over the installed port: a pump thread prepares
-// the engine and calls ProcessCEFThread every millisecond until the object
-// goes.
+// A width x height BGRA image painted into the browser, as the engine does.
+inline void Paint(CBrowserClient& client, EngineBrowserRef browser, int width, int height)
+{
+    std::vector<uint8_t> image(static_cast<size_t>(width) * static_cast<size_t>(height) * 4, 0x80);
+    client.OnPaint(browser, image.data(), width, height);
+}
+
 class HostedEngine {
 public:
     HostedEngine()
@@ -124,12 +119,9 @@ public:
     CBrowserWrapper& Wrapper() { return m_Wrapper; }
     CBrowserClient& Client() { return *m_Wrapper.GetBrowserClient(); }
 
-    // Starts an 800 x 600 browser at 30 frames per second whose callbacks
-    // go to `recorder`.
-    int Open(CallbackRecorder& recorder, const std::string& url = "https://overlay.test/page.html",
-             unsigned int width = 800, unsigned int height = 600)
+    int Open(CallbackRecorder& recorder, const std::string& url = "https://overlay.test/page.html")
     {
-        return m_Wrapper.StartBrowser(url, width, height, 30, &CallbackRecorder::Frame, &CallbackRecorder::Audio,
+        return m_Wrapper.StartBrowser(url, 800, 600, 30, &CallbackRecorder::Frame, &CallbackRecorder::Audio,
                                       &recorder, nullptr, &CallbackRecorder::UrlChange, false);
     }
 
@@ -138,6 +130,23 @@ private:
     std::thread m_PumpThread;
     std::atomic<bool> m_bStop{false};
     bool m_bStarted = false;
+};
+
+// A hosted engine over a fake port installed for each test.
+class EngineTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_Port.Install();
+        m_Engine = std::make_unique<HostedEngine>();
+        ASSERT_TRUE(m_Engine->Started());
+    }
+    CBrowserWrapper& Wrapper() { return m_Engine->Wrapper(); }
+    CBrowserClient& Client() { return m_Engine->Client(); }
+
+    FakeEnginePort m_Port;
+    CallbackRecorder m_Recorder;
+    std::unique_ptr<HostedEngine> m_Engine; // goes first
 };
 
 } // namespace SLF_ChromiumEmbeddedFramework
