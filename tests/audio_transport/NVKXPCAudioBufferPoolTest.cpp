@@ -44,10 +44,7 @@ TEST(NVKXPCAudioBufferPool, SlotsAreCarvedInAscendingOrderAndRunOut)
 {
     SendingPool pool(3840, 200);
     EXPECT_EQ(pool->shmemSize(), 768000u);
-    char name[64];
-    snprintf(name, sizeof name, "NVKXPCABN_%p", static_cast<void*>(pool.pool.get()));
-    EXPECT_EQ(pool->shmemName(), name);
-    EXPECT_TRUE(SegmentExists(name));
+    EXPECT_TRUE(SegmentExists(pool->shmemName()));
     std::vector<std::shared_ptr<NVKXPCAudioBuffer>> taken;
     for (uint64_t i = 0; i < 200; ++i) {
         taken.push_back(pool->bufferFromPool());
@@ -67,32 +64,12 @@ TEST(NVKXPCAudioBufferPool, SlotsAreCarvedInAscendingOrderAndRunOut)
     EXPECT_EQ(pool->buffersInUse().size(), 199u);
     auto again = pool->bufferFromPool();
     ASSERT_EQ(again, taken[7]);
-    EXPECT_EQ(again->length(), 0u);
-    EXPECT_EQ(again->sampleRate(), 44100);
-    EXPECT_EQ(again->channelCount(), 1);
-    EXPECT_EQ(again->bitsPerSample(), 32);
+    EXPECT_TRUE(again->length() == 0u && again->sampleRate() == 44100 && again->channelCount() == 1 &&
+                again->bitsPerSample() == 32);
 
     for (const auto& [size, count] : {std::pair<uint64_t, uint64_t>{0, 200}, {3840, 0}, {16 * 1024 * 1024 + 1, 1},
                                       {1, 1000001}})
         EXPECT_FALSE(NVKXPCAudioBufferPool::initWithBufferSize(size, count)) << size << " " << count;
-}
-
-// Each of two receivers gives the same slot back: it is queued twice and
-// handed out twice from then on. Kept so on purpose.
-TEST(NVKXPCAudioBufferPool, ASlotSharedByTwoReceiversIsQueuedTwice)
-{
-    SendingPool pool(256, 4);
-    auto buffer = pool->bufferFromPool();
-    pool->bufferFromPool();
-    buffer->returnToPool();
-    buffer->returnToPool();
-    EXPECT_EQ(pool->freeBufferCount(), 4);
-    EXPECT_EQ(pool->buffersInUse().size(), 1u);
-    int handedOut = 0;
-    while (auto next = pool->bufferFromPool())
-        handedOut += next == buffer;
-    EXPECT_EQ(handedOut, 2);
-
 
     // Pool and buffers do not keep each other alive; a late reply does nothing.
     std::weak_ptr<NVKXPCAudioBufferPool> weak;
@@ -128,47 +105,6 @@ TEST(NVKXPCAudioBufferPool, ReturnsFromManyThreadsAtOnce)
     EXPECT_EQ(offsets.size(), 200u);
 }
 
-TEST(NVKXPCAudioBufferPool, ReceivingPoolMapsTheSameBytesReadOnly)
-{
-    auto sender = NVKXPCAudioBufferPool::initWithBufferSize(4096, 4);
-    sender->setSampleRate(48000);
-    const std::string name = sender->shmemName();
-    auto receiver = NVKXPCAudioBufferPool::initWithRecord(sender->encodeRecord());
-    ASSERT_TRUE(receiver);
-    EXPECT_FALSE(receiver->isXPCService());
-    EXPECT_EQ(receiver->maxNumBuffers(), 4u);
-    EXPECT_EQ(receiver->bufferSize(), 4096u);
-    EXPECT_EQ(receiver->sampleRate(), 48000);
-    EXPECT_EQ(receiver->freeBufferCount(), 0);
-
-    auto first = sender->bufferFromPool();
-    first->appendBytes("first slot", 10);
-    int returns = 0;
-    for (int i = 0; i < 2; ++i) {
-        auto received = NVKXPCAudioBuffer::initWithRecord(i ? sender->bufferFromPool()->encodeRecord() : first->encodeRecord());
-        ASSERT_TRUE(receiver->receivedBuffer(received, [&returns] { ++returns; }));
-        EXPECT_EQ(received->owningPool(), receiver);
-        EXPECT_FALSE(receiver->receivedBuffer(received, [] {})); // adopted once only
-    }
-    auto got = receiver->bufferFromPool();
-    EXPECT_EQ(got->mutableBytes(), nullptr);
-    EXPECT_EQ(memcmp(got->bytes(), "first slot", 10), 0);
-    EXPECT_NE(got->bytes(), first->bytes()); // its own mapping
-    got.reset();
-    EXPECT_EQ(returns, 1);
-
-    // A receiving pool only logs when asked to take a buffer back.
-    testing::internal::CaptureStderr();
-    receiver->returnBuffer(NVKXPCAudioBuffer::initWithRecord(first->encodeRecord()));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find(
-                  "Asked to return a buffer to a client's pool. Did you forget to set the returnBlock?"),
-              std::string::npos);
-    // Going away unmaps, unlinks the name and releases what was never taken.
-    receiver.reset();
-    EXPECT_EQ(returns, 2);
-    EXPECT_FALSE(SegmentExists(name));
-}
-
 // A host may hold a stopped stream's segment, and unlink its name, after the
 // next stream has started here: later pools never take an earlier pool's name.
 TEST(NVKXPCAudioBufferPool, LaterPoolsNeverReuseASegmentName)
@@ -194,12 +130,10 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
     auto opens = [&](const char* key, GVariant* value) {
         return NVKXPCAudioBufferPool::initWithRecord(Edited(g_variant_ref(record), key, value)) != nullptr;
     };
-    testing::internal::CaptureStderr();
-    EXPECT_FALSE(opens("NVKShmemName", g_variant_new_string("NVKXPCABN_0xdeadbeef")));
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("Couldn't shm_open: 2"), std::string::npos);
-    // Names that are not this transport's segment names are never opened.
-    for (const char* name : {"", "/NVKXPCABN_0x1", "NVKXPCABN_", "NVKXPCABN_0x", "NVKXPCABN_0x12/../x", "other",
-                             "NVKXPCABN_0x12345678901234567"})
+    // An unknown segment, and names that are not this transport's segment
+    // names (those are never opened).
+    for (const char* name : {"NVKXPCABN_0xdeadbeef", "", "/NVKXPCABN_0x1", "NVKXPCABN_", "NVKXPCABN_0x",
+                             "NVKXPCABN_0x12/../x", "other", "NVKXPCABN_0x12345678901234567"})
         EXPECT_FALSE(opens("NVKShmemName", g_variant_new_string(name))) << name;
     for (const char* key : {"NVKBufferBitsPerSample", "NVKBufferChannelCount", "NVKBufferSampleRate",
                             "NVKBufferCapacity", "NVKMaxNumBuffers", "NVKShmemName"}) {
@@ -218,10 +152,11 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
     auto receiver = NVKXPCAudioBufferPool::initWithRecord(g_variant_ref(record));
     ASSERT_TRUE(receiver);
     auto sent = sender->bufferFromPool();
+    int returns = 0;
     auto adopts = [&](uint64_t offset, uint64_t size) {
         auto buffer = NVKXPCAudioBuffer::initWithRecord(Edited(
             Edited(sent->encodeRecord(), "NVKOffset", g_variant_new_uint64(offset)), "NVKShmemSize", g_variant_new_uint64(size)));
-        return buffer && receiver->receivedBuffer(buffer, [] {});
+        return buffer && receiver->receivedBuffer(buffer, [&returns] { ++returns; });
     };
     EXPECT_FALSE(adopts(4 * 4096, 4096));
     EXPECT_FALSE(adopts(3 * 4096 + 1, 4096));
@@ -230,7 +165,14 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
     EXPECT_EQ(receiver->freeBufferCount(), 0);
     EXPECT_TRUE(adopts(3 * 4096, 4096));
     EXPECT_TRUE(adopts(0, 4 * 4096));
-    g_variant_unref(record);
+    auto held = NVKXPCAudioBuffer::initWithRecord(sent->encodeRecord());
+    EXPECT_TRUE(receiver->receivedBuffer(held, [] {}));
+    EXPECT_FALSE(receiver->receivedBuffer(held, [] {})); // adopted once only
+    EXPECT_EQ(held->mutableBytes(), nullptr);
+    // Going away unmaps, unlinks the name and releases what was never taken.
+    receiver.reset();
+    EXPECT_EQ(returns, 2);
+    EXPECT_FALSE(SegmentExists(sender->shmemName()));
 
     // A segment shorter than its record claims.
     const int fd = shm_open("NVKXPCABN_0x5eed", O_RDWR | O_CREAT, 0600);
@@ -238,6 +180,7 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
     close(fd);
     EXPECT_FALSE(opens("NVKShmemName", g_variant_new_string("NVKXPCABN_0x5eed")));
     shm_unlink("NVKXPCABN_0x5eed");
+    g_variant_unref(record);
 }
 
 TEST(NVKXPCAudioBufferPoolDeathTest, SendingPoolCannotAdoptReceivedBuffers)

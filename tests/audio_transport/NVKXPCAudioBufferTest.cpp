@@ -14,7 +14,6 @@ TEST(NVKXPCAudioBuffer, AppendsCopyIntoItsSlotAndStopAtCapacity)
     for (size_t i = 0; i < bytes.size(); ++i)
         bytes[i] = static_cast<uint8_t>(i * 3 + 1);
     auto buffer = NVKXPCAudioBuffer::initWithBuffer(segment.data(), 4096, 4096);
-    EXPECT_EQ(buffer->mutableBytes(), segment.data() + 4096);
     buffer->appendBytes(bytes.data(), 4000);
     buffer->appendData(std::span<const uint8_t>(bytes.data(), 200)); // only 96 fit
     EXPECT_EQ(buffer->length(), 4096u);
@@ -22,13 +21,9 @@ TEST(NVKXPCAudioBuffer, AppendsCopyIntoItsSlotAndStopAtCapacity)
     EXPECT_EQ(memcmp(segment.data() + 8096, bytes.data(), 96), 0);
     EXPECT_EQ(segment[4095], 0xEE); // neighbouring slots are untouched
     EXPECT_EQ(segment[8192], 0xEE);
-    buffer->appendBytes(bytes.data(), 1);
-    EXPECT_EQ(buffer->length(), 4096u);
     // A huge count cannot wrap the arithmetic: only the free space is copied.
     buffer->setLength(10);
     buffer->appendBytes(bytes.data(), UINT64_MAX - 5);
-    EXPECT_EQ(buffer->length(), 4096u);
-    buffer->setLength(5000);
     EXPECT_EQ(buffer->length(), 4096u);
 
     // Buffers are identified by their slot offset alone.
@@ -37,38 +32,23 @@ TEST(NVKXPCAudioBuffer, AppendsCopyIntoItsSlotAndStopAtCapacity)
     EXPECT_TRUE(*buffer == *same);
     EXPECT_EQ(buffer->hash(), same->hash());
     EXPECT_FALSE(buffer->isEqual(*other));
+    EXPECT_NE(buffer->hash(), other->hash());
+    buffer->returnToPool(); // without a pool: nothing happens
 }
 
 TEST(NVKXPCAudioBuffer, RecordRoundTripsAndDecodingIsStrict)
 {
-    auto buffer = NVKXPCAudioBuffer::initWithBuffer(nullptr, UINT64_MAX, UINT64_MAX);
+    auto buffer = NVKXPCAudioBuffer::initWithBuffer(nullptr, UINT64_MAX - 1, 1024);
     buffer->setLength(700);
     buffer->setSampleRate(INT64_MIN);
     buffer->setChannelCount(-1);
     buffer->setBitsPerSample(INT64_MAX);
     GVariant* record = g_variant_ref_sink(buffer->encodeRecord());
-    EXPECT_TRUE(g_variant_is_normal_form(record));
-    gchar* text = g_variant_print(record, TRUE);
-    EXPECT_STREQ(text, "{'NVKShmemSize': <uint64 18446744073709551615>, 'NVKLength': <uint64 700>, "
-                       "'NVKOffset': <uint64 18446744073709551615>, 'NVKSampleRate': <int64 -9223372036854775808>, "
-                       "'NVKChannelCount': <int64 -1>, 'NVKBitsPerSample': <int64 9223372036854775807>}");
-    g_free(text);
-    g_variant_unref(record);
-
-    buffer = NVKXPCAudioBuffer::initWithBuffer(nullptr, 2048, 1024);
-    buffer->setLength(700);
-    buffer->setSampleRate(48000);
-    buffer->setChannelCount(2);
-    buffer->setBitsPerSample(16);
-    record = g_variant_ref_sink(buffer->encodeRecord());
     auto decoded = NVKXPCAudioBuffer::initWithRecord(record);
     ASSERT_TRUE(decoded);
-    EXPECT_EQ(decoded->offset(), 2048u);
-    EXPECT_EQ(decoded->capacity(), 1024u);
-    EXPECT_EQ(decoded->length(), 700u);
-    EXPECT_EQ(decoded->sampleRate(), 48000);
-    EXPECT_EQ(decoded->channelCount(), 2);
-    EXPECT_EQ(decoded->bitsPerSample(), 16);
+    EXPECT_TRUE(decoded->offset() == UINT64_MAX - 1 && decoded->capacity() == 1024u && decoded->length() == 700u);
+    EXPECT_TRUE(decoded->sampleRate() == INT64_MIN && decoded->channelCount() == -1 &&
+                decoded->bitsPerSample() == INT64_MAX);
     EXPECT_EQ(decoded->mappedMemory(), nullptr); // not mapped until a pool adopts it
     // A length past the slot is clamped.
     EXPECT_EQ(NVKXPCAudioBuffer::initWithRecord(Edited(g_variant_ref(record), "NVKLength", g_variant_new_uint64(9999)))
@@ -92,22 +72,18 @@ TEST(NVKXPCAudioBuffer, RecordRoundTripsAndDecodingIsStrict)
     g_variant_unref(record);
 }
 
+// A received buffer's return block (the D-Bus reply) runs once, when its
+// last reference goes.
 TEST(NVKXPCAudioBuffer, ReturnBlockRunsOnceWhenTheLastReferenceGoes)
 {
     int runs = 0;
-    {
-        auto buffer = NVKXPCAudioBuffer::initWithBuffer(nullptr, 0, 64);
-        buffer->setReturnBlock([&runs] { ++runs; });
-        EXPECT_EQ(buffer->mutableBytes(), nullptr); // a received buffer is never writable
-        auto copy = buffer;
-        buffer.reset();
-        EXPECT_EQ(runs, 0);
-        EXPECT_TRUE(copy->returnBlock()); // reading the block hands out a copy
-    }
+    auto buffer = NVKXPCAudioBuffer::initWithBuffer(nullptr, 0, 64);
+    buffer->setReturnBlock([&runs] { ++runs; });
+    auto copy = buffer;
+    buffer.reset();
+    EXPECT_EQ(runs, 0);
+    copy.reset();
     EXPECT_EQ(runs, 1);
-    // Returning a buffer that has no pool is a no-op.
-    std::vector<uint8_t> segment(64);
-    NVKXPCAudioBuffer::initWithBuffer(segment.data(), 0, 64)->returnToPool();
 }
 
 TEST(NVKXPCAudioBufferDeathTest, ReceivedBufferCannotBeFilledOrReturnedToAPool)

@@ -1,18 +1,12 @@
 #include "tests/dbg/DbgFixture.h"
 
+#include "platform/NplDebug.h"
 #include "platform/NplThreading.h"
 #include "platform/NplTime.h"
 
 namespace {
 
-class DbgLineTest : public DbgFixture {
-protected:
-    void SetUp() override
-    {
-        DbgFixture::SetUp();
-        dbgcommand("notime");
-    }
-};
+using DbgLineTest = DbgFixture;
 
 TEST_F(DbgLineTest, ModuleAndFlagTablesHaveFixedSizes)
 {
@@ -39,14 +33,6 @@ TEST_F(DbgLineTest, ModuleAndFlagTablesHaveFixedSizes)
     EXPECT_EQ(_dbgGetModuleFlags(module), 0x80000001u);
     EXPECT_EQ(dbgregisterflag(DBG_MAX_MODULES, "x", 1), 0);
     dbgsetflagvalue(DBG_MAX_MODULES, 0, 1); // ignored
-
-    NplDebugInfo info;
-    const NplDebugFlagRecord extras[] = {{4, "AUDIO", 1}, {5, "VIDEO", 0}};
-    int32_t* table = NplDebugPrintInit(&info, "engine", 2, extras, 2);
-    ASSERT_EQ(table, info.flagIndices);
-    for (int i = 0; i < 6; ++i)
-        EXPECT_EQ(table[i], i);
-    EXPECT_EQ(_dbgGetModuleFlags(info.moduleIndex) & 0x3F, 0x17u); // ERR WRN INF, AUDIO
     dbgunregisterall();
 }
 
@@ -62,8 +48,9 @@ TEST_F(DbgLineTest, DecorationsLevelTagsAndThreadId)
         int level;
         const char* module;
         const char* expected;
-    } cases[] = {{nullptr, 2, "net", "net  inf void F(): m\n"}, {nullptr, 0, "ab", "ab   ERR void F(): m\n"},
-                 {nullptr, 1, "ab", "ab   wrn void F(): m\n"},  {nullptr, 3, "ab", "ab       void F(): m\n"},
+    } cases[] = {{nullptr, 0, "ab", "ab   ERR void F(): m\n"},
+                 {nullptr, 1, "ab", "ab   wrn void F(): m\n"},
+                 {nullptr, 3, "ab", "ab       void F(): m\n"},
                  {nullptr, 9, "network", "network     void F(): m\n"},
                  {"noaddtag", 2, "net", "inf void F(): m\n"},
                  {"noaddlevel", 2, "net", "void F(): m\n"},
@@ -73,12 +60,22 @@ TEST_F(DbgLineTest, DecorationsLevelTagsAndThreadId)
         if (c.command)
             dbgcommand(c.command);
         EXPECT_EQ(LogOne(c.level, c.module, "void F(int)", "m"), c.expected) << c.level << c.module;
+        EXPECT_EQ(Lines()[0].level, c.level);
     }
     EXPECT_EQ(Lines()[0].length, 2);
     dbgcommand("threadid");
     char expected[64];
     snprintf(expected, sizeof expected, "%5d m\n", NplThreading_GetThreadId());
     EXPECT_EQ(LogOne(2, nullptr, nullptr, "m"), expected);
+
+    // Colours wrap the message, trailing white space cut; debug lines stay plain.
+    dbgcommand("nothreadid");
+    dbgcommand("noaddtag");
+    dbgcommand("addlevel");
+    dbgcommand("colorizeloglevel");
+    EXPECT_EQ(LogOne(0, "m", nullptr, "bad  \r\n"), "ERR \x1b[1;31mbad\x1b[1;30m\n");
+    EXPECT_EQ(LogOne(1, "m", nullptr, "warn"), "wrn \x1b[1;33mwarn\x1b[1;30m\n");
+    EXPECT_EQ(LogOne(3, "m", nullptr, "debug\n"), "    debug\n");
 }
 
 TEST_F(DbgLineTest, FunctionNameShapes)
@@ -94,13 +91,11 @@ TEST_F(DbgLineTest, FunctionNameShapes)
     } cases[] = {
         {false, kLong, "virtual void SLF_ChromiumEmbeddedFramework::CBrowserClient::OnAudioSteamStopped(): x\n"},
         {false, "-[SLFCefOverlayXPC open:size:]", "-[SLFCefOverlayXPC open:size:]: x\n"},
-        {false, "main", "main(): x\n"},
         {false, "", "x\n"},
         {true, kLong, "SLF_ChromiumEmbeddedFramework::CBrowserClient::OnAudioSteamStopped(): x\n"},
         {true, "char *Foo::Name(int) const", "Foo::Name(): x\n"},
         {true, "Foo &*Foo::Self()", "Foo::Self(): x\n"},
         {true, "+[SLFCefWindowManager shared]", "+[SLFCefWindowManager shared]: x\n"},
-        {true, "/src/engine/file.cpp void run(int)", "/src/engine/ run(): x\n"},
     };
     for (const auto& c : cases) {
         dbgcommand(c.pure ? "functionpurename" : "nofunctionpurename");
@@ -113,16 +108,6 @@ TEST_F(DbgLineTest, FunctionNameShapes)
     EXPECT_EQ(LogOne(2, "m", "void Pump()", "pump pass"), "Pump(): pump pass\n");
     dbgcommand("functionnamefilter 0123456789abcdefXYZ");
     EXPECT_STREQ(DbgGetSettings().functionNameFilter, "0123456789abcde");
-}
-
-TEST_F(DbgLineTest, ColoursWrapTheMessage)
-{
-    dbgcommand("colorizeloglevel");
-    dbgcommand("nofunctionname");
-    EXPECT_EQ(LogOne(0, "m", nullptr, "bad  \r\n"), "m    ERR \x1b[1;31mbad\x1b[1;30m\n");
-    EXPECT_EQ(LogOne(1, "m", nullptr, "warn"), "m    wrn \x1b[1;33mwarn\x1b[1;30m\n");
-    EXPECT_EQ(LogOne(2, "m", nullptr, "info"), "m    inf \x1b[1;34minfo\x1b[1;30m\n");
-    EXPECT_EQ(LogOne(3, "m", nullptr, "debug\n"), "m        debug\n");
 }
 
 TEST_F(DbgLineTest, ReferenceAndDeltaTimes)
@@ -184,6 +169,8 @@ const char* Counted()
     return "arg";
 }
 
+// Call sites cost nothing while their flag is off: the arguments are not
+// even evaluated.
 TEST_F(DbgLineTest, CallSiteMacroTestsTheFlagBeforeFormatting)
 {
     const int32_t module = dbgregister("macro");
@@ -198,6 +185,62 @@ TEST_F(DbgLineTest, CallSiteMacroTestsTheFlagBeforeFormatting)
     NPL_DBGPRINTF(module, 1, "on %s", Counted());
     EXPECT_EQ(g_formatted, 1);
     EXPECT_EQ(Last(), "macro wrn {anonymous}::DbgLineTest_CallSiteMacroTestsTheFlagBeforeFormatting_Test::TestBody(): on arg\n");
+}
+
+using DbgCommandTest = DbgFixture;
+
+TEST_F(DbgCommandTest, ModuleCommandRegistersModuleAndFlags)
+{
+    dbgunregisterall();
+    const int32_t net = dbgregister("net");
+    dbgregisterflag(net, "trace", 1);
+    EXPECT_EQ(dbgcommand("net send:1 recv:0 trace"), net);
+    EXPECT_EQ(dbgquery("net send"), 1);
+    EXPECT_EQ(dbgquery("net recv"), 0);
+    EXPECT_EQ(dbgquery("net trace"), 1); // existed: unchanged
+    // A given value replaces the value of an existing flag; ":" and anything
+    // but '0' is on; ":1" alone is too short to be a value.
+    EXPECT_EQ(dbgcommand("net send:0 fresh x:y :1"), net);
+    EXPECT_EQ(dbgquery("net send"), 0);
+    EXPECT_EQ(dbgquery("net fresh"), 0);
+    EXPECT_EQ(dbgquery("net x"), 1);
+    EXPECT_EQ(dbgquery("net :1"), 0);
+    EXPECT_EQ(dbgquery("net nope"), -1);
+    EXPECT_EQ(dbgquery("nomodule send"), -1);
+    for (int i = 0; dbgregister(("fill" + std::to_string(i)).c_str()) >= 0; ++i) {
+    }
+    EXPECT_EQ(dbgcommand("overflow flag:1"), -1);
+    dbgunregisterall();
+}
+
+TEST_F(DbgCommandTest, SyslogHostIsCutToItsFieldAndAnUnparsableOneOpensNoSocket)
+{
+    const std::string longHost(80, '9');
+    dbgcommand(("syslog " + longHost + " RFC5424").c_str());
+    EXPECT_EQ(dbgquery("syslog"), 1);
+    EXPECT_EQ(std::string(DbgGetSyslog().host), longHost.substr(0, 63));
+    EXPECT_EQ(DbgGetSyslog().headerType.load(), 3);
+    EXPECT_EQ(DbgGetSyslog().socket.load(), -1);
+    dbgcommand("syslog");
+    EXPECT_EQ(DbgGetSyslog().host[0], 0);
+}
+
+// Invalid UTF-8 stops at the debugger hook and changes nothing.
+TEST_F(DbgCommandTest, InvalidUtf8IsIgnored)
+{
+    const int32_t npl = NplDebugModule();
+    const uint32_t flags = _dbgGetModuleFlags(npl);
+    dbgsetflagvalue(npl, 3, 1);
+    EXPECT_EQ(dbgcommand("printf \xff\xfe"), 0);
+    EXPECT_EQ(dbgquery("printf"), 0);
+    EXPECT_EQ(dbgcommand("bad\xc3module"), 0);
+    EXPECT_EQ(_dbgGetModuleIndex("bad\xc3module"), -1);
+    int debugger = 0;
+    for (const auto& line : Lines())
+        debugger += line.text.find("Debugger!!!") != std::string::npos;
+    EXPECT_EQ(debugger, 2);
+    dbgsetflagvalue(npl, 3, (flags >> 3) & 1);
+    EXPECT_GE(dbgcommand("modül"), 0); // valid multi-byte text is a module name
 }
 
 } // namespace

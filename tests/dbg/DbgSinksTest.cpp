@@ -1,7 +1,6 @@
 #include "tests/dbg/DbgFixture.h"
 
 #include <fstream>
-#include <pwd.h>
 #include <sstream>
 #include <sys/stat.h>
 #include <thread>
@@ -21,7 +20,6 @@ protected:
     void SetUp() override
     {
         DbgFixture::SetUp();
-        dbgcommand("notime");
         dbgcommand("nofunctionname");
         m_fd = socket(AF_INET, SOCK_DGRAM, 0);
         sockaddr_in address = {};
@@ -84,16 +82,7 @@ TEST_F(DbgSinksTest, UdpHeaderTypes)
     // A long line is cut to one 4096-byte datagram.
     dbgprintf(3, "npl", "udp", nullptr, "%s", std::string(5000, 'z').c_str());
     EXPECT_EQ(Receive().size(), 4095u);
-    dbgcommand("null");
-    dbgprintf(3, "npl", "udp", nullptr, "nowhere");
-    EXPECT_EQ(Receive(MSG_DONTWAIT), "<none>");
-    EXPECT_TRUE(Lines().empty() || Lines().back().text.find("nowhere") == std::string::npos);
-}
-
-TEST_F(DbgSinksTest, SendFailureClosesTheSocketAndTheNextLineOpensItAgain)
-{
-    UseReceiver("none");
-    EXPECT_GT(DbgGetSyslog().socket.load(), 0);
+    // A failed send closes the socket; the next line opens it again.
     DbgSetSendFunction([](int, const void*, size_t, int, const sockaddr*, socklen_t) -> ssize_t {
         errno = ENOBUFS;
         return -1;
@@ -102,23 +91,11 @@ TEST_F(DbgSinksTest, SendFailureClosesTheSocketAndTheNextLineOpensItAgain)
     EXPECT_EQ(DbgGetSyslog().socket.load(), -1);
     DbgSetSendFunction(nullptr);
     dbgprintf(2, "npl", "udp", nullptr, "delivered");
-    EXPECT_EQ(Receive(), "udp  inf delivered");
-}
-
-TEST_F(DbgSinksTest, MulticastDestinations)
-{
-    for (const char* host : {"239.255.255.250", "224.0.0.0", "239.255.255.255"})
-        EXPECT_TRUE(DbgIsMulticastAddress(host)) << host;
-    for (const char* host : {"240.0.0.1", "223.255.255.255", "not an address"})
-        EXPECT_FALSE(DbgIsMulticastAddress(host)) << host;
-    // A multicast group gets a socket with loop-back on.
-    dbgcommand("syslog 239.255.255.250 RFC5424");
-    unsigned char loop = 0;
-    socklen_t length = sizeof loop;
-    ASSERT_EQ(getsockopt(DbgGetSyslog().socket, IPPROTO_IP, IP_MULTICAST_LOOP, &loop, &length), 0);
-    EXPECT_EQ(loop, 1);
-    ASSERT_EQ(Dropped().size(), 1u);
-    EXPECT_EQ(Dropped()[0].first, "239.255.255.250:514");
+    EXPECT_TRUE(Matches(Receive(), "<14>1 - .* udp  inf delivered"));
+    dbgcommand("null");
+    dbgprintf(3, "npl", "udp", nullptr, "nowhere");
+    EXPECT_EQ(Receive(MSG_DONTWAIT), "<none>");
+    EXPECT_TRUE(Lines().empty() || Lines().back().text.find("nowhere") == std::string::npos);
 }
 
 TEST_F(DbgSinksTest, LogFileUnderTheHomeFolder)
@@ -163,31 +140,6 @@ TEST_F(DbgSinksTest, NoFoldersAreMadeInAnotherUsersHome)
     ASSERT_EQ(mkdir((home + "/.local/state").c_str(), 0777), 0);
     dbgprintf(1, "npl", "file", nullptr, "written");
     EXPECT_EQ(ReadFile(home + "/.local/state/norvik.log"), "file wrn written\n");
-}
-
-TEST_F(DbgSinksTest, RelativePathsOfRootGoToTheFirstUsersHome)
-{
-    DbgSetHomeFolderOverride(nullptr);
-    char path[4096];
-    DbgBuildLogFilePath("norvik.log", path, sizeof path);
-    std::string home = getenv("HOME") ? getenv("HOME") : getpwuid(getuid())->pw_dir;
-    if (getuid() == 0) {
-        const passwd* user = getpwuid(1000) ? getpwuid(1000) : getpwuid(0);
-        home = user->pw_dir;
-    }
-    EXPECT_EQ(std::string(path), home + (home.back() == '/' ? "" : "/") + ".local/state/norvik.log");
-    DbgBuildLogFilePath("/var/tmp/x.log", path, sizeof path);
-    EXPECT_STREQ(path, "/var/tmp/x.log");
-}
-
-TEST_F(DbgSinksTest, PrintfAndJournalSinks)
-{
-    dbgcommand("printf");
-    dbgcommand("oslog"); // the journal may be absent here: the sink must just not fail
-    testing::internal::CaptureStdout();
-    dbgprintf(2, "npl", "out", nullptr, "to stdout");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "out  inf to stdout\n");
-    EXPECT_EQ(Last(), "out  inf to stdout\n");
 }
 
 TEST_F(DbgSinksTest, ConcurrentLinesStayWholeInEverySink)

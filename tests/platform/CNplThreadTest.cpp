@@ -1,17 +1,54 @@
+#include "dbg/dbg.h"
 #include "platform/CNplThread.h"
-#include "platform/NplThreading.h"
+#include "platform/NplDebug.h"
 #include "platform/NplTime.h"
-#include "tests/platform/LogCapture.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
-#include <sys/syscall.h>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace {
+
+// Collects the log's lines through the callback sink, every other sink off,
+// and restores the "npl" module's level flags when it goes.
+struct LogCapture {
+    LogCapture()
+    {
+        dbgcommand("null");
+        dbgsetcallback(
+            [](void* self, int, const char* line, int length) {
+                auto* capture = static_cast<LogCapture*>(self);
+                std::lock_guard<std::mutex> guard(capture->mutex);
+                capture->lines.emplace_back(line, static_cast<size_t>(length));
+            },
+            this);
+        dbgcommand("callback");
+    }
+    ~LogCapture()
+    {
+        dbgcommand("null");
+        dbgsetcallback(nullptr, nullptr);
+        for (int level = 0; level < 4; ++level)
+            dbgsetflagvalue(NplDebugModule(), level, (flags >> level) & 1);
+    }
+    std::vector<std::string> Matching(const std::string& text)
+    {
+        std::lock_guard<std::mutex> guard(mutex);
+        std::vector<std::string> result;
+        std::copy_if(lines.begin(), lines.end(), std::back_inserter(result),
+                     [&](const std::string& line) { return line.find(text) != std::string::npos; });
+        return result;
+    }
+
+    const uint32_t flags = _dbgGetModuleFlags(NplDebugModule());
+    std::mutex mutex;
+    std::vector<std::string> lines;
+};
 
 template <typename Predicate>
 bool WaitFor(Predicate predicate)
@@ -21,8 +58,8 @@ bool WaitFor(Predicate predicate)
     return predicate();
 }
 
-// A worker that loops until its thread object asks it to stop, or (stubborn)
-// until the test releases it.
+// Loops until its thread object asks it to stop or, without one, until the
+// test releases it.
 struct Worker {
     CNplThread* thread = nullptr;
     std::atomic<bool> release{false};
@@ -38,60 +75,28 @@ struct Worker {
         self->finished = true;
         return nullptr;
     }
-    // True when the worker still loops.
-    bool Loops()
-    {
-        const int before = loops;
-        return WaitFor([&] { return loops > before; });
-    }
 };
 
-// A stubborn thread that StopThread abandons: its object and worker stay
-// reachable (from this list) until the process ends, as the thread may still
-// touch them after it is released.
-std::vector<void*>* g_retained = new std::vector<void*>;
-
-struct Stubborn {
-    CNplThread* thread = new CNplThread(false);
-    Worker* worker = new Worker;
-    explicit Stubborn(const char* name)
-    {
-        g_retained->insert(g_retained->end(), {thread, worker});
-        EXPECT_TRUE(thread->CreateThread(&Worker::Run, worker, name));
-        EXPECT_TRUE(WaitFor([&] { return thread->IsRunning() && worker->loops > 0; }));
-    }
-    ~Stubborn()
-    {
-        worker->release = true;
-        EXPECT_TRUE(WaitFor([&] { return worker->finished.load(); }));
-    }
-};
-
-TEST(CNplThread, CooperativeStopIdsAndReuse)
+TEST(CNplThread, CooperativeStopAndReuse)
 {
     LogCapture log;
     CNplThread thread(false);
+    EXPECT_FALSE(thread.CreateThread(nullptr, nullptr, "none"));
+    EXPECT_TRUE(thread.StopThread(0, true, true)); // no thread: true, quietly
     Worker worker;
     worker.thread = &thread;
-    EXPECT_EQ(thread.GetThreadId(), -1);
-    EXPECT_FALSE(thread.CreateThread(nullptr, nullptr, "none"));
-    EXPECT_TRUE(thread.StopThread(0, true, true)); // idle: true, quietly
     ASSERT_TRUE(thread.CreateThread(&Worker::Run, &worker, "coop"));
-    EXPECT_EQ(thread.GetName(), "coop");
     ASSERT_TRUE(WaitFor([&] { return worker.loops > 0; }));
     EXPECT_TRUE(thread.IsRunning());
-    EXPECT_GE(thread.GetThreadId(), 0);
-    EXPECT_NE(thread.GetThreadId(), CNplThread::GetCurrentThreadId());
     EXPECT_TRUE(thread.StopThread(5000, false, false));
+    EXPECT_TRUE(worker.finished);
     EXPECT_FALSE(thread.IsRunning());
-    EXPECT_EQ(thread.GetThreadId(), -1);
 
-    // The same object takes a new thread after a stop; -1 waits as long as
-    // the thread runs.
+    // A new thread on the same object starts without the old stop request;
+    // -1 waits as long as the thread runs.
     Worker late;
     ASSERT_TRUE(thread.CreateThread(&Worker::Run, &late, nullptr));
     EXPECT_FALSE(thread.IsTerminationRequested());
-    EXPECT_EQ(thread.GetName(), "");
     ASSERT_TRUE(WaitFor([&] { return late.loops > 0; }));
     std::thread releaser([&] {
         usleep(100000);
@@ -104,51 +109,50 @@ TEST(CNplThread, CooperativeStopIdsAndReuse)
     EXPECT_TRUE(log.Matching("Debugger").empty());
 }
 
-// A stop without waiting returns false at once; a timed one waits, then
-// (when asked) calls the debugger hook. Either way the handle is dropped
-// although the thread goes on.
-TEST(CNplThread, StopOfAStubbornThreadReportsAndAbandonsIt)
+// A worker that ignores the stop request: the stop reports false after its
+// wait (the debugger hook only when asked), or true with forceKill (signal 0
+// only tests that the thread exists). The handle is dropped while the
+// thread goes on.
+TEST(CNplThread, StopOfAWorkerThatIgnoresTheRequest)
 {
-    for (int timeoutMs : {0, 60}) {
+    // Abandoned threads may touch their object and worker after the stop:
+    // both stay reachable until the process ends.
+    static auto* retained = new std::vector<void*>;
+    const struct {
+        int timeoutMs;
+        bool debugger, forceKill, result;
+    } cases[] = {{0, false, false, false}, {60, true, false, false}, {0, true, true, true}};
+    for (const auto& c : cases) {
         LogCapture log;
         dbgsetflagvalue(NplDebugModule(), 3, 1);
-        Stubborn stubborn("stubborn");
-        const int id = stubborn.thread->GetThreadId();
+        auto* thread = new CNplThread(false);
+        auto* worker = new Worker;
+        retained->insert(retained->end(), {thread, worker});
+        ASSERT_TRUE(thread->CreateThread(&Worker::Run, worker, "stubborn"));
+        ASSERT_TRUE(WaitFor([&] { return thread->IsRunning() && worker->loops > 0; }));
+        const int id = thread->GetThreadId();
         const int64_t start = NplTime_GetMonotonicNanoseconds();
-        EXPECT_FALSE(stubborn.thread->StopThread(timeoutMs, timeoutMs > 0, false));
-        EXPECT_GE(NplTime_GetMonotonicNanoseconds() - start, (timeoutMs - 5) * 1000000LL);
-        EXPECT_FALSE(stubborn.thread->IsRunning());
-        EXPECT_TRUE(stubborn.worker->Loops());
+        EXPECT_EQ(thread->StopThread(c.timeoutMs, c.debugger, c.forceKill), c.result);
+        EXPECT_GE(NplTime_GetMonotonicNanoseconds() - start, (c.timeoutMs - 5) * 1000000LL);
+        EXPECT_FALSE(thread->IsRunning());
+        const int loops = worker->loops;
+        EXPECT_TRUE(WaitFor([&] { return worker->loops > loops; })); // still runs
+
         char expected[160];
         snprintf(expected, sizeof expected,
                  "npl  wrn virtual bool CNplThread::StopThread(): NPL thread %d (0x%04X) (stubborn) could not be "
                  "stopped.\n",
                  id, static_cast<unsigned>(id));
-        const auto lines = log.Matching("could not be stopped");
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_NE(lines[0].find(expected), std::string::npos) << lines[0];
-        const auto debugger = log.Matching("Debugger!!!");
-        ASSERT_EQ(debugger.size(), timeoutMs ? 1u : 0u);
-        EXPECT_TRUE(!timeoutMs || debugger[0].find("npl      void BreakIntoDebugger(): Debugger!!!\n") != std::string::npos);
-    }
-}
-
-// Signal 0 only tests that the thread exists: the stop reports true while the
-// thread goes on.
-TEST(CNplThread, ForceKillSendsSignalZeroAndReportsTrueWhileTheThreadRuns)
-{
-    for (int debug : {0, 1}) {
-        LogCapture log;
-        dbgsetflagvalue(NplDebugModule(), 3, debug);
-        Stubborn stubborn("forced");
-        EXPECT_TRUE(stubborn.thread->StopThread(0, true, true));
-        EXPECT_TRUE(stubborn.worker->Loops());
         const auto lines = log.Matching("StopThread");
-        ASSERT_EQ(lines.size(), 2u + debug);
-        EXPECT_NE(lines[0].find("(forced) could not be stopped.\n"), std::string::npos);
-        EXPECT_NE(lines[1].find("(forced) could not be stopped. Force kill it\n"), std::string::npos);
-        EXPECT_TRUE(!debug || lines[2].find("Force kill returned with 0\n") != std::string::npos);
-        EXPECT_EQ(log.Matching("Debugger").size(), size_t(debug));
+        ASSERT_EQ(lines.size(), c.forceKill ? 3u : 1u);
+        EXPECT_NE(lines[0].find(expected), std::string::npos) << lines[0];
+        if (c.forceKill) {
+            EXPECT_NE(lines[1].find("(stubborn) could not be stopped. Force kill it\n"), std::string::npos);
+            EXPECT_NE(lines[2].find("Force kill returned with 0\n"), std::string::npos);
+        }
+        EXPECT_EQ(log.Matching("npl      void BreakIntoDebugger(): Debugger!!!\n").size(), c.debugger ? 1u : 0u);
+        worker->release = true;
+        EXPECT_TRUE(WaitFor([&] { return worker->finished.load(); }));
     }
 }
 
@@ -173,21 +177,6 @@ TEST(CNplThread, AutoDeleteAndDestructorStop)
         ASSERT_TRUE(WaitFor([&] { return scoped.IsRunning(); }));
     }
     EXPECT_TRUE(worker.finished);
-}
-
-TEST(CNplThread, ThreadNamesAndIds)
-{
-    std::thread other([] {
-        char name[64];
-        CNplThread::SetCurrentThreadName("npl-worker");
-        CNplThread::SetCurrentThreadName(nullptr); // leaves the name
-        CNplThread::GetCurrentThreadName(name, sizeof name);
-        EXPECT_STREQ(name, "npl-worker"); // the plain name, not "NPL npl-worker"
-        EXPECT_EQ(CNplThread::GetCurrentThreadId(), static_cast<int>(syscall(SYS_gettid) & 0x7FFFFFFF));
-    });
-    other.join();
-    EXPECT_STREQ(_dbgGetModuleName(NplDebugModule()), "npl");
-    EXPECT_EQ(_dbgGetModuleFlags(NplDebugModule()) & 0xF, 0x3u); // errors and warnings on
 }
 
 } // namespace

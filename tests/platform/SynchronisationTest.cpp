@@ -1,13 +1,14 @@
-#include "platform/CNplThreadCondition.h"
 #include "platform/CNplThreadMutex.h"
 #include "platform/CNplThreadMutexLock.h"
 #include "platform/CNplThreadSafeObject.h"
 #include "platform/NplTime.h"
+#include "platform/NplTypes.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -29,26 +30,22 @@ int64_t NowMs()
     return NplTime_GetMonotonicNanoseconds() / 1000000;
 }
 
-TEST(CNplThreadMutex, PlainRecursiveAndScopedLocks)
+TEST(CNplThreadMutex, RecursiveAndScopedLocks)
 {
-    CNplThreadMutex plain;
-    EXPECT_EQ(plain.Lock(), 0);
-    EXPECT_FALSE(plain.TryLock());
-    EXPECT_EQ(plain.UnLock(), 0);
-
     CNplThreadMutex recursive(true);
     EXPECT_EQ(recursive.Lock(), 0);
     EXPECT_TRUE(recursive.TryLock());
     EXPECT_EQ(recursive.UnLock(), 0);
-    EXPECT_FALSE(FreeForOthers(recursive));
+    EXPECT_FALSE(FreeForOthers(recursive)); // still held once
     EXPECT_EQ(recursive.UnLock(), 0);
     EXPECT_TRUE(FreeForOthers(recursive));
 
+    CNplThreadMutex plain;
     {
         CNplThreadMutexLock lock(plain, false);
         EXPECT_TRUE(FreeForOthers(plain));
         lock.Lock();
-        lock.Lock(); // held already: not locked a second time (would deadlock)
+        lock.Lock(); // held already: a second lock of a plain mutex would deadlock
         EXPECT_TRUE(lock.TryLock());
         EXPECT_FALSE(FreeForOthers(plain));
         lock.UnLock();
@@ -59,14 +56,14 @@ TEST(CNplThreadMutex, PlainRecursiveAndScopedLocks)
     EXPECT_TRUE(FreeForOthers(plain)); // the destructor released it
 }
 
-TEST(DualMutexLock, SameLockHeldLockAndContention)
+TEST(DualMutexLock, SameLockHeldLockAndOppositeOrders)
 {
-    // Each case has mutexes of its own, so that no two cases lock a pair in
+    // Each case has mutexes of its own, so no two cases lock a pair in
     // opposite orders.
     CNplThreadMutex a, b, c, d, e, f, g;
     {
         CNplThreadMutexLock first(a, false), second(a, false);
-        DualMutexLock(first, second);
+        DualMutexLock(first, second); // one lock, taken once
         EXPECT_TRUE(first.IsLocked());
         EXPECT_FALSE(second.IsLocked());
     }
@@ -77,8 +74,8 @@ TEST(DualMutexLock, SameLockHeldLockAndContention)
     }
     EXPECT_TRUE(FreeForOthers(a) && FreeForOthers(b) && FreeForOthers(c) && FreeForOthers(d) && FreeForOthers(e));
 
-    // Opposite orders from two threads, one lock held for a while by a third:
-    // both get their pair, without deadlock.
+    // Opposite orders from two threads while a third holds one lock for a
+    // while: both get their pair, without deadlock.
     std::atomic<bool> holding{false};
     std::thread holder([&] {
         g.Lock();
@@ -101,8 +98,15 @@ TEST(DualMutexLock, SameLockHeldLockAndContention)
     holder.join();
 }
 
-TEST(CNplThreadSafeObject, WaitConditionTimeOuts)
+// Time-out 0 returns at once, a positive one after its time (split into
+// seconds and nanoseconds), a negative one waits for the signal.
+TEST(CNplThreadSafeObject, WaitTimeOutsAndSignals)
 {
+    for (const auto& [ns, sec, nsec] :
+         {std::tuple<int64_t, long, long>{1500000001, 1, 500000001}, {999, 0, 999}, {0, 0, 0}, {-5000000000, 0, 0}}) {
+        const timespec ts = NplMakeRelativeTimespec(NplTimeout(ns));
+        EXPECT_TRUE(ts.tv_sec == sec && ts.tv_nsec == nsec) << ns;
+    }
     CNplThreadSafeObject object;
     EXPECT_EQ(object.Lock(), 0);
     EXPECT_EQ(object.Lock(), 0); // recursive
@@ -113,15 +117,9 @@ TEST(CNplThreadSafeObject, WaitConditionTimeOuts)
     start = NowMs();
     EXPECT_FALSE(object.WaitCondition(Int64(50)));
     EXPECT_GE(NowMs() - start, 45);
-    EXPECT_EQ(object.UnLock(), 0);
-}
 
-TEST(CNplThreadSafeObject, SignalWakesTimedAndUnlimitedWaits)
-{
     for (int64_t timeout : {int64_t(-5), int64_t(10000)}) {
-        CNplThreadSafeObject object;
         bool ready = false;
-        object.Lock();
         std::thread signaller([&] {
             usleep(30000);
             object.Lock();
@@ -133,9 +131,9 @@ TEST(CNplThreadSafeObject, SignalWakesTimedAndUnlimitedWaits)
         while (!ready) // no predicate inside: the caller loops on its own state
             woken = object.WaitCondition(timeout);
         EXPECT_TRUE(woken) << timeout;
-        object.UnLock();
         signaller.join();
     }
+    EXPECT_EQ(object.UnLock(), 0);
 }
 
 } // namespace

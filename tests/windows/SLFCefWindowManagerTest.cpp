@@ -1,3 +1,5 @@
+// The registry of live browsers, the main-thread hand-over, and a
+// representation's receiver list, without the engine.
 #include "windows/SLFCefWindowManager.h"
 
 #include "tests/windows/TestMainLoop.h"
@@ -6,95 +8,58 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
 #include <thread>
 
 namespace {
 
-class SLFCefWindowManagerRegistry : public ::testing::Test {
-protected:
-    TestMainLoop m_main;
-    std::shared_ptr<SLFCefWindowManager> m_manager = std::make_shared<SLFCefWindowManager>();
-
-    SLFCefWindowRepresentationRef Representation(int browserID)
-    {
-        auto representation = std::make_shared<SLFCefWindowRepresentation>();
-        representation->setBrowserID(browserID);
-        return representation;
-    }
-};
-
-} // namespace
-
-TEST_F(SLFCefWindowManagerRegistry, RegistersOnlyNonNegativeIDsAndReplacesByID)
+SLFCefWindowRepresentationRef Representation(int browserID)
 {
-    auto first = Representation(3);
-    auto second = Representation(3);
-    m_manager->registerWindowRepresentation(Representation(-1));
-    m_manager->registerWindowRepresentation(Representation(-7));
-    m_manager->registerWindowRepresentation(nullptr);
-    EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 0);
-
-    m_manager->registerWindowRepresentation(first);
-    m_manager->registerWindowRepresentation(Representation(0));
-    EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 2);
-    EXPECT_EQ(m_manager->windowRepresentationWithID(3), first);
-    m_manager->registerWindowRepresentation(second);
-    EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 2);
-    EXPECT_EQ(m_manager->windowRepresentationWithID(3), second);
-    EXPECT_EQ(m_manager->windowRepresentationWithID(4), nullptr);
-
-    m_manager->unregisterWindowRepresentation(second);
-    EXPECT_EQ(m_manager->windowRepresentationWithID(3), nullptr);
-    EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 1);
+    auto representation = std::make_shared<SLFCefWindowRepresentation>();
+    representation->setBrowserID(browserID);
+    return representation;
 }
 
-TEST_F(SLFCefWindowManagerRegistry, StopOfRegisteredBrowserReturnsItAndUnregisters)
+TEST(SLFCefWindowManagerRegistry, RegistersOnlyNonNegativeIDsReplacesByIDAndStopUnregisters)
 {
-    auto representation = Representation(9);
-    m_manager->registerWindowRepresentation(representation);
-    EXPECT_EQ(m_manager->stopBrowserWithID(9), representation);
-    EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 0);
-    EXPECT_EQ(m_manager->stopBrowserWithID(9), nullptr);
-}
+    TestMainLoop main;
+    auto manager = std::make_shared<SLFCefWindowManager>();
+    for (auto ignored : {Representation(-1), Representation(-7), SLFCefWindowRepresentationRef()})
+        manager->registerWindowRepresentation(ignored);
+    EXPECT_EQ(manager->numberOfOpenBrowserWindows(), 0);
+    auto first = Representation(3), second = Representation(3);
+    manager->registerWindowRepresentation(first);
+    manager->registerWindowRepresentation(Representation(0));
+    manager->registerWindowRepresentation(second);
+    EXPECT_EQ(manager->numberOfOpenBrowserWindows(), 2);
+    EXPECT_EQ(manager->windowRepresentationWithID(3), second);
+    EXPECT_EQ(manager->stopBrowserWithID(3), second);
+    EXPECT_EQ(manager->stopBrowserWithID(3), nullptr);
+    EXPECT_EQ(manager->numberOfOpenBrowserWindows(), 1);
 
-TEST_F(SLFCefWindowManagerRegistry, ConcurrentRegistrationFromManyThreads)
-{
     std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([this, t] {
-            for (int i = 0; i < 100; ++i) {
-                int id = t * 1000 + i;
-                m_manager->registerWindowRepresentation(Representation(id));
-                EXPECT_NE(m_manager->windowRepresentationWithID(id), nullptr);
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&manager, t] {
+            for (int i = 1; i <= 100; ++i) {
+                const int id = t * 1000 + i;
+                manager->registerWindowRepresentation(Representation(id));
+                EXPECT_NE(manager->windowRepresentationWithID(id), nullptr);
                 if (i % 2)
-                    m_manager->stopBrowserWithID(id);
+                    manager->stopBrowserWithID(id);
             }
         });
-    }
     for (auto& thread : threads)
         thread.join();
-    EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 200);
+    EXPECT_EQ(manager->numberOfOpenBrowserWindows(), 201);
 }
 
-TEST_F(SLFCefWindowManagerRegistry, SharedManagerIsOneInstance)
-{
-    std::shared_ptr<SLFCefWindowManager> a, b;
-    std::thread other([&] { a = SLFCefWindowManager::sharedManager(); });
-    b = SLFCefWindowManager::sharedManager();
-    other.join();
-    EXPECT_EQ(a, b);
-    EXPECT_NE(a, nullptr);
-}
-
+// Work sent to the main thread from the main thread runs at once instead of
+// waiting for itself.
 TEST(SLFCefMainThread, RunOnMainAndWaitRunsOnTheLoopThreadOrInline)
 {
     TestMainLoop main;
     std::thread::id loopThread;
     SLFCefRunOnMainAndWait([&] { loopThread = std::this_thread::get_id(); });
     EXPECT_NE(loopThread, std::this_thread::get_id());
-    // From the main thread itself the work runs at once instead of waiting
-    // for itself.
     bool nestedRan = false;
     SLFCefRunOnMainAndWait([&] {
         SLFCefRunOnMainAndWait([&] { nestedRan = std::this_thread::get_id() == loopThread; });
@@ -102,26 +67,64 @@ TEST(SLFCefMainThread, RunOnMainAndWaitRunsOnTheLoopThreadOrInline)
     EXPECT_TRUE(nestedRan);
 }
 
-TEST(SLFCefMainThread, PeriodicSourceRepeats)
+TEST(SLFCefWindowRepresentation, ReceiverListIsCopiedOnWriteAndRepliesFollowTheirReceiver)
 {
-    TestMainLoop main;
-    GSource* source = SLFCefPeriodicSourceNew(SLFCefWindowManager::kPumpPeriodNanoseconds);
-    ASSERT_NE(source, nullptr);
-    std::atomic<int> fired{0};
-    g_source_set_callback(
-        source,
-        [](gpointer data) -> gboolean {
-            ++*static_cast<std::atomic<int>*>(data);
-            return G_SOURCE_CONTINUE;
-        },
-        &fired, nullptr);
-    main.run([&] { g_source_attach(source, g_main_context_default()); });
-    // 1/600 s: some hundred wake-ups in a quarter second; only "it repeats"
-    // is checked, the machine may be busy.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (fired < 20 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_GE(fired.load(), 20);
-    main.run([&] { g_source_destroy(source); });
-    g_source_unref(source);
+    SLFCefWindowRepresentation representation;
+    representation.addReceiverProxiesObject(nullptr, [](int) {});
+    EXPECT_EQ(representation.receiverProxies(), nullptr);
+    // Proxies only need an identity here.
+    SLFCefCallbackProxyRef proxy = SLFCefCallbackProxy::Create(nullptr), other = SLFCefCallbackProxy::Create(nullptr);
+    auto token = std::make_shared<int>(1);
+    std::weak_ptr<int> watch = token;
+    int replied = 0;
+    representation.addReceiverProxiesObject(proxy, [&](int id) { replied = 100 + id; });
+    representation.addReceiverProxiesObject(other, [&](int id) { replied = 200 + id; });
+    SLFCefReceiverListRef snapshot = representation.receiverProxies();
+    representation.addReceiverProxiesObject(proxy, [&replied, token](int id) { replied = 300 + id; });
+    token.reset();
+    // Added twice, listed twice, with the later reply; a reader's snapshot
+    // never changes under it.
+    EXPECT_EQ(*representation.receiverProxies(), (SLFCefReceiverList{proxy, other, proxy}));
+    EXPECT_EQ(*snapshot, (SLFCefReceiverList{proxy, other}));
+    representation.replyForReceiverProxy(proxy)(5);
+    EXPECT_EQ(replied, 305);
+    // Unknown and null proxies change nothing; one removal takes every
+    // occurrence and the reply.
+    representation.removeReceiverProxiesObject(SLFCefCallbackProxy::Create(nullptr));
+    representation.removeReceiverProxiesObject(nullptr);
+    representation.removeReceiverProxiesObject(proxy);
+    EXPECT_EQ(*representation.receiverProxies(), (SLFCefReceiverList{other}));
+    EXPECT_FALSE(representation.replyForReceiverProxy(proxy));
+    EXPECT_TRUE(watch.expired());
+    EXPECT_TRUE(representation.replyForReceiverProxy(other));
 }
+
+TEST(SLFCefWindowRepresentation, ConcurrentReceiverChangesAndReadersStayConsistent)
+{
+    SLFCefWindowRepresentation representation;
+    std::atomic<bool> stop{false};
+    std::thread reader([&] {
+        while (!stop) {
+            if (SLFCefReceiverListRef list = representation.receiverProxies()) {
+                for (const auto& receiver : *list)
+                    ASSERT_NE(receiver, nullptr);
+            }
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int w = 0; w < 4; ++w)
+        writers.emplace_back([&] {
+            SLFCefCallbackProxyRef proxy = SLFCefCallbackProxy::Create(nullptr);
+            for (int i = 0; i < 200; ++i) {
+                representation.addReceiverProxiesObject(proxy, [](int) {});
+                representation.removeReceiverProxiesObject(proxy);
+            }
+        });
+    for (auto& writer : writers)
+        writer.join();
+    stop = true;
+    reader.join();
+    EXPECT_TRUE(representation.receiverProxies()->empty());
+}
+
+} // namespace

@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 namespace {
@@ -14,11 +14,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 const std::string kSettings = "http://streamloft/settings";
-
-double SecondsSince(Clock::time_point start)
-{
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
 
 SLFCefDataRef Data(const std::string& text)
 {
@@ -36,25 +31,22 @@ class URLPolicy : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        m_Representation = std::make_shared<SLFCefWindowRepresentation>();
-        m_Representation->setBrowserID(7);
-        m_Representation->setPermittedFileURLStrings({"file:///Users/x/overlay/", "file:///tmp/other/"});
+        m_rep->setBrowserID(7);
+        m_rep->setPermittedFileURLStrings({"file:///Users/x/overlay/", "file:///tmp/other/"});
     }
-
-    bool Wants(const std::string& url) { return SLFCefHandleRequestURL(url, m_Representation.get()); }
-
+    bool Wants(const std::string& url) { return SLFCefHandleRequestURL(url, m_rep.get()); }
     Answer Respond(const std::string& url, int initialStatus = 500)
     {
         Answer answer;
         answer.status = initialStatus;
         std::vector<char> data{'o', 'l', 'd'};
         answer.handled = SLFCefGetResponseHeadersForURL(url, "file:///Users/x/overlay/index.html", &data,
-                                                        &answer.length, &answer.status, m_Representation.get());
+                                                        &answer.length, &answer.status, m_rep.get());
         answer.body.assign(data.begin(), data.end());
         return answer;
     }
 
-    SLFCefWindowRepresentationRef m_Representation;
+    SLFCefWindowRepresentationRef m_rep = std::make_shared<SLFCefWindowRepresentation>();
 };
 
 TEST_F(URLPolicy, DecidesWhichRequestsAreTakenOver)
@@ -67,12 +59,9 @@ TEST_F(URLPolicy, DecidesWhichRequestsAreTakenOver)
         {"http://streamloft/settings/x", false},
         {"http://streamloft/requestText?filePath=/etc/passwd", false},
         {"https://streamloft/settings", false},
-        {"https://example.com/a.js", false},
         {"http://example.com/settings", false},
-        {"data:text/plain,hi", false},
         {"not a url", false},
         // Permitted prefixes, tested on the whole text only.
-        {"file:///Users/x/overlay/index.html", false},
         {"file:///Users/x/overlay/sub/a.png", false},
         {"file:///tmp/other/", false},
         {"file:///Users/x/overlayX/a.html", true},
@@ -80,16 +69,14 @@ TEST_F(URLPolicy, DecidesWhichRequestsAreTakenOver)
         {"file:///etc/passwd", true},
         // Climbing out is refused even under a permitted prefix.
         {"file:///Users/x/overlay/../secret.txt", true},
-        {"file:///a/b/../c", true},
         {"file:///Users/x/overlay/..", true},
         {"file:///Users/x/overlay/%2E%2E/secret.txt", true},
         {"file:///Users/x/overlay/..a/b", false},
     };
     for (const auto& [url, taken] : cases)
         EXPECT_EQ(Wants(url), taken) << url;
-
     // The list can change at any time; an empty list permits no file.
-    m_Representation->setPermittedFileURLStrings({});
+    m_rep->setPermittedFileURLStrings({});
     EXPECT_TRUE(Wants("file:///Users/x/overlay/index.html"));
     EXPECT_FALSE(SLFCefHandleRequestURL("file:///etc/passwd", nullptr));
 }
@@ -97,105 +84,76 @@ TEST_F(URLPolicy, DecidesWhichRequestsAreTakenOver)
 TEST_F(URLPolicy, RefusedFilesGet404AndALogLineOtherURLsAreLeftAlone)
 {
     testing::internal::CaptureStderr();
-    const Answer blocked = Respond("file:///a/b/../c");
+    const Answer blocked = Respond("file:///Users/x/overlay/../secret.txt");
     const std::string log = testing::internal::GetCapturedStderr();
     EXPECT_FALSE(blocked.handled);
     EXPECT_EQ(blocked.status, 404);
     EXPECT_EQ(blocked.length, 3); // the body's size, whatever the answer
-    EXPECT_NE(log.find("Blocked URL file:///a/b/../c [(\n    \"file:///Users/x/overlay/\",\n    "
-                       "\"file:///tmp/other/\"\n)]"),
-              std::string::npos)
-        << log;
+    EXPECT_NE(log.find("Blocked URL file:///Users/x/overlay/../secret.txt [("), std::string::npos) << log;
 
     testing::internal::CaptureStderr();
     const Answer other = Respond("https://example.com/x", 123);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
     EXPECT_FALSE(other.handled);
     EXPECT_EQ(other.status, 123);
-
     int status = 5;
     int64_t length = 9;
     std::vector<char> data;
     EXPECT_FALSE(SLFCefGetResponseHeadersForURL(kSettings, "", &data, &length, &status, nullptr));
-    EXPECT_EQ(status, 5);
-    EXPECT_EQ(length, 9);
+    EXPECT_TRUE(status == 5 && length == 9); // no context: nothing touched
 }
 
-TEST_F(URLPolicy, SettingsWithoutAReceiverEndAtOnceWith408)
+// The settings resource clears the old data, asks the receivers' host and
+// looks once a second for its answer: 408 at once without receivers, the
+// data when the host answers (later, or with nothing), 408 when the last
+// receiver goes while it waits.
+TEST_F(URLPolicy, SettingsComeFromTheHostWhileTheRequestWaits)
 {
-    m_Representation->setSettingsData(Data("stale"));
-    testing::internal::CaptureStderr();
-    const auto start = Clock::now();
-    const Answer answer = Respond(kSettings);
-    const double elapsed = SecondsSince(start);
-    const std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_FALSE(answer.handled);
-    EXPECT_EQ(answer.status, 408);
-    EXPECT_LT(elapsed, 1.0); // no polling round
-    EXPECT_NE(log.find("Error: Could not retrieve settings data from host."), std::string::npos) << log;
-    // The stale data was dropped before asking.
-    EXPECT_EQ(m_Representation->settingsData(), nullptr);
-}
-
-TEST_F(URLPolicy, SettingsArriveFromTheHostWhileTheRequestWaits)
-{
-    m_Representation->addReceiverProxiesObject(SLFCefCallbackProxy::Create(nullptr), nullptr);
-    m_Representation->setSettingsData(Data("stale"));
-    // The host answers some time after the request cleared the old data.
-    std::thread host([this] {
-        while (m_Representation->settingsData())
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        std::this_thread::sleep_for(std::chrono::milliseconds(1200));
-        m_Representation->setSettingsData(Data("{\"colour\":\"green\"}"));
-    });
-    const auto start = Clock::now();
-    const Answer answer = Respond(kSettings);
-    const double elapsed = SecondsSince(start);
-    host.join();
-    EXPECT_TRUE(answer.handled);
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(answer.body, "{\"colour\":\"green\"}");
-    EXPECT_EQ(answer.length, 18);
-    // Seen on one of the once-a-second looks after the answer.
-    EXPECT_GE(elapsed, 1.0);
-    EXPECT_LT(elapsed, 10.0);
-}
-
-TEST_F(URLPolicy, EmptySettingsDataIsAnEmptyBodyWith200)
-{
-    auto proxy = SLFCefCallbackProxy::Create(nullptr);
-    m_Representation->addReceiverProxiesObject(proxy, nullptr);
-    m_Representation->setSettingsData(Data("stale"));
-    std::thread host([this] {
-        while (m_Representation->settingsData())
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        m_Representation->setSettingsData(Data(""));
-    });
-    const Answer answer = Respond(kSettings);
-    host.join();
-    EXPECT_TRUE(answer.handled);
-    EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(answer.body, "");
-    EXPECT_EQ(answer.length, 0);
-}
-
-TEST_F(URLPolicy, ASettingsFetchEndsWhenTheLastReceiverGoes)
-{
-    auto proxy = SLFCefCallbackProxy::Create(nullptr);
-    m_Representation->addReceiverProxiesObject(proxy, nullptr);
-    std::thread host([this, proxy] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        m_Representation->removeReceiverProxiesObject(proxy);
-    });
-    testing::internal::CaptureStderr();
-    const auto start = Clock::now();
-    const Answer answer = Respond(kSettings);
-    const double elapsed = SecondsSince(start);
-    testing::internal::GetCapturedStderr();
-    host.join();
-    EXPECT_FALSE(answer.handled);
-    EXPECT_EQ(answer.status, 408);
-    EXPECT_LT(elapsed, 10.0);
+    const struct {
+        bool receiver;
+        int answerAfterMs; // -1: the receiver goes after 300 ms instead
+        const char* data;
+        int status;
+        double minSeconds;
+    } cases[] = {{false, 0, nullptr, 408, 0}, {true, 1200, "{\"colour\":\"green\"}", 200, 1.0},
+                 {true, 0, "", 200, 0}, {true, -1, nullptr, 408, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.answerAfterMs);
+        auto proxy = SLFCefCallbackProxy::Create(nullptr);
+        if (c.receiver)
+            m_rep->addReceiverProxiesObject(proxy, nullptr);
+        m_rep->setSettingsData(Data("stale"));
+        std::thread host([&] {
+            if (c.answerAfterMs < 0) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(300));
+                m_rep->removeReceiverProxiesObject(proxy);
+            } else if (c.receiver) {
+                while (m_rep->settingsData())
+                    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+                std::this_thread::sleep_for(std::chrono::milliseconds(c.answerAfterMs));
+                m_rep->setSettingsData(Data(c.data));
+            }
+        });
+        testing::internal::CaptureStderr();
+        const auto start = Clock::now();
+        const Answer answer = Respond(kSettings);
+        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        const std::string log = testing::internal::GetCapturedStderr();
+        host.join();
+        EXPECT_EQ(answer.handled, c.status == 200);
+        EXPECT_EQ(answer.status, c.status);
+        EXPECT_GE(elapsed, c.minSeconds);
+        EXPECT_LT(elapsed, c.receiver ? 10.0 : 1.0);
+        if (c.data) {
+            EXPECT_EQ(answer.body, c.data);
+            EXPECT_EQ(answer.length, static_cast<int64_t>(strlen(c.data)));
+        }
+        if (!c.receiver) {
+            EXPECT_NE(log.find("Error: Could not retrieve settings data from host."), std::string::npos) << log;
+            EXPECT_EQ(m_rep->settingsData(), nullptr); // the stale data was dropped
+        }
+        m_rep->removeReceiverProxiesObject(proxy);
+    }
 }
 
 } // namespace

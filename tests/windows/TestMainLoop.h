@@ -6,28 +6,16 @@
 
 #include <glib.h>
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 class TestMainLoop {
 public:
     TestMainLoop()
-        : m_loop(g_main_loop_new(g_main_context_default(), FALSE))
     {
-        std::unique_lock<std::mutex> guard(m_lock);
-        m_thread = std::thread([this] {
-            g_main_context_acquire(g_main_context_default());
-            {
-                std::lock_guard<std::mutex> inner(m_lock);
-                m_running = true;
-                m_started.notify_one();
-            }
-            g_main_loop_run(m_loop);
-            g_main_context_release(g_main_context_default());
-        });
-        m_started.wait(guard, [this] { return m_running; });
+        // Running means the loop thread owns the default context.
+        while (!g_main_loop_is_running(m_loop))
+            g_usleep(100);
     }
     ~TestMainLoop()
     {
@@ -45,9 +33,6 @@ public:
     void run(const std::function<void()>& work) { SLFCefRunOnMainAndWait(work); }
 
 private:
-    GMainLoop* m_loop;
-    std::mutex m_lock;
-    std::condition_variable m_started;
-    bool m_running = false;
-    std::thread m_thread;
+    GMainLoop* m_loop = g_main_loop_new(g_main_context_default(), FALSE);
+    std::thread m_thread{[this] { g_main_loop_run(m_loop); }};
 };
