@@ -1,77 +1,109 @@
-// A stand-in for the overlay service in the host library's unit tests: a
-// peer-to-peer D-Bus server on a real Unix socket, on a thread of its own,
-// that exports the request interface, records every request, answers
-// OpenBrowser the way the service does (BrowserDidStart at once, the reply
-// when the browser is closed) and lets a test send the callback methods with
-// their surfaces and audio records and see when the host replies.
+// A stand-in for the overlay service: one host connection, answered as the
+// service does (BrowserDidStart at once with IDs from 7, a URL without "://"
+// refused, the open reply when the browser is closed).
 #pragma once
 
-#include <gio/gio.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <deque>
-#include <functional>
-#include <map>
-#include <mutex>
-#include <string>
+#include <cstring>
+#include <future>
+#include <memory>
 #include <thread>
-#include <vector>
+
+#include "client/OverlayIntrospection.h"
+#include "tests/support/DBusPeer.h"
 
 class FakeOverlayService {
  public:
-  struct Request {
-    std::string method;
-    GVariant* parameters;  // owned
-  };
-
-  explicit FakeOverlayService(std::string socketPath);
-  ~FakeOverlayService();
+  explicit FakeOverlayService(std::string socketPath) : socketPath_(std::move(socketPath)) {
+    listenFd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, socketPath_.c_str(), sizeof address.sun_path - 1);
+    if (bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(listenFd_, 1) != 0)
+      throw std::runtime_error("cannot listen on " + socketPath_);
+    acceptor_ = std::thread([this] {
+      int fd = accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd >= 0) Serve(fd);
+    });
+  }
+  ~FakeOverlayService() {
+    shutdown(listenFd_, SHUT_RDWR);
+    acceptor_.join();
+    close(listenFd_);
+    host_.reset();
+    for (auto& [id, message] : openRequests_) g_object_unref(message);
+  }
 
   const std::string& socketPath() const { return socketPath_; }
-
-  // The browser ID announced for the next OpenBrowser (then counted up).
-  void setNextBrowserID(int id);
-  // OpenBrowser requests for this URL are answered with an error at once.
-  void refuseURL(const std::string& url);
-
-  // Waits until `count` requests have arrived; a copy of the list.
-  std::vector<std::string> waitForRequests(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(5));
-  // Parameters of the n-th request (a new reference).
-  GVariant* requestParameters(size_t n);
-
-  // Calls a callback method on the (single) connected host and returns a
-  // token; replied(token) tells whether its reply has arrived. `fd` (if >= 0)
-  // travels as the call's only descriptor; it is not closed.
-  int callHost(const char* method, GVariant* parameters, int fd = -1);
-  bool replied(int token);
-  bool waitForReply(int token, std::chrono::milliseconds timeout = std::chrono::seconds(5));
-  bool waitForHost(std::chrono::milliseconds timeout = std::chrono::seconds(5));
-  // Closes every host connection.
-  void closeConnections();
+  bool waitForHost() { return hostReadyFuture_.wait_for(std::chrono::seconds(5)) == std::future_status::ready; }
+  // "Method (parameters)" of each request, once `count` have come.
+  std::vector<std::string> waitForRequests(size_t count) { return host_->waitForCalls(count); }
+  // A token for waitForReply.
+  guint32 callHost(const char* method, GVariant* parameters, int fd = -1) {
+    return host_->send(streamloft::kOverlayCallbacksObjectPath, streamloft::kOverlayCallbacksInterface, method,
+                       parameters, fd);
+  }
+  bool waitForReply(guint32 token, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
+    return host_->waitForReply(token, timeout).has_value();
+  }
+  void closeConnection() { host_->close(); }
 
  private:
-  static gboolean OnNewConnection(GDBusServer*, GDBusConnection* connection, gpointer data);
-  static void OnMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
-                           GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data);
-  void RunOnThread(std::function<void()> work);
+  void Serve(int fd) {
+    GSocket* socket = g_socket_new_from_fd(fd, nullptr);
+    GSocketConnection* stream = g_socket_connection_factory_create_connection(socket);
+    gchar* guid = g_dbus_generate_guid();
+    GDBusConnection* connection = g_dbus_connection_new_sync(
+        G_IO_STREAM(stream), guid,
+        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_SERVER |
+                             G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING),
+        nullptr, nullptr, nullptr);
+    g_free(guid);
+    g_object_unref(stream);
+    g_object_unref(socket);
+    if (!connection) return;
+    host_ = std::make_unique<DBusPeer>(connection, [this](GDBusMessage* call) { return Answer(call); });
+    hostReady_.set_value();
+  }
+
+  // On GDBus's thread, one call at a time.
+  std::vector<GDBusMessage*> Answer(GDBusMessage* call) {
+    const std::string method = g_dbus_message_get_member(call);
+    GVariant* body = g_dbus_message_get_body(call);
+    int id = 0;  // never an open browser's
+    if (method == "OpenBrowser") {
+      const gchar* url = nullptr;
+      g_variant_get_child(body, 0, "&s", &url);
+      if (!strstr(url, "://"))
+        return {g_dbus_message_new_method_error(call, "com.streamloft.Error.InvalidURL", "URL does not parse")};
+      id = nextBrowserID_++;
+      openRequests_[id] = G_DBUS_MESSAGE(g_object_ref(call));
+      GDBusMessage* started = g_dbus_message_new_method_call(nullptr, streamloft::kOverlayCallbacksObjectPath,
+                                                             streamloft::kOverlayCallbacksInterface, "BrowserDidStart");
+      g_dbus_message_set_body(started, g_variant_new("(i)", id));
+      return {started};
+    }
+    std::vector<GDBusMessage*> out;
+    if (method == "CloseBrowser") g_variant_get(body, "(i)", &id);
+    // As the service: the open request's reply goes before the close's own.
+    if (auto open = openRequests_.find(id); open != openRequests_.end()) {
+      out.push_back(g_dbus_message_new_method_reply(open->second));
+      g_dbus_message_set_body(out.back(), g_variant_new("(i)", id));
+      g_object_unref(open->second);
+      openRequests_.erase(open);
+    }
+    out.push_back(g_dbus_message_new_method_reply(call));
+    return out;
+  }
 
   std::string socketPath_;
-  GMainContext* context_;
-  GMainLoop* loop_;
-  GDBusServer* server_ = nullptr;
-  GDBusNodeInfo* node_ = nullptr;
-  std::thread thread_;
-
-  // Lock order: a leaf; no GDBus call is made while it is held.
-  std::mutex lock_;
-  std::condition_variable changed_;
-  std::vector<Request> requests_;
-  std::vector<GDBusConnection*> connections_;
-  std::map<int, GDBusMethodInvocation*> openInvocations_;  // by browser ID
-  std::vector<std::string> refusedURLs_;
+  int listenFd_ = -1;
+  std::thread acceptor_;
+  std::promise<void> hostReady_;
+  std::future<void> hostReadyFuture_ = hostReady_.get_future();
+  std::unique_ptr<DBusPeer> host_;
+  std::map<int, GDBusMessage*> openRequests_;  // by browser ID, touched on GDBus's thread only
   int nextBrowserID_ = 7;
-  int nextToken_ = 1;
-  std::map<int, bool> replies_;
-  std::deque<std::function<void()>> jobs_;
 };

@@ -1,107 +1,60 @@
-// Reading frame surfaces: the property dictionary, its checks against the
-// surface memory, and the per-surface mapping cache.
+// Frame surfaces: their properties, the checks against their memory, and
+// the per-surface mapping cache.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstring>
-
 #include "client/SurfaceMappingCache.h"
-#include "platform/NplSharedSurface.h"
 
-using streamloft::ParseSurfaceProperties;
-using streamloft::SurfaceMappingCache;
-using streamloft::SurfaceProperties;
-using streamloft::ValidateSurfaceProperties;
+using namespace streamloft;
 
 namespace {
 
 SurfaceProperties Props(uint32_t w, uint32_t h, uint32_t stride, uint64_t alloc, uint64_t id = 1) {
-  SurfaceProperties p;
-  p.width = w;
-  p.height = h;
-  p.bytesPerRow = stride;
-  p.bytesPerElement = 4;
-  p.pixelFormat = streamloft::kPixelFormatBGRA;
-  p.surfaceID = id;
-  p.allocSize = alloc;
-  return p;
+  return {.width = w, .height = h, .bytesPerRow = stride, .bytesPerElement = 4, .pixelFormat = kPixelFormatBGRA,
+          .surfaceID = id, .allocSize = alloc};
 }
 
-int SealedMemfd(size_t size, bool seal = true) {
+int Memfd(size_t size, bool seal = true) {
   int fd = memfd_create("surface", MFD_CLOEXEC | MFD_ALLOW_SEALING);
   EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
-  if (seal) {
-    EXPECT_EQ(fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW), 0);
-  }
+  EXPECT_EQ(seal ? fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) : 0, 0);
   return fd;
 }
 
-TEST(SurfacePropertiesTest, ReadsTheDictionaryThePlatformSurfaceWrites) {
-  NplSharedSurfaceProperties sent;
-  sent.width = 1280;
-  sent.height = 720;
-  sent.bytesPerRow = 5120;
-  sent.surfaceID = 0x1'0000'0001ull;  // beyond 32 bits
-  sent.allocSize = 5120 * 720;
-  GVariant* dictionary = g_variant_ref_sink(NplSharedSurface_BuildPropertiesVariant(sent));
+// What the service sends is read in the frames' end-to-end tests; here, the
+// values it must refuse.
+TEST(SurfacePropertiesTest, ReadsAnyWholeNumberTypeAndRefusesMissingOrMistypedValues) {
   SurfaceProperties p;
   std::string error;
-  ASSERT_TRUE(ParseSurfaceProperties(dictionary, &p, &error)) << error;
-  g_variant_unref(dictionary);
-  EXPECT_EQ(p.width, 1280u);
-  EXPECT_EQ(p.height, 720u);
-  EXPECT_EQ(p.bytesPerRow, 5120u);
-  EXPECT_EQ(p.bytesPerElement, 4u);
-  EXPECT_EQ(p.pixelFormat, 0x42475241u);
-  EXPECT_EQ(p.surfaceID, 0x1'0000'0001ull);
-  EXPECT_EQ(p.allocSize, 5120u * 720u);
-}
-
-TEST(SurfacePropertiesTest, AcceptsOtherNumberTypesButRefusesMissingNegativeOrOversizedValues) {
-  auto build = [](const char* skip, GVariant* widthValue) {
-    GVariantBuilder b;
-    g_variant_builder_init(&b, G_VARIANT_TYPE_VARDICT);
-    g_variant_builder_add(&b, "{sv}", "IOSurfaceWidth", widthValue);
-    g_variant_builder_add(&b, "{sv}", "IOSurfaceHeight", g_variant_new_double(2.0));
-    g_variant_builder_add(&b, "{sv}", "IOSurfaceBytesPerRow", g_variant_new_int32(64));
-    g_variant_builder_add(&b, "{sv}", "IOSurfaceBytesPerElement", g_variant_new_byte(4));
-    if (strcmp(skip, "IOSurfacePixelFormat") != 0) {
-      g_variant_builder_add(&b, "{sv}", "IOSurfacePixelFormat", g_variant_new_uint32(0x42475241));
-    }
-    g_variant_builder_add(&b, "{sv}", "IOSurfaceID", g_variant_new_int64(9));
-    g_variant_builder_add(&b, "{sv}", "IOSurfaceAllocSize", g_variant_new_uint32(128));
-    return g_variant_ref_sink(g_variant_builder_end(&b));
-  };
-  struct Case {
-    const char* skip;
-    GVariant* width;
-    bool ok;
-    const char* message;
+  // Any integer type, or a double without a fraction, is read.
+  struct {
+    const char* width;
+    bool withFormat;
+    const char* error;  // "" when it is read
   } cases[] = {
-      {"", g_variant_new_uint16(16), true, ""},
-      {"IOSurfacePixelFormat", g_variant_new_uint16(16), false, "IOSurfacePixelFormat is missing"},
-      {"", g_variant_new_int32(-16), false, "IOSurfaceWidth is not a non-negative whole number"},
-      {"", g_variant_new_double(16.5), false, "IOSurfaceWidth is not a non-negative whole number"},
-      {"", g_variant_new_string("16"), false, "IOSurfaceWidth is not a non-negative whole number"},
-      {"", g_variant_new_uint64(1ull << 32), false, "IOSurfaceWidth is out of range"},
+      {"<uint16 16>", true, ""},
+      {"<-16>", true, "IOSurfaceWidth is not a non-negative whole number"},
+      {"<16.5>", true, "IOSurfaceWidth is not a non-negative whole number"},
+      {"<'16'>", true, "IOSurfaceWidth is not a non-negative whole number"},
+      {"<uint64 4294967296>", true, "IOSurfaceWidth is out of range"},
+      {"<16>", false, "IOSurfacePixelFormat is missing"},
   };
-  for (auto& c : cases) {
-    GVariant* d = build(c.skip, c.width);
-    SurfaceProperties p;
-    std::string error;
-    EXPECT_EQ(ParseSurfaceProperties(d, &p, &error), c.ok) << c.message;
-    EXPECT_NE(error.find(c.message), std::string::npos) << error;
-    if (c.ok) {
-      EXPECT_EQ(p.width, 16u);
-      EXPECT_EQ(p.height, 2u);
-      EXPECT_EQ(p.surfaceID, 9u);
+  for (const auto& c : cases) {
+    std::string text = std::string("{'IOSurfaceWidth': ") + c.width +
+                       ", 'IOSurfaceHeight': <2.0>, 'IOSurfaceBytesPerRow': <64>, 'IOSurfaceBytesPerElement': <byte 4>,"
+                       " 'IOSurfaceID': <int64 9>, 'IOSurfaceAllocSize': <uint32 128>" +
+                       (c.withFormat ? ", 'IOSurfacePixelFormat': <uint32 0x42475241>}" : "}");
+    GVariant* d = g_variant_ref_sink(g_variant_new_parsed(text.c_str()));
+    p = {};
+    EXPECT_EQ(ParseSurfaceProperties(d, &p, &error), !*c.error) << text;
+    EXPECT_NE(error.find(c.error), std::string::npos) << error;
+    if (!*c.error) {
+      EXPECT_EQ(std::tie(p.width, p.height, p.surfaceID), std::make_tuple(16u, 2u, uint64_t(9)));
     }
     g_variant_unref(d);
   }
-  std::string error;
-  SurfaceProperties p;
   GVariant* notADictionary = g_variant_ref_sink(g_variant_new_int32(1));
   EXPECT_FALSE(ParseSurfaceProperties(notADictionary, &p, &error));
   g_variant_unref(notADictionary);
@@ -111,8 +64,10 @@ TEST(SurfacePropertiesTest, ValidationKeepsEveryReadInsideTheMemory) {
   std::string error;
   EXPECT_TRUE(ValidateSurfaceProperties(Props(16, 2, 64, 128), 128, &error)) << error;
   EXPECT_TRUE(ValidateSurfaceProperties(Props(16, 2, 128, 256), 4096, &error)) << error;  // padded rows
-
-  struct Case {
+  SurfaceProperties wrongFormat = Props(16, 2, 64, 128), wrongElement = wrongFormat;
+  wrongFormat.pixelFormat = 0x41524742;
+  wrongElement.bytesPerElement = 3;
+  struct {
     SurfaceProperties p;
     uint64_t fileSize;
     const char* message;
@@ -125,104 +80,74 @@ TEST(SurfacePropertiesTest, ValidationKeepsEveryReadInsideTheMemory) {
       // Products that would wrap in 32 bits.
       {Props(0x40000000, 4, 0x10000000, 1024), 1024, "shorter than a row"},
       {Props(1, 0x10000, 0x10000, 0x10000), 0x10000, "smaller than its image"},
+      {wrongFormat, 128, ""},
+      {wrongElement, 128, ""},
   };
   for (const auto& c : cases) {
     EXPECT_FALSE(ValidateSurfaceProperties(c.p, c.fileSize, &error)) << c.message;
     EXPECT_NE(error.find(c.message), std::string::npos) << error;
   }
-  SurfaceProperties wrongFormat = Props(16, 2, 64, 128);
-  wrongFormat.pixelFormat = 0x41524742;
-  EXPECT_FALSE(ValidateSurfaceProperties(wrongFormat, 128, &error));
-  SurfaceProperties wrongElement = Props(16, 2, 64, 128);
-  wrongElement.bytesPerElement = 3;
-  EXPECT_FALSE(ValidateSurfaceProperties(wrongElement, 128, &error));
 }
 
-TEST(SurfaceMappingCacheTest, ReusesOneMappingPerSurfaceAndTellsSurfacesApart) {
+TEST(SurfaceMappingCacheTest, MapsEachSurfaceOnceReadOnlyAndRefusesUnsafeMemory) {
   SurfaceMappingCache cache;
   std::string error;
-  int a = SealedMemfd(4096);
-  int b = SealedMemfd(4096);
+  int a = Memfd(4096), b = Memfd(4096);
   auto first = cache.Map(1, Props(16, 16, 64, 1024, 1), a, &error);
   ASSERT_TRUE(first) << error;
-  // The same surface arrives again through a new descriptor of the same memory.
+  // The same surface again through another descriptor of the same memory.
   int again = dup(a);
-  auto second = cache.Map(1, Props(16, 16, 64, 1024, 1), again, &error);
-  EXPECT_EQ(first, second);
+  EXPECT_EQ(cache.Map(1, Props(16, 16, 64, 1024, 1), again, &error), first);
   EXPECT_EQ(cache.mapCount(), 1u);
-  // Same ID but other memory (IDs of another service instance), and another
-  // ID on the same memory: both are separate surfaces.
+  // Same ID on other memory (another service instance's), and another ID on
+  // the same memory, are separate surfaces.
   auto otherMemory = cache.Map(1, Props(16, 16, 64, 1024, 1), b, &error);
   auto otherID = cache.Map(1, Props(16, 16, 64, 1024, 2), a, &error);
   ASSERT_TRUE(otherMemory && otherID);
-  EXPECT_NE(otherMemory, first);
-  EXPECT_NE(otherID, first);
+  EXPECT_TRUE(otherMemory != first && otherID != first);
   EXPECT_EQ(cache.mapCount(), 3u);
+  for (int fd : {a, b, again}) close(fd);
+  // Still readable after its descriptors are gone, and never writable: the
+  // kernel refuses to store into it.
   EXPECT_EQ(first->size(), 4096u);
-  close(a);
-  close(b);
-  close(again);
-  // The mapping stays readable after its descriptors are gone.
   EXPECT_EQ(first->base()[4095], 0);
-}
+  int pipeFds[2];
+  ASSERT_EQ(pipe(pipeFds), 0);
+  ASSERT_EQ(write(pipeFds[1], "x", 1), 1);
+  EXPECT_EQ(read(pipeFds[0], const_cast<uint8_t*>(first->base()), 1), -1);
+  EXPECT_EQ(errno, EFAULT);
 
-TEST(SurfaceMappingCacheTest, RefusesMemoryThatCanShrinkOrIsNotAFile) {
-  SurfaceMappingCache cache;
-  std::string error;
-  int unsealed = SealedMemfd(4096, false);
-  EXPECT_FALSE(cache.Map(1, Props(16, 16, 64, 1024), unsealed, &error));
-  EXPECT_NE(error.find("not sealed against shrinking"), std::string::npos) << error;
-  close(unsealed);
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  EXPECT_FALSE(cache.Map(1, Props(16, 16, 64, 1024), fds[0], &error));
-  EXPECT_NE(error.find("not a shared memory file"), std::string::npos) << error;
-  close(fds[0]);
-  close(fds[1]);
-  int tooSmall = SealedMemfd(512);
-  EXPECT_FALSE(cache.Map(1, Props(16, 16, 64, 1024), tooSmall, &error));
-  EXPECT_NE(error.find("exceeds its memory"), std::string::npos) << error;
-  close(tooSmall);
-  EXPECT_EQ(cache.size(), 0u);
-}
-
-TEST(SurfaceMappingCacheTest, KeepsABoundedNumberOfSurfaces) {
-  SurfaceMappingCache cache;
-  std::string error;
-  std::shared_ptr<const streamloft::SurfaceMapping> held;
-  for (uint64_t id = 1; id <= SurfaceMappingCache::kMaxEntries + 10; ++id) {
-    int fd = SealedMemfd(4096);
-    auto m = cache.Map(1, Props(16, 16, 64, 1024, id), fd, &error);
-    ASSERT_TRUE(m) << error;
-    if (id == 1) held = m;
+  int unsealed = Memfd(4096, false), tooSmall = Memfd(512);
+  std::pair<int, const char*> refused[] = {{unsealed, "not sealed against shrinking"},
+                                           {pipeFds[0], "not a shared memory file"},
+                                           {tooSmall, "exceeds its memory"}};
+  for (auto [fd, message] : refused) {
+    EXPECT_FALSE(cache.Map(1, Props(16, 16, 64, 1024, 5), fd, &error));
+    EXPECT_NE(error.find(message), std::string::npos) << error;
     close(fd);
   }
-  EXPECT_LE(cache.size(), SurfaceMappingCache::kMaxEntries);
-  // A mapping the cache let go of is still valid for its holder.
-  EXPECT_EQ(held->base()[0], 0);
+  close(pipeFds[1]);
+  EXPECT_EQ(cache.size(), 3u);
 }
 
-TEST(SurfaceMappingCacheTest, UnmapsSurfacesOfAClosedBrowserAndSurfacesNoLongerSent) {
+TEST(SurfaceMappingCacheTest, PrunesSurfacesOfClosedBrowsersIdleOnesAndBeyondItsBound) {
   SurfaceMappingCache cache(std::chrono::milliseconds(200));
   std::string error;
-  int a = SealedMemfd(4096), b = SealedMemfd(4096), c = SealedMemfd(4096), d = SealedMemfd(4096);
+  int a = Memfd(4096), b = Memfd(4096), c = Memfd(4096), d = Memfd(4096);
   auto heldA = cache.Map(1, Props(16, 16, 64, 1024, 1), a, &error);
-  std::weak_ptr<const streamloft::SurfaceMapping> b1 = cache.Map(1, Props(16, 16, 64, 1024, 2), b, &error);
-  std::weak_ptr<const streamloft::SurfaceMapping> c2 = cache.Map(2, Props(16, 16, 64, 1024, 3), c, &error);
+  std::weak_ptr<const SurfaceMapping> b1 = cache.Map(1, Props(16, 16, 64, 1024, 2), b, &error);
+  std::weak_ptr<const SurfaceMapping> c2 = cache.Map(2, Props(16, 16, 64, 1024, 3), c, &error);
   ASSERT_EQ(cache.size(), 3u) << error;
-
-  // Browser 1 closes: its surfaces go, browser 2's stays; a frame still
-  // held keeps its memory mapped until it is dropped.
+  // Browser 1 closes: its surfaces go, browser 2's stays; a frame still held
+  // keeps its memory mapped until it is dropped.
   cache.BrowserDidClose(1);
   EXPECT_EQ(cache.size(), 1u);
   EXPECT_TRUE(b1.expired());
   EXPECT_FALSE(c2.expired());
   EXPECT_EQ(heldA->base()[4095], 0);
   heldA.reset();
-
-  // A resize: browser 2 moves from surface 3 to surface 4. Frames over
-  // surface 4 alone let go of surface 3 once it has been idle too long,
-  // without mapping surface 4 again.
+  // A resize moves browser 2 from surface 3 to 4: frames over surface 4 alone
+  // let go of the idle surface 3, without mapping surface 4 again.
   ASSERT_TRUE(cache.Map(2, Props(16, 16, 64, 1024, 4), d, &error)) << error;
   usleep(250 * 1000);
   ASSERT_TRUE(cache.Map(2, Props(16, 16, 64, 1024, 4), d, &error)) << error;
@@ -233,6 +158,15 @@ TEST(SurfaceMappingCacheTest, UnmapsSurfacesOfAClosedBrowserAndSurfacesNoLongerS
   usleep(250 * 1000);
   cache.Prune();
   EXPECT_EQ(cache.size(), 0u);
+
+  // Within the bound; a mapping let go of stays valid for its holder.
+  for (uint64_t id = 10; id < 10 + SurfaceMappingCache::kMaxEntries + 10; ++id) {
+    auto mapping = cache.Map(1, Props(16, 16, 64, 1024, id), a, &error);
+    ASSERT_TRUE(mapping) << error;
+    if (id == 10) heldA = mapping;
+  }
+  EXPECT_LE(cache.size(), SurfaceMappingCache::kMaxEntries);
+  EXPECT_EQ(heldA->base()[0], 0);
   for (int fd : {a, b, c, d}) close(fd);
 }
 
