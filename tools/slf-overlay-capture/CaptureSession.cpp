@@ -10,6 +10,8 @@ namespace slf_capture {
 namespace {
 
 constexpr auto kStartTimeout = std::chrono::seconds(20);
+// A cold engine takes a while to paint a page for the first time.
+constexpr auto kFirstFrameTimeout = std::chrono::seconds(20);
 constexpr auto kCloseTimeout = std::chrono::seconds(5);
 // Converted images waiting for the PNG writer; frames beyond this are
 // counted but not written, so a slow disk cannot make the tool grow.
@@ -105,6 +107,13 @@ int CaptureSession::Run() {
   printf("browser ID: %d\n", browserID);
   fflush(stdout);
 
+  // The capture runs for --seconds from the first frame, so that the time a
+  // cold engine needs to paint does not eat into it.
+  if (browserID != -1 && options_.seconds > 0 &&
+      !WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(kFirstFrameTimeout),
+               [this] { return framesReceived_ > 0 || connectionClosed_; }))
+    fprintf(stderr, "slf-overlay-capture: no frame within %lld s of the browser's start; capturing anyway\n",
+            static_cast<long long>(kFirstFrameTimeout.count()));
   const auto captureStart = std::chrono::steady_clock::now();
   if (browserID == -1) {
     printf("no browser: the service has no web engine yet (browser ID -1); nothing to capture\n");
@@ -198,7 +207,7 @@ void CaptureSession::PrintReport(double elapsedSeconds, uint64_t framesInCapture
   for (const auto& [w, h] : frameSizes_) printf("frame size: %ux%u\n", w, h);
   printf("distinct surfaces: %zu\n", surfaceIDs_.size());
   // Gaps in the stream say which frames went missing once frames flow; the
-  // rate over the whole capture also counts the wait for the first frame.
+  // rate over the capture window (from the first frame) counts every shortfall.
   printf("drops: %llu frames missed by pacing (intervals over 1.5 frame periods: %llu); estimated from the rate: "
          "%llu (%.0f expected at %.2f fps in %.2f s, %llu received); frames refused by the library: %llu\n",
          ull(pacing_.framesMissed()), ull(pacing_.longGaps()),
@@ -265,8 +274,10 @@ void CaptureSession::BrowserReceivedVideoFrame(int, std::shared_ptr<const stream
   {
     std::lock_guard<std::mutex> guard(lock_);
     index = ++framesReceived_;
-    if (index == 1)
+    if (index == 1) {
       firstFrame_ = frame->receivedAt();
+      changed_.notify_all();  // the capture window starts now
+    }
     else
       pacing_.AddInterval(Seconds(frame->receivedAt() - lastFrame_));
     lastFrame_ = frame->receivedAt();

@@ -37,7 +37,7 @@ int main(int argc, char** argv) {
   app.add_option("--url", options.url, "Page to render (http, https or file URL)")->required();
   app.add_option("--size", size, "Render size WxH in pixels")->capture_default_str();
   app.add_option("--fps", options.fps, "Frame rate to ask for")->capture_default_str()->check(CLI::Range(1.0, 240.0));
-  app.add_option("--seconds", options.seconds, "How long to capture")->capture_default_str()->check(CLI::Range(0.0, 86400.0));
+  app.add_option("--seconds", options.seconds, "How long to capture, counted from the first frame")->capture_default_str()->check(CLI::Range(0.0, 86400.0));
   app.add_option("--out", options.outDir, "Folder for frame_NNNNNN.png and audio_*.wav (nothing is written without it)");
   app.add_option("--every", options.every, "Keep every Nth frame")->capture_default_str()->check(CLI::Range(1u, 1000000u));
   app.add_option("--socket", options.socketPath, "Socket of the service (default: $XDG_RUNTIME_DIR/streamloft/overlay-helper.sock)");
