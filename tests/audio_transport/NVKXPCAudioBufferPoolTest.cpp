@@ -149,7 +149,7 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
 
     // The real record still opens; slots past the end of the segment, or
     // reaching past it, are refused; the last slot and a whole-segment slot are fine.
-    auto receiver = NVKXPCAudioBufferPool::initWithRecord(g_variant_ref(record));
+    auto receiver = NVKXPCAudioBufferPool::initWithRecord(record);
     ASSERT_TRUE(receiver);
     auto sent = sender->bufferFromPool();
     int returns = 0;

@@ -6,7 +6,7 @@
 
 inline GVariant* Edited(GVariant* record, const char* key, GVariant* value = nullptr)
 {
-    g_variant_ref_sink(record);
+    g_variant_take_ref(record);
     GVariantDict dict;
     g_variant_dict_init(&dict, record);
     value ? g_variant_dict_insert_value(&dict, key, value) : (void)g_variant_dict_remove(&dict, key);
