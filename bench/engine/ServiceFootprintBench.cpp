@@ -103,7 +103,7 @@ double Open(Host& host, const std::string& url)
 {
     host.callbacks.Reset();
     const auto start = Clock::now();
-    if (!host.client->OpenBrowser(url, 1280, 720, 30, {}))
+    if (!host.client->OpenBrowser(url, 1280, 720, 30, {"file://" SLF_BENCH_PAGES_DIR "/"}))
         return -1;
     Clock::time_point at;
     host.browserID = host.callbacks.Wait(&at);

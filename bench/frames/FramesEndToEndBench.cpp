@@ -123,7 +123,7 @@ int RunServiceHost(pid_t root, const std::string& socket, const std::string& url
         return 1;
     }
     std::string error;
-    if (!client->OpenBrowser(url, kWidth, kHeight, kFps, {}, &error)) {
+    if (!client->OpenBrowser(url, kWidth, kHeight, kFps, {"file://" SLF_BENCH_PAGES_DIR "/"}, &error)) {
         std::fprintf(stderr, "frames e2e: open failed: %s\n", error.c_str());
         return 1;
     }
