@@ -82,11 +82,11 @@ GSource* SLFCefPeriodicSourceNew(uint64_t periodNanoseconds)
     int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     if (fd < 0)
         return nullptr;
-    struct itimerspec spec = {};
-    spec.it_interval.tv_sec = static_cast<time_t>(periodNanoseconds / 1000000000u);
-    spec.it_interval.tv_nsec = static_cast<long>(periodNanoseconds % 1000000000u);
-    spec.it_value = spec.it_interval;
-    if (timerfd_settime(fd, 0, &spec, nullptr) != 0) {
+    struct itimerspec period = {};
+    period.it_interval.tv_sec = static_cast<time_t>(periodNanoseconds / 1000000000u);
+    period.it_interval.tv_nsec = static_cast<long>(periodNanoseconds % 1000000000u);
+    period.it_value = period.it_interval;
+    if (timerfd_settime(fd, 0, &period, nullptr) != 0) {
         close(fd);
         return nullptr;
     }
