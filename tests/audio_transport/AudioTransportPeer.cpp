@@ -35,8 +35,7 @@ int main()
             const unsigned long long offset = buffer->offset();
             if (!pool->receivedBuffer(buffer, [offset] { printf("R %llu\n", offset); }))
                 printf("X %llu\n", offset);
-        } else if (line[0] == 'T' && pool) {
-            // Dropping the last reference at the end of each pass runs the return block.
+        } else if (line[0] == 'T' && pool) { // dropping each buffer runs its return block
             while (std::shared_ptr<NVKXPCAudioBuffer> buffer = pool->bufferFromPool()) {
                 gchar* sum = g_compute_checksum_for_data(G_CHECKSUM_SHA1, static_cast<const guchar*>(buffer->bytes()), buffer->length());
                 printf("V %llu %llu %s %lld %lld %lld %d\n", (unsigned long long)buffer->offset(),

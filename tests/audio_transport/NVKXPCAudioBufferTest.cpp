@@ -1,5 +1,3 @@
-// NVKXPCAudioBuffer on its own: appends, slot identity, its record and the
-// two roles (writable slot, received read-only view with a return block).
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -19,20 +17,16 @@ TEST(NVKXPCAudioBuffer, AppendsCopyIntoItsSlotAndStopAtCapacity)
     EXPECT_EQ(buffer->length(), 4096u);
     EXPECT_EQ(memcmp(segment.data() + 4096, bytes.data(), 4000), 0);
     EXPECT_EQ(memcmp(segment.data() + 8096, bytes.data(), 96), 0);
-    EXPECT_EQ(segment[4095], 0xEE); // neighbouring slots are untouched
-    EXPECT_EQ(segment[8192], 0xEE);
+    EXPECT_TRUE(segment[4095] == 0xEE && segment[8192] == 0xEE); // neighbouring slots untouched
     // A huge count cannot wrap the arithmetic: only the free space is copied.
     buffer->setLength(10);
     buffer->appendBytes(bytes.data(), UINT64_MAX - 5);
     EXPECT_EQ(buffer->length(), 4096u);
 
-    // Buffers are identified by their slot offset alone.
     auto same = NVKXPCAudioBuffer::initWithBuffer(segment.data(), 4096, 64);
     auto other = NVKXPCAudioBuffer::initWithBuffer(segment.data(), 0, 4096);
-    EXPECT_TRUE(*buffer == *same);
-    EXPECT_EQ(buffer->hash(), same->hash());
-    EXPECT_FALSE(buffer->isEqual(*other));
-    EXPECT_NE(buffer->hash(), other->hash());
+    EXPECT_TRUE(*buffer == *same && buffer->hash() == same->hash()); // the slot offset alone
+    EXPECT_TRUE(!buffer->isEqual(*other) && buffer->hash() != other->hash());
     buffer->returnToPool(); // without a pool: nothing happens
 }
 
@@ -44,36 +38,30 @@ TEST(NVKXPCAudioBuffer, RecordRoundTripsAndDecodingIsStrict)
     buffer->setChannelCount(-1);
     buffer->setBitsPerSample(INT64_MAX);
     GVariant* record = g_variant_ref_sink(buffer->encodeRecord());
+    auto decode = [&](const char* key, GVariant* value = nullptr) {
+        return NVKXPCAudioBuffer::initWithRecord(Edited(g_variant_ref(record), key, value));
+    };
     auto decoded = NVKXPCAudioBuffer::initWithRecord(record);
     ASSERT_TRUE(decoded);
     EXPECT_TRUE(decoded->offset() == UINT64_MAX - 1 && decoded->capacity() == 1024u && decoded->length() == 700u);
     EXPECT_TRUE(decoded->sampleRate() == INT64_MIN && decoded->channelCount() == -1 &&
                 decoded->bitsPerSample() == INT64_MAX);
     EXPECT_EQ(decoded->mappedMemory(), nullptr); // not mapped until a pool adopts it
-    // A length past the slot is clamped.
-    EXPECT_EQ(NVKXPCAudioBuffer::initWithRecord(Edited(g_variant_ref(record), "NVKLength", g_variant_new_uint64(9999)))
-                  ->length(),
-              1024u);
+    EXPECT_EQ(decode("NVKLength", g_variant_new_uint64(9999))->length(), 1024u); // clamped to the slot
 
     // Missing keys, wrong types, bad slot sizes and non-dictionaries decode to nothing.
     for (const char* key : {"NVKShmemSize", "NVKLength", "NVKOffset", "NVKSampleRate", "NVKChannelCount",
-                            "NVKBitsPerSample"}) {
-        EXPECT_FALSE(NVKXPCAudioBuffer::initWithRecord(Edited(g_variant_ref(record), key))) << key;
-        EXPECT_FALSE(NVKXPCAudioBuffer::initWithRecord(Edited(g_variant_ref(record), key, g_variant_new_int32(1))))
-            << key;
-    }
-    EXPECT_FALSE(NVKXPCAudioBuffer::initWithRecord(Edited(g_variant_ref(record), "NVKSampleRate", g_variant_new_uint64(1))));
+                            "NVKBitsPerSample"})
+        EXPECT_FALSE(decode(key) || decode(key, g_variant_new_int32(1))) << key;
+    EXPECT_FALSE(decode("NVKSampleRate", g_variant_new_uint64(1)));
     for (uint64_t size : {uint64_t(0), uint64_t(16 * 1024 * 1024 + 1)})
-        EXPECT_FALSE(NVKXPCAudioBuffer::initWithRecord(Edited(g_variant_ref(record), "NVKShmemSize", g_variant_new_uint64(size))));
-    EXPECT_TRUE(NVKXPCAudioBuffer::initWithRecord(
-        Edited(g_variant_ref(record), "NVKShmemSize", g_variant_new_uint64(16 * 1024 * 1024))));
+        EXPECT_FALSE(decode("NVKShmemSize", g_variant_new_uint64(size)));
+    EXPECT_TRUE(decode("NVKShmemSize", g_variant_new_uint64(16 * 1024 * 1024)));
     EXPECT_FALSE(NVKXPCAudioBuffer::initWithRecord(g_variant_new_string("NVKShmemSize")));
     EXPECT_FALSE(NVKXPCAudioBuffer::initWithRecord(nullptr));
     g_variant_unref(record);
 }
 
-// A received buffer's return block (the D-Bus reply) runs once, when its
-// last reference goes.
 TEST(NVKXPCAudioBuffer, ReturnBlockRunsOnceWhenTheLastReferenceGoes)
 {
     int runs = 0;

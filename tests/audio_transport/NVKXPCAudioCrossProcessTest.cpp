@@ -1,7 +1,4 @@
-// The audio transport between two real processes: this test creates the pool
-// and fills slots; a peer process (AudioTransportPeer.cpp) decodes the pool
-// from its serialised record, adopts the buffers, reads the bytes through its
-// own read-only mapping and drops them, which sends each slot back.
+// The audio transport between two real processes; the receiving one is AudioTransportPeer.cpp.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -19,8 +16,7 @@
 
 namespace {
 
-// The peer process, driven through pipes to its standard input and output
-// (fork and exec: no GLib worker threads in this process).
+// The peer process, driven through pipes (fork and exec: no GLib threads here).
 class Peer {
 public:
     Peer()
@@ -83,9 +79,7 @@ private:
     bool m_reaped = false;
 };
 
-// Fills every slot with bytes that depend on the round and the slot, sends
-// them all, lets the peer read them and checks what it saw and that every
-// slot came back through the return path, only after the peer read it.
+// Fills and sends every slot; each must be read intact, in order, and come back only after it was read.
 void RunRound(Peer& peer, NVKXPCAudioBufferPool& pool, int round)
 {
     std::map<uint64_t, std::shared_ptr<NVKXPCAudioBuffer>> out;
@@ -130,13 +124,9 @@ void RunRound(Peer& peer, NVKXPCAudioBufferPool& pool, int round)
 
 } // namespace
 
-// The peer refuses a pool whose segment does not exist and a buffer whose
-// slot lies past the end of the segment; then every slot travels to it and
-// comes back, twice.
 TEST(NVKXPCAudioCrossProcess, SlotsTravelToAnotherProcessAndComeBack)
 {
     auto pool = NVKXPCAudioBufferPool::initWithBufferSize(3840, 200);
-    ASSERT_TRUE(pool);
     pool->setSampleRate(48000);
     pool->setChannelCount(2);
     pool->setBitsPerSample(16);
@@ -155,7 +145,6 @@ TEST(NVKXPCAudioCrossProcess, SlotsTravelToAnotherProcessAndComeBack)
     peer.Send('E');
     ASSERT_EQ(peer.Receive(), "D\n");
     EXPECT_EQ(peer.Wait(), 0);
-    // The receiving pool unlinked the name when it went away.
     EXPECT_EQ(shm_open(pool->shmemName().c_str(), O_RDONLY, 0600), -1);
     EXPECT_EQ(errno, ENOENT);
 }

@@ -1,5 +1,3 @@
-// The bounded reference queue behind the pools' free lists (used from many
-// threads in NVKXPCAudioBufferPool.ReturnsFromManyThreadsAtOnce).
 #include <gtest/gtest.h>
 
 #include <functional>

@@ -1,6 +1,5 @@
-// A clean log configuration for every test: the start decorations, only the
-// callback sink (collecting lines), log files under a temporary home folder,
-// and datagrams sent only to 127.0.0.1 (others are dropped).
+// A clean log configuration per test: the callback sink only, log files under
+// a temporary home, datagrams sent to 127.0.0.1 only.
 #pragma once
 
 #include "dbg/DbgState.h"
@@ -15,7 +14,6 @@
 #include <string>
 #include <vector>
 
-// Whole-text match against a regular expression.
 inline bool Matches(const std::string& text, const std::string& pattern)
 {
     return std::regex_match(text, std::regex(pattern));
@@ -58,12 +56,12 @@ protected:
 
     std::vector<Line> Lines()
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard guard(m_mutex);
         return m_lines;
     }
     void Clear()
     {
-        std::lock_guard<std::mutex> guard(m_mutex);
+        std::lock_guard guard(m_mutex);
         m_lines.clear();
     }
     std::string Last()

@@ -22,14 +22,12 @@ protected:
         DbgFixture::SetUp();
         dbgcommand("nofunctionname");
         m_fd = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
         bind(m_fd, reinterpret_cast<sockaddr*>(&address), length);
         getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
         m_port = ntohs(address.sin_port);
-        timeval timeout = {5, 0};
+        const timeval timeout = {5, 0};
         setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     }
     void TearDown() override
@@ -37,8 +35,7 @@ protected:
         close(m_fd);
         DbgFixture::TearDown();
     }
-    // Points the syslog sink at the loopback receiver with a header type word
-    // and takes the command's own message off the socket.
+    // Points the syslog sink at the receiver and takes the command's own message.
     void UseReceiver(const char* type)
     {
         DbgGetSyslog().port = m_port;
@@ -110,7 +107,7 @@ TEST_F(DbgSinksTest, LogFileUnderTheHomeFolder)
     ASSERT_EQ(stat((m_home + "/.local/state").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0700u);
 
-    // A new path takes effect at the next line; "~/" and the rest of the text.
+    // A new path ("~/", spaces kept) takes effect at the next line.
     dbgcommand("logfile ~/a b.log ");
     dbgprintf(1, "npl", "file", nullptr, "third");
     EXPECT_EQ(ReadFile(m_home + "/.local/state/a b.log"), "    using log file 'a b.log'\nfile wrn third\n");
@@ -145,11 +142,8 @@ TEST_F(DbgSinksTest, NoFoldersAreMadeInAnotherUsersHome)
 TEST_F(DbgSinksTest, ConcurrentLinesStayWholeInEverySink)
 {
     UseReceiver("RFC5424");
-    dbgcommand("logfile");
-    dbgcommand("deltatime");
-    dbgcommand("threadid");
-    dbgcommand("functionname");
-    dbgcommand("functionpurename");
+    for (const char* command : {"logfile", "deltatime", "threadid", "functionname", "functionpurename"})
+        dbgcommand(command);
     Clear();
     constexpr int kThreads = 4, kLines = 50;
     std::vector<std::thread> threads;

@@ -1,8 +1,4 @@
-// Frames from a real page to a real host: the service started on demand on
-// a socket in a temporary folder, the WebKit engine rendering a test page,
-// and the host library receiving and mapping the surfaces. The delivery
-// rules themselves (held frames, flushing, resizing) are tested in process
-// in FrameDeliveryTests.cpp.
+// Frames from a real page through the started-on-demand service to the host library.
 #include "streamloft/OverlayClient.h"
 
 #include <gtest/gtest.h>
@@ -36,7 +32,6 @@ struct FrameHost : streamloft::OverlayCallbacks {
         last = frame;
         changed.notify_all();
     }
-    // Waits until pred() holds (evaluated under the lock); false after the time-out.
     template <typename Pred>
     bool WaitFor(Pred pred, std::chrono::seconds timeout = 30s)
     {
@@ -51,7 +46,6 @@ struct FrameHost : streamloft::OverlayCallbacks {
     std::shared_ptr<const streamloft::VideoFrame> last;
 };
 
-// 0xAARRGGBB of one pixel of a BGRA frame.
 uint32_t Pixel(const streamloft::VideoFrame& frame, uint32_t x, uint32_t y)
 {
     const uint8_t* p = frame.row(y) + x * 4;
@@ -67,7 +61,7 @@ bool ShowsTheColourPage(const streamloft::VideoFrame& f, uint32_t width, uint32_
            Pixel(f, 3 * width / 4, 3 * height / 4) == 0 && Pixel(f, width - 1, height - 1) == 0;
 }
 
-// Stops the service a test started (it outlives its hosts) and removes its folder.
+// Stops the service the test started (it outlives its hosts) and removes its folder.
 struct ServiceCleanup {
     std::string folder;
     pid_t pid = -1;

@@ -14,8 +14,7 @@
 
 namespace {
 
-// Collects the log's lines through the callback sink, every other sink off,
-// and restores the "npl" module's level flags when it goes.
+// Collects log lines through the callback sink; restores the "npl" flags.
 struct LogCapture {
     LogCapture()
     {
@@ -58,8 +57,7 @@ bool WaitFor(Predicate predicate)
     return predicate();
 }
 
-// Loops until its thread object asks it to stop or, without one, until the
-// test releases it.
+// Loops until its thread object asks it to stop or, without one, until released.
 struct Worker {
     CNplThread* thread = nullptr;
     std::atomic<bool> release{false};
@@ -92,8 +90,7 @@ TEST(CNplThread, CooperativeStopAndReuse)
     EXPECT_TRUE(worker.finished);
     EXPECT_FALSE(thread.IsRunning());
 
-    // A new thread on the same object starts without the old stop request;
-    // -1 waits as long as the thread runs.
+    // A new thread starts without the old stop request; -1 waits as long as it runs.
     Worker late;
     ASSERT_TRUE(thread.CreateThread(&Worker::Run, &late, nullptr));
     EXPECT_FALSE(thread.IsTerminationRequested());
@@ -109,14 +106,11 @@ TEST(CNplThread, CooperativeStopAndReuse)
     EXPECT_TRUE(log.Matching("Debugger").empty());
 }
 
-// A worker that ignores the stop request: the stop reports false after its
-// wait (the debugger hook only when asked), or true with forceKill (signal 0
-// only tests that the thread exists). The handle is dropped while the
-// thread goes on.
+// A worker that ignores the stop: false after the wait (debugger hook only
+// when asked), true with forceKill; the thread goes on.
 TEST(CNplThread, StopOfAWorkerThatIgnoresTheRequest)
 {
-    // Abandoned threads may touch their object and worker after the stop:
-    // both stay reachable until the process ends.
+    // Abandoned threads still use their object and worker: never freed.
     static auto* retained = new std::vector<void*>;
     const struct {
         int timeoutMs;

@@ -1,9 +1,5 @@
-// Frame memory: sealed shared surfaces, and the pixel-buffer pool (row
-// padding, threshold, dropping a pool with buffers out, returns from another
-// thread). Reuse only after every holder has let go, and the flush of
-// buffers unused for a second, are tested through frame delivery
-// (tests/frames); the surface's property dictionary by the delivery tests'
-// host (tests/windows) and the host library's own parser (tests/client).
+// Sealed shared surfaces and the pixel-buffer pool; reuse and flushing are
+// tested through frame delivery (tests/frames).
 #include "platform/NplPixelBufferPool.h"
 #include "platform/NplSharedSurface.h"
 
@@ -36,7 +32,6 @@ TEST(NplSharedSurface, SealedMemorySharedWithReadOnlyMappings)
     ASSERT_TRUE(surface && next);
     EXPECT_EQ(surface->GetAllocSize(), 192u);
     EXPECT_GT(next->GetID(), surface->GetID()); // hosts cache mappings by ID
-    // A host can neither shrink the memory under the service nor grow it.
     const int fd = surface->GetFd();
     EXPECT_EQ(fcntl(fd, F_GET_SEALS) & (F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL),
               F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL);
@@ -89,15 +84,13 @@ TEST(NplPixelBufferPool, RowsArePaddedTo64BytesAndUnusableAttributesRefused)
     EXPECT_EQ(buffer->GetIOSurface()->GetAllocSize(), 448u * 3u);
 
     std::shared_ptr<CNplPixelBufferPool> pool;
-    for (const auto& size : {std::pair<double, double>{0, 10}, {-5, 10}, {10, 1e9}, {NAN, 10}})
-        EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(size.first, size.second), &pool),
-                  kNplPixelBufferInvalidSize);
-    NplPixelBufferAttributes wrong = Attributes(10, 10);
-    wrong.pixelFormatType = 0x20;
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, wrong, &pool), kNplPixelBufferInvalidPixelFormat);
-    wrong = Attributes(10, 10);
-    wrong.ioSurfaceProperties.bytesPerElement = 2;
-    EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, wrong, &pool), kNplPixelBufferInvalidPixelFormat);
+    for (const auto& [w, h] : {std::pair<double, double>{0, 10}, {-5, 10}, {10, 1e9}, {NAN, 10}})
+        EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(w, h), &pool), kNplPixelBufferInvalidSize);
+    NplPixelBufferAttributes format = Attributes(10, 10), element = format;
+    format.pixelFormatType = 0x20;
+    element.ioSurfaceProperties.bytesPerElement = 2;
+    for (const auto& wrong : {format, element})
+        EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, wrong, &pool), kNplPixelBufferInvalidPixelFormat);
     EXPECT_FALSE(pool);
 }
 
@@ -147,10 +140,7 @@ TEST(NplPixelBufferPool, ReturnsFromAnotherThreadWhileBuffersAreTaken)
     std::deque<CNplSharedSurface*> queue;
     std::atomic<bool> done{false};
     std::thread receiver([&] {
-        while (true) {
-            std::unique_lock<std::mutex> lock(mutex);
-            if (queue.empty() && done)
-                return;
+        for (std::unique_lock lock(mutex); !queue.empty() || !done; lock.lock()) {
             CNplSharedSurface* s = queue.empty() ? nullptr : queue.front();
             if (s)
                 queue.pop_front();

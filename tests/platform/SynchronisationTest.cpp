@@ -58,8 +58,7 @@ TEST(CNplThreadMutex, RecursiveAndScopedLocks)
 
 TEST(DualMutexLock, SameLockHeldLockAndOppositeOrders)
 {
-    // Each case has mutexes of its own, so no two cases lock a pair in
-    // opposite orders.
+    // Mutexes of its own per case: no two cases lock a pair in opposite orders.
     CNplThreadMutex a, b, c, d, e, f, g;
     {
         CNplThreadMutexLock first(a, false), second(a, false);
@@ -74,8 +73,7 @@ TEST(DualMutexLock, SameLockHeldLockAndOppositeOrders)
     }
     EXPECT_TRUE(FreeForOthers(a) && FreeForOthers(b) && FreeForOthers(c) && FreeForOthers(d) && FreeForOthers(e));
 
-    // Opposite orders from two threads while a third holds one lock for a
-    // while: both get their pair, without deadlock.
+    // Opposite orders from two threads while a third holds one lock: no deadlock.
     std::atomic<bool> holding{false};
     std::thread holder([&] {
         g.Lock();
@@ -98,8 +96,7 @@ TEST(DualMutexLock, SameLockHeldLockAndOppositeOrders)
     holder.join();
 }
 
-// Time-out 0 returns at once, a positive one after its time (split into
-// seconds and nanoseconds), a negative one waits for the signal.
+// Time-out 0 returns at once, a positive one after its time, a negative one waits for the signal.
 TEST(CNplThreadSafeObject, WaitTimeOutsAndSignals)
 {
     for (const auto& [ns, sec, nsec] :

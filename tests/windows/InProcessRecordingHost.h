@@ -1,10 +1,6 @@
-// A host in the same process for the delivery tests (see InProcessHost for
-// the connection pair). It keeps every video frame (its properties, a
-// read-only mapping of the surface and the pending reply) and records the
-// audio messages in order, opening each announced pool read-only as a real
-// host does. Frame and audio buffer replies are held until the test lets go.
-// Everything runs in the thread-default main context of the thread that made
-// the host; Pump* iterates it.
+// An in-process host for the delivery tests: keeps every frame (mapped
+// read-only, reply held) and records the audio messages in order, opening
+// each announced pool as a real host does; buffer replies are held too.
 #pragma once
 
 #include "audio_transport/NVKXPCAudioBufferPool.h"
@@ -52,12 +48,7 @@ public:
     bool WaitForEvents(size_t n) { return PumpUntil([&] { return m_events.size() >= n; }); }
     size_t HeldBuffers() const { return m_heldBuffers.size(); }
 
-    void ReleaseOldestFrame()
-    {
-        munmap(const_cast<unsigned char*>(m_frames.front().pixels), m_frames.front().properties.allocSize);
-        g_dbus_method_invocation_return_value(m_frames.front().invocation, nullptr); // takes the invocation
-        m_frames.pop_front();
-    }
+    void ReleaseOldestFrame() { LetGo(m_frames.front(), true), m_frames.pop_front(); }
     // Answers the oldest (or newest) held audio buffer delivery.
     void ReleaseBuffer(bool newest = false)
     {
@@ -71,16 +62,13 @@ public:
         while (!m_heldBuffers.empty())
             ReleaseBuffer();
     }
-
     // The host goes away without answering what it holds.
     void CloseHostConnection()
     {
         if (!HostConnected())
             return;
-        for (Frame& frame : m_frames) {
-            munmap(const_cast<unsigned char*>(frame.pixels), frame.properties.allocSize);
-            g_object_unref(frame.invocation);
-        }
+        for (Frame& frame : m_frames)
+            LetGo(frame, false);
         for (GDBusMethodInvocation* invocation : m_heldBuffers)
             g_object_unref(invocation);
         m_frames.clear();
@@ -89,6 +77,11 @@ public:
     }
 
 private:
+    static void LetGo(Frame& frame, bool answer)
+    {
+        munmap(const_cast<unsigned char*>(frame.pixels), frame.properties.allocSize);
+        answer ? g_dbus_method_invocation_return_value(frame.invocation, nullptr) : g_object_unref(frame.invocation);
+    }
     void OnMethodCall(const gchar* method, GVariant* parameters, GDBusMethodInvocation* invocation) override
     {
         Event event;
@@ -107,16 +100,20 @@ private:
             if (pixels == MAP_FAILED)
                 g_error("frame without a usable surface");
             frame.pixels = static_cast<const unsigned char*>(pixels);
-            frame.invocation = invocation; // the reply, owed until the frame is let go of
+            frame.invocation = invocation;
             ++m_nReceived;
             m_frames.push_back(frame);
             return;
         }
-        if (g_strcmp0(method, "BrowserWillStartAudioStream") == 0) {
+        if (g_strcmp0(method, "BrowserWillStopAudioStream") == 0) {
+            g_variant_get(parameters, "(ii)", &event.browserID, &event.streamID);
+            event.kind = Kind::Stop;
+        } else if (g_str_has_suffix(method, "AudioStream")) {
             g_variant_get(parameters, "(ii@a{sv})", &event.browserID, &event.streamID, &record);
+        }
+        if (g_strcmp0(method, "BrowserWillStartAudioStream") == 0)
             event.pool = m_pools[event.streamID] = NVKXPCAudioBufferPool::initWithRecord(record);
-        } else if (g_strcmp0(method, "BrowserDidReceiveAudioStream") == 0) {
-            g_variant_get(parameters, "(ii@a{sv})", &event.browserID, &event.streamID, &record);
+        else if (g_strcmp0(method, "BrowserDidReceiveAudioStream") == 0) {
             event.kind = Kind::Buffer;
             event.buffer = NVKXPCAudioBuffer::initWithRecord(record);
             const auto& pool = m_pools[event.streamID];
@@ -124,9 +121,6 @@ private:
                 const auto* base = static_cast<const uint8_t*>(pool->mappedMemory()) + event.buffer->offset();
                 event.bytes.assign(base, base + event.buffer->length());
             }
-        } else if (g_strcmp0(method, "BrowserWillStopAudioStream") == 0) {
-            g_variant_get(parameters, "(ii)", &event.browserID, &event.streamID);
-            event.kind = Kind::Stop;
         }
         if (record)
             g_variant_unref(record);

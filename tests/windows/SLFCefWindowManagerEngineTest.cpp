@@ -1,5 +1,4 @@
-// The window manager over the real engine wrapper and client, with the fake
-// engine port behind them; the engine runs on the test's main loop thread.
+// The window manager over the real engine wrapper and client on the fake port.
 #include "windows/SLFCefWindowManager.h"
 
 #include "tests/engine/FakeEnginePort.h"
@@ -23,8 +22,7 @@ protected:
     {
         return m_manager->startBrowserWithURL("https://x.test/", size, fps, {"file:///a/"});
     }
-    // The recorded calls of one browser that matter here, in order: "-"
-    // frames off, "+" frames on, "r" resized, "x" close.
+    // One browser's calls: "-" frames off, "+" frames on, "r" resized, "x" close.
     std::string Calls(int browserID)
     {
         std::string text;
@@ -45,8 +43,7 @@ protected:
         return m_port.LastViewRect(browserID);
     }
 
-    // The manager goes first (its engine shuts down on the main loop), then
-    // the port, then the loop.
+    // Destroyed manager first (its engine stops on the loop), then port, then loop.
     TestMainLoop m_main;
     FakeEnginePort m_port;
     std::shared_ptr<SLFCefWindowManager> m_manager = std::make_shared<SLFCefWindowManager>();
@@ -65,8 +62,7 @@ TEST_F(SLFCefWindowManagerEngine, EveryOpenRequestGetsItsOwnBrowserOnOneEngine)
     EXPECT_TRUE(m_port.WaitForPumpPasses(5, 5000));
     EXPECT_FALSE(m_port.PumpedOffThread());
 
-    // The engine keeps running after the last browser stops; the next open
-    // request starts no second engine.
+    // The engine outlives the last browser; the next open starts no second engine.
     EXPECT_EQ(m_manager->stopBrowserWithID(first->browserID()), first);
     EXPECT_EQ(m_manager->stopBrowserWithID(second->browserID()), second);
     EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 0);
@@ -76,8 +72,7 @@ TEST_F(SLFCefWindowManagerEngine, EveryOpenRequestGetsItsOwnBrowserOnOneEngine)
     EXPECT_EQ(m_port.InitializeCalls(), 1);
 }
 
-// Sizes and frame rates reach the engine truncated, the representation keeps
-// them whole, and frames are off while the size changes.
+// The engine gets sizes and rates truncated, frames off around the resize.
 TEST_F(SLFCefWindowManagerEngine, ResizeIsTruncatedAndFramesAreOffAroundIt)
 {
     auto representation = Open({1279.9, 719.99}, 29.97);
@@ -89,13 +84,11 @@ TEST_F(SLFCefWindowManagerEngine, ResizeIsTruncatedAndFramesAreOffAroundIt)
     EXPECT_EQ(m_manager->updateBrowserWithID(id, {640.7, 360.2}), representation);
     EXPECT_EQ(representation->size(), (NSSize{640.7, 360.2}));
     EXPECT_FALSE(representation->updating());
-    EXPECT_EQ(ViewRect(id).width, 640);
-    EXPECT_EQ(ViewRect(id).height, 360);
+    EXPECT_TRUE(ViewRect(id).width == 640 && ViewRect(id).height == 360);
     EXPECT_EQ(Calls(id), "-r+");
 }
 
-// Of concurrent updates of one browser only the first goes ahead; the others
-// change nothing.
+// Of concurrent updates of one browser only the first goes ahead.
 TEST_F(SLFCefWindowManagerEngine, ASizeUpdateDuringAnotherIsIgnored)
 {
     auto representation = Open();
@@ -116,8 +109,7 @@ TEST_F(SLFCefWindowManagerEngine, ASizeUpdateDuringAnotherIsIgnored)
     for (auto& thread : threads)
         thread.join();
     EXPECT_FALSE(representation->updating());
-    // Each update that went ahead switched frames off, resized and switched
-    // them on again before the next began.
+    // Updates that went ahead never interleave.
     const std::string calls = Calls(id);
     ASSERT_FALSE(calls.empty());
     for (size_t i = 0; i < calls.size(); ++i)
@@ -125,9 +117,7 @@ TEST_F(SLFCefWindowManagerEngine, ASizeUpdateDuringAnotherIsIgnored)
     EXPECT_EQ(calls.size() % 3, 0u) << calls;
 }
 
-// The engine, not the registry, decides which browsers exist: a stop or an
-// update of an ID the registry does not know still reaches it; negative IDs
-// never do.
+// Stops and updates of IDs the registry does not know still reach the engine; negative IDs never.
 TEST_F(SLFCefWindowManagerEngine, StopAndUpdateOfAnIDTheRegistryDoesNotKnowStillReachTheEngine)
 {
     auto representation = Open(), other = Open();
@@ -142,8 +132,7 @@ TEST_F(SLFCefWindowManagerEngine, StopAndUpdateOfAnIDTheRegistryDoesNotKnowStill
     EXPECT_EQ(m_manager->stopBrowserWithID(id), nullptr);
     EXPECT_EQ(Calls(id), "-x");
     EXPECT_EQ(m_manager->updateBrowserWithID(otherID, {50.5, 60.5}), nullptr);
-    EXPECT_EQ(ViewRect(otherID).width, 50);
-    EXPECT_EQ(ViewRect(otherID).height, 60);
+    EXPECT_TRUE(ViewRect(otherID).width == 50 && ViewRect(otherID).height == 60);
 }
 
 TEST_F(SLFCefWindowManagerEngine, AnEngineThatDoesNotStartGivesNoBrowserAndIsRetried)

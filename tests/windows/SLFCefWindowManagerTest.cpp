@@ -1,5 +1,4 @@
-// The registry of live browsers, the main-thread hand-over, and a
-// representation's receiver list, without the engine.
+// The registry, the main-thread hand-over and the receiver list, without the engine.
 #include "windows/SLFCefWindowManager.h"
 
 #include "tests/windows/TestMainLoop.h"
@@ -52,8 +51,7 @@ TEST(SLFCefWindowManagerRegistry, RegistersOnlyNonNegativeIDsReplacesByIDAndStop
     EXPECT_EQ(manager->numberOfOpenBrowserWindows(), 201);
 }
 
-// Work sent to the main thread from the main thread runs at once instead of
-// waiting for itself.
+// Work sent to the main thread from the main thread runs at once (no self-deadlock).
 TEST(SLFCefMainThread, RunOnMainAndWaitRunsOnTheLoopThreadOrInline)
 {
     TestMainLoop main;
@@ -72,7 +70,6 @@ TEST(SLFCefWindowRepresentation, ReceiverListIsCopiedOnWriteAndRepliesFollowThei
     SLFCefWindowRepresentation representation;
     representation.addReceiverProxiesObject(nullptr, [](int) {});
     EXPECT_EQ(representation.receiverProxies(), nullptr);
-    // Proxies only need an identity here.
     SLFCefCallbackProxyRef proxy = SLFCefCallbackProxy::Create(nullptr), other = SLFCefCallbackProxy::Create(nullptr);
     auto token = std::make_shared<int>(1);
     std::weak_ptr<int> watch = token;
@@ -82,14 +79,12 @@ TEST(SLFCefWindowRepresentation, ReceiverListIsCopiedOnWriteAndRepliesFollowThei
     SLFCefReceiverListRef snapshot = representation.receiverProxies();
     representation.addReceiverProxiesObject(proxy, [&replied, token](int id) { replied = 300 + id; });
     token.reset();
-    // Added twice, listed twice, with the later reply; a reader's snapshot
-    // never changes under it.
+    // Added twice: listed twice, later reply; the reader's snapshot is unchanged.
     EXPECT_EQ(*representation.receiverProxies(), (SLFCefReceiverList{proxy, other, proxy}));
     EXPECT_EQ(*snapshot, (SLFCefReceiverList{proxy, other}));
     representation.replyForReceiverProxy(proxy)(5);
     EXPECT_EQ(replied, 305);
-    // Unknown and null proxies change nothing; one removal takes every
-    // occurrence and the reply.
+    // Unknown and null proxies change nothing; one removal takes all and the reply.
     representation.removeReceiverProxiesObject(SLFCefCallbackProxy::Create(nullptr));
     representation.removeReceiverProxiesObject(nullptr);
     representation.removeReceiverProxiesObject(proxy);

@@ -1,5 +1,4 @@
-// A thread that runs the GLib main loop on the global default context: the
-// "main thread" that the window manager starts and pumps the engine on.
+// The "main thread": a GLib main loop on the global default context.
 #pragma once
 
 #include "windows/SLFCefMainThread.h"
@@ -21,8 +20,7 @@ public:
     {
         SLFCefRunOnMainAndWait([this] { g_main_loop_quit(m_loop); });
         m_thread.join();
-        // Leftover idles of finished work (bounded: a repeating source may
-        // still be attached).
+        // Leftover idles (bounded: a repeating source may still be attached).
         for (int i = 0; i < 100 && g_main_context_iteration(g_main_context_default(), FALSE); ++i) {
         }
         g_main_loop_unref(m_loop);
