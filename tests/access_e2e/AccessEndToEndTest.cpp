@@ -37,10 +37,7 @@ class SettingsHost : public streamloft::OverlayCallbacks {
     changed_.notify_all();
   }
   void RequestSettingsDataForBrowser(int id) override {
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      requestedFor_.push_back(id);
-    }
+    WithLock([&] { requestedFor_.push_back(id); });
     std::string error;
     streamloft::OverlayClient* client = client_.load();
     if (client && !client->UpdateBrowserSettingsData(id, {kSettings.begin(), kSettings.end()}, &error))
@@ -51,14 +48,16 @@ class SettingsHost : public streamloft::OverlayCallbacks {
     changed_.wait_for(guard, 30s, [&] { return browserID_.has_value(); });
     return browserID_;
   }
-  std::vector<int> RequestedFor() {
-    std::lock_guard<std::mutex> guard(lock_);
-    return requestedFor_;
-  }
+  std::vector<int> RequestedFor() { return WithLock([&] { return requestedFor_; }); }
 
   std::atomic<streamloft::OverlayClient*> client_{nullptr};
 
  private:
+  template <typename Fn>
+  auto WithLock(Fn fn) -> decltype(fn()) {
+    std::lock_guard<std::mutex> guard(lock_);
+    return fn();
+  }
   std::mutex lock_;
   std::condition_variable changed_;
   std::optional<int> browserID_;
@@ -108,8 +107,7 @@ TEST(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheHos
   const std::string url = permitted + "access_policy.html?empty=" + dir + "/empty.txt";
   ASSERT_TRUE(client->OpenBrowser(url, 64, 64, 30, {permitted}, &error)) << error;
   const auto id = host.WaitForStart();
-  ASSERT_TRUE(id.has_value());
-  ASSERT_GT(*id, 0) << "the service has no web engine";
+  ASSERT_GT(id.value_or(0), 0) << "no browser started";
 
   const std::string log = options.socketPath + ".log";
   std::string report;
@@ -119,7 +117,7 @@ TEST(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheHos
     report = FindLogLine(ReadFile(log), "Blocked URL file:///slf-access-report/");
   }
   const std::string text = ReadFile(log);
-  // settings / text request status and body length / permitted image / refused image
+  // settings / text request status-body length / permitted image / refused image
   EXPECT_NE(report.find("file:///slf-access-report/" + kSettings + "/200-0/loaded/error "), std::string::npos)
       << report << "\n" << text;
   // A refusal names the URL and the whole permitted list.

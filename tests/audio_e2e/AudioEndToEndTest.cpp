@@ -31,11 +31,8 @@ public:
     void BrowserWillStartAudioStream(int browserID, int streamID, const streamloft::AudioStreamFormat& format) override
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        if (!m_format) {
-            m_format = format;
-            m_streamBrowserID = browserID;
-            m_streamID = streamID;
-        }
+        if (!m_format)
+            m_format = format, m_streamBrowserID = browserID, m_streamID = streamID;
         m_changed.notify_all();
     }
     // Dropping the buffer gives its slot back to the service.
@@ -99,14 +96,11 @@ TEST(AudioEndToEnd, AWebAudioToneArrivesAsPcmInPooledSlotsThatComeBack)
     const int browserID = *host.m_browserID;
     ASSERT_GE(browserID, 0);
     ASSERT_TRUE(host.WaitFor([&] { return host.m_format.has_value(); }, 60s)) << "no audio stream started";
-    streamloft::AudioStreamFormat format;
-    uint64_t bytesAtBegin;
-    {
-        std::lock_guard<std::mutex> guard(host.m_lock);
-        format = *host.m_format;
-        EXPECT_EQ(host.m_streamBrowserID, browserID);
-        bytesAtBegin = host.m_bytes;
-    }
+    std::unique_lock<std::mutex> guard(host.m_lock);
+    const streamloft::AudioStreamFormat format = *host.m_format;
+    EXPECT_EQ(host.m_streamBrowserID, browserID);
+    const uint64_t bytesAtBegin = host.m_bytes;
+    guard.unlock();
     ASSERT_GT(format.sampleRate, 0);
     EXPECT_EQ(format.bitsPerSample, 16);
     EXPECT_GE(format.channelCount, 1);
@@ -116,16 +110,15 @@ TEST(AudioEndToEnd, AWebAudioToneArrivesAsPcmInPooledSlotsThatComeBack)
     // About two seconds in real time: a pool that runs dry drops blocks.
     const auto begin = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(2s);
-    {
-        std::lock_guard<std::mutex> guard(host.m_lock);
-        const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-        const double bytesPerSecond = double(format.sampleRate * format.channelCount * 2);
-        const double audioSeconds = double(host.m_bytes - bytesAtBegin) / bytesPerSecond;
-        EXPECT_GT(audioSeconds, seconds * 0.5) << "audio seconds " << audioSeconds << " in " << seconds << " s";
-        EXPECT_EQ(host.m_otherFormat, 0u);
-        EXPECT_GT(host.m_peak, 4000) << "silence"; // a 440 Hz sine at half volume peaks near 16384
-        EXPECT_TRUE(host.m_problems.empty()) << host.m_problems.front();
-    }
+    guard.lock();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    const double audioSeconds =
+        double(host.m_bytes - bytesAtBegin) / double(format.sampleRate * format.channelCount * 2);
+    EXPECT_GT(audioSeconds, seconds * 0.5) << "audio seconds " << audioSeconds << " in " << seconds << " s";
+    EXPECT_EQ(host.m_otherFormat, 0u);
+    EXPECT_GT(host.m_peak, 4000) << "silence"; // a 440 Hz sine at half volume peaks near 16384
+    EXPECT_TRUE(host.m_problems.empty()) << host.m_problems.front();
+    guard.unlock();
     // More buffers than the pool has slots: only returned slots carry these.
     EXPECT_TRUE(host.WaitFor([&] { return host.m_buffers > 300; }, 30s)) << "the pool ran dry";
 
@@ -135,8 +128,7 @@ TEST(AudioEndToEnd, AWebAudioToneArrivesAsPcmInPooledSlotsThatComeBack)
         kill(servicePid, SIGTERM);
         for (int i = 0; i < 100 && kill(servicePid, 0) == 0; ++i)
             std::this_thread::sleep_for(50ms);
-        if (kill(servicePid, 0) == 0)
-            kill(servicePid, SIGKILL);
+        kill(servicePid, SIGKILL); // no-op once it has ended
     }
     std::filesystem::remove_all(dir);
 }

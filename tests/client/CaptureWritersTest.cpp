@@ -48,13 +48,11 @@ TEST_F(CaptureFilesTest, PngHoldsStraightAlphaPixelsWithoutRowPaddingAndReportsE
                           0, 0, 64, 128, 9, 9, 9, 0, 0xEE, 0xEE, 0xEE, 0xEE};
   std::string path = dir_ + "/f.png", error;
   ASSERT_TRUE(WritePng(path, ConvertFrame(bgra, 2, 2, 12), &error)) << error;
-  png_image png;
-  memset(&png, 0, sizeof png);
+  png_image png{};
   png.version = PNG_IMAGE_VERSION;
   ASSERT_TRUE(png_image_begin_read_from_file(&png, path.c_str())) << png.message;
   png.format = PNG_FORMAT_RGBA;
-  EXPECT_EQ(png.width, 2u);
-  EXPECT_EQ(png.height, 2u);
+  EXPECT_EQ(std::tie(png.width, png.height), std::make_tuple(2u, 2u));
   std::vector<uint8_t> pixels(PNG_IMAGE_SIZE(png));
   ASSERT_TRUE(png_image_finish_read(&png, nullptr, pixels.data(), 0, nullptr)) << png.message;
   EXPECT_EQ(pixels, (std::vector<uint8_t>{255, 0, 0, 255, 0, 255, 0, 255, 128, 0, 0, 128, 0, 0, 0, 0}));

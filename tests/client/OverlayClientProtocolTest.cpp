@@ -120,8 +120,7 @@ TEST_F(OverlayClientProtocolTest, FramesStayMappedUntilDroppedAlsoAfterTheServic
   EXPECT_EQ(std::make_tuple(frames[0]->width(), frames[0]->height(), frames[0]->stride()),
             std::make_tuple(width, height, stride));
   EXPECT_EQ(frames[0]->properties().surfaceID, 42u);
-  EXPECT_EQ(frames[0]->row(9)[19 * 4 + 0], 19);
-  EXPECT_EQ(frames[0]->row(9)[19 * 4 + 1], 9);
+  EXPECT_EQ(std::make_tuple(frames[0]->row(9)[19 * 4], frames[0]->row(9)[19 * 4 + 1]), std::make_tuple(19, 9));
   EXPECT_FALSE(service_->waitForReply(first, 200ms)) << "released while the host still holds the frame";
   frames[0].reset();
   EXPECT_TRUE(service_->waitForReply(first));
@@ -167,9 +166,8 @@ TEST_F(OverlayClientProtocolTest, AudioBuffersAreReadFromSharedMemoryReturnedWhe
   {
     std::lock_guard<std::mutex> guard(callbacks_.lock);
     const auto& f = callbacks_.format;
-    EXPECT_EQ(std::tie(f.sampleRate, f.channelCount, f.bitsPerSample), std::make_tuple(48000, 2, 16));
-    EXPECT_EQ(f.bufferCapacity, 64u);
-    EXPECT_EQ(f.bufferCount, 200u);
+    EXPECT_EQ(std::tie(f.sampleRate, f.channelCount, f.bitsPerSample, f.bufferCapacity, f.bufferCount),
+              std::make_tuple(48000, 2, 16, 64u, 200u));
   }
   auto slot = pool->bufferFromPool();
   slot = pool->bufferFromPool();  // the second slot, at offset 64

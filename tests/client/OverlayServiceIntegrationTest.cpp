@@ -49,26 +49,6 @@ ProcessResult RunProgram(const std::vector<std::string>& args) {
   return result;
 }
 
-// The service with `listenFd` handed over as systemd does; Terminate gives
-// its exit status after SIGTERM.
-pid_t StartActivatedService(int listenFd) {
-  pid_t pid = fork();
-  if (pid == 0) {
-    dup2(listenFd, 3);
-    setenv("LISTEN_FDS", "1", 1);
-    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
-    execl(kHelper.c_str(), kHelper.c_str(), static_cast<char*>(nullptr));
-    _exit(127);
-  }
-  return pid;
-}
-int Terminate(pid_t pid) {
-  kill(pid, SIGTERM);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
 bool ProcessIsGone(pid_t pid) {
   if (kill(pid, 0) != 0) return errno == ESRCH;
   std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
@@ -139,8 +119,7 @@ TEST_F(OverlayServiceTest, StartedOnDemandServesTwoHostsWithBrowsersOfTheirOwnAn
   ASSERT_TRUE(a && b);
   struct stat info;
   ASSERT_EQ(stat(socket_.c_str(), &info), 0);
-  EXPECT_TRUE(S_ISSOCK(info.st_mode));
-  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_EQ(info.st_mode & (S_IFMT | 0777), S_IFSOCK | 0600u);
   EXPECT_TRUE(a->StartedService());
   EXPECT_FALSE(b->StartedService());
   EXPECT_GT(a->ServiceProcessID(), 0);
@@ -148,9 +127,7 @@ TEST_F(OverlayServiceTest, StartedOnDemandServesTwoHostsWithBrowsersOfTheirOwnAn
   ASSERT_TRUE(a->OpenBrowser(pageURL_, 320, 240, 30, Permitted()));
   ASSERT_TRUE(b->OpenBrowser(pageURL_, 320, 240, 30, Permitted()));
   int idA = Id(first.WaitFor("start ", 30s)), idB = Id(second.WaitFor("start ", 30s));
-  ASSERT_GT(idA, 0);
-  ASSERT_GT(idB, 0);
-  EXPECT_NE(idA, idB);
+  ASSERT_TRUE(idA > 0 && idB > 0 && idA != idB) << idA << " " << idB;
   // Closing answers the opener's request with its ID, and only that one.
   std::string error;
   ASSERT_TRUE(a->CloseBrowser(idA, &error)) << error;
@@ -194,11 +171,20 @@ TEST_F(OverlayServiceTest, ServesASocketHandedOverBySocketActivation) {
   strncpy(address.sun_path, socket_.c_str(), sizeof address.sun_path - 1);
   ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(listen(fd, 8), 0);
-  pid_t service = StartActivatedService(fd);
-  services_.push_back(service);
+  pid_t service = fork();
+  if (service == 0) {  // handed over as systemd does
+    dup2(fd, 3);
+    setenv("LISTEN_FDS", "1", 1);
+    setenv("LISTEN_PID", std::to_string(getpid()).c_str(), 1);
+    execl(kHelper.c_str(), kHelper.c_str(), static_cast<char*>(nullptr));
+    _exit(127);
+  }
   close(fd);
   ExpectServed(socket_);
-  EXPECT_EQ(Terminate(service), 0);
+  kill(service, SIGTERM);
+  int status = 0;
+  waitpid(service, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_TRUE(std::filesystem::exists(socket_)) << "the socket belongs to systemd: it stays";
 }
 
@@ -233,7 +219,6 @@ TEST_F(OverlayServiceTest, CaptureToolReportsTheBrowserOfAFreshService) {
   // 3 s: a fresh engine's first frame can take over a second on a busy machine.
   ProcessResult r = RunProgram({"env", "SLF_OVERLAY_HELPER=" + kHelper, kCapture, "--url", pageURL_, "--seconds", "3",
                                 "--socket", socket_, "--size", "160x90", "--out", dir_ + "/frames"});
-  // The tool started the service: find it to end it after the test.
   auto at = r.out.find("(process ");
   if (at != std::string::npos) services_.push_back(std::atoi(r.out.c_str() + at + 9));
   EXPECT_EQ(r.exit, 0) << r.out << r.err;

@@ -92,17 +92,18 @@ TEST(SurfacePropertiesTest, ValidationKeepsEveryReadInsideTheMemory) {
 TEST(SurfaceMappingCacheTest, MapsEachSurfaceOnceReadOnlyAndRefusesUnsafeMemory) {
   SurfaceMappingCache cache;
   std::string error;
+  auto map = [&](uint64_t id, int fd) { return cache.Map(1, Props(16, 16, 64, 1024, id), fd, &error); };
   int a = Memfd(4096), b = Memfd(4096);
-  auto first = cache.Map(1, Props(16, 16, 64, 1024, 1), a, &error);
+  auto first = map(1, a);
   ASSERT_TRUE(first) << error;
   // The same surface again through another descriptor of the same memory.
   int again = dup(a);
-  EXPECT_EQ(cache.Map(1, Props(16, 16, 64, 1024, 1), again, &error), first);
+  EXPECT_EQ(map(1, again), first);
   EXPECT_EQ(cache.mapCount(), 1u);
   // Same ID on other memory (another service instance's), and another ID on
   // the same memory, are separate surfaces.
-  auto otherMemory = cache.Map(1, Props(16, 16, 64, 1024, 1), b, &error);
-  auto otherID = cache.Map(1, Props(16, 16, 64, 1024, 2), a, &error);
+  auto otherMemory = map(1, b);
+  auto otherID = map(2, a);
   ASSERT_TRUE(otherMemory && otherID);
   EXPECT_TRUE(otherMemory != first && otherID != first);
   EXPECT_EQ(cache.mapCount(), 3u);
@@ -122,7 +123,7 @@ TEST(SurfaceMappingCacheTest, MapsEachSurfaceOnceReadOnlyAndRefusesUnsafeMemory)
                                            {pipeFds[0], "not a shared memory file"},
                                            {tooSmall, "exceeds its memory"}};
   for (auto [fd, message] : refused) {
-    EXPECT_FALSE(cache.Map(1, Props(16, 16, 64, 1024, 5), fd, &error));
+    EXPECT_FALSE(map(5, fd));
     EXPECT_NE(error.find(message), std::string::npos) << error;
     close(fd);
   }
@@ -133,10 +134,12 @@ TEST(SurfaceMappingCacheTest, MapsEachSurfaceOnceReadOnlyAndRefusesUnsafeMemory)
 TEST(SurfaceMappingCacheTest, PrunesSurfacesOfClosedBrowsersIdleOnesAndBeyondItsBound) {
   SurfaceMappingCache cache(std::chrono::milliseconds(200));
   std::string error;
+  auto map = [&](int browser, uint64_t id, int fd) {
+    return cache.Map(browser, Props(16, 16, 64, 1024, id), fd, &error);
+  };
   int a = Memfd(4096), b = Memfd(4096), c = Memfd(4096), d = Memfd(4096);
-  auto heldA = cache.Map(1, Props(16, 16, 64, 1024, 1), a, &error);
-  std::weak_ptr<const SurfaceMapping> b1 = cache.Map(1, Props(16, 16, 64, 1024, 2), b, &error);
-  std::weak_ptr<const SurfaceMapping> c2 = cache.Map(2, Props(16, 16, 64, 1024, 3), c, &error);
+  auto heldA = map(1, 1, a);
+  std::weak_ptr<const SurfaceMapping> b1 = map(1, 2, b), c2 = map(2, 3, c);
   ASSERT_EQ(cache.size(), 3u) << error;
   // Browser 1 closes: its surfaces go, browser 2's stays; a frame still held
   // keeps its memory mapped until it is dropped.
@@ -148,9 +151,9 @@ TEST(SurfaceMappingCacheTest, PrunesSurfacesOfClosedBrowsersIdleOnesAndBeyondIts
   heldA.reset();
   // A resize moves browser 2 from surface 3 to 4: frames over surface 4 alone
   // let go of the idle surface 3, without mapping surface 4 again.
-  ASSERT_TRUE(cache.Map(2, Props(16, 16, 64, 1024, 4), d, &error)) << error;
+  ASSERT_TRUE(map(2, 4, d)) << error;
   usleep(250 * 1000);
-  ASSERT_TRUE(cache.Map(2, Props(16, 16, 64, 1024, 4), d, &error)) << error;
+  ASSERT_TRUE(map(2, 4, d)) << error;
   EXPECT_TRUE(c2.expired());
   EXPECT_EQ(cache.size(), 1u);
   EXPECT_EQ(cache.mapCount(), 4u);
@@ -161,7 +164,7 @@ TEST(SurfaceMappingCacheTest, PrunesSurfacesOfClosedBrowsersIdleOnesAndBeyondIts
 
   // Within the bound; a mapping let go of stays valid for its holder.
   for (uint64_t id = 10; id < 10 + SurfaceMappingCache::kMaxEntries + 10; ++id) {
-    auto mapping = cache.Map(1, Props(16, 16, 64, 1024, id), a, &error);
+    auto mapping = map(1, id, a);
     ASSERT_TRUE(mapping) << error;
     if (id == 10) heldA = mapping;
   }

@@ -21,35 +21,34 @@ TEST_F(BrowserLifecycle, StartBrowserKeepsARecordWithTheRequestedSizeAndSafeSett
               1);
     EXPECT_EQ(m_Port.LastCreateUrl(), "https://overlay.test/a.html");
     const EngineBrowserSettings settings = m_Port.LastBrowserSettings();
-    EXPECT_EQ(settings.windowless_frame_rate, 60);
-    EXPECT_EQ(settings.file_access_from_file_urls, STATE_DISABLED);
-    EXPECT_EQ(settings.universal_access_from_file_urls, STATE_DISABLED);
+    EXPECT_EQ(std::tie(settings.windowless_frame_rate, settings.file_access_from_file_urls,
+                       settings.universal_access_from_file_urls),
+              std::make_tuple(60, STATE_DISABLED, STATE_DISABLED));
     bool found = false;
     const CBrowser record = Client().GetCBrowserForCEFID(1, found);
     ASSERT_TRUE(found);
-    EXPECT_EQ(record.width, 1280u);
-    EXPECT_EQ(record.height, 720u);
+    EXPECT_EQ(std::tie(record.width, record.height), std::make_tuple(1280u, 720u));
     EXPECT_EQ(m_Engine->Open(m_Recorder), 2);
     EXPECT_EQ(Client().GetBrowserCount(), 2u);
 }
 
 TEST_F(BrowserLifecycle, CreationAndCloseWaitTwoSecondsForTheEngine)
 {
+    auto expectTwoSecondWait = [](auto&& act) {
+        const auto start = Clock::now();
+        act();
+        EXPECT_GE(SecondsSince(start), 1.9);
+        EXPECT_LT(SecondsSince(start), 4.0);
+    };
     m_Port.SetReportCreation(false);
-    auto start = Clock::now();
-    EXPECT_EQ(m_Engine->Open(m_Recorder), -1);
-    EXPECT_GE(SecondsSince(start), 1.9);
-    EXPECT_LT(SecondsSince(start), 4.0);
+    expectTwoSecondWait([&] { EXPECT_EQ(m_Engine->Open(m_Recorder), -1); });
     EXPECT_EQ(Client().GetBrowserCount(), 0u); // no half-made record left
 
     m_Port.SetReportCreation(true);
     m_Port.SetReportClose(false);
     const int id = m_Engine->Open(m_Recorder);
     ASSERT_GT(id, 0);
-    start = Clock::now();
-    EXPECT_TRUE(Client().StopBrowser(id));
-    EXPECT_GE(SecondsSince(start), 1.9);
-    EXPECT_LT(SecondsSince(start), 4.0);
+    expectTwoSecondWait([&] { EXPECT_TRUE(Client().StopBrowser(id)); });
     EXPECT_EQ(Client().GetBrowserCount(), 1u); // the record waits for the notice
     Client().OnLoadStart(m_Port.Browser(id), m_Port.Browser(id)->GetMainFrame());
     EXPECT_TRUE(m_Recorder.UrlChanges().empty()) << "a closing browser's callback context may be gone";
@@ -66,13 +65,12 @@ TEST_F(BrowserLifecycle, ClosingABrowserStopsEachOfItsAudioStreams)
     EXPECT_TRUE(Client().StopBrowser(id));
     const auto calls = m_Port.HostCalls(id);
     ASSERT_EQ(calls.size(), 1u);
-    EXPECT_EQ(calls[0].kind, FakeHostCall::CloseBrowser);
-    EXPECT_TRUE(calls[0].forceClose);
+    EXPECT_TRUE(calls[0].kind == FakeHostCall::CloseBrowser && calls[0].forceClose);
     ASSERT_TRUE(WaitUntil([&] { return Client().GetBrowserCount() == 0; }));
     const auto audio = m_Recorder.AudioCalls();
     ASSERT_EQ(audio.size(), 4u);
-    EXPECT_EQ(audio[2], (AudioCall{11, 0, 0, 0, 0, false}));
-    EXPECT_EQ(audio[3], (AudioCall{12, 0, 0, 0, 0, false}));
+    EXPECT_EQ(std::vector(audio.begin() + 2, audio.end()),
+              (std::vector<AudioCall>{{11, 0, 0, 0, 0, false}, {12, 0, 0, 0, 0, false}}));
     m_Port.EmitClose(id); // a notice for a browser the client no longer knows
     EXPECT_EQ(m_Recorder.AudioCalls().size(), 4u);
 }

@@ -15,13 +15,16 @@ protected:
         m_Port.ClearHostCalls();
     }
     void PaintAt(int width, int height, int id = 1) { Paint(Client(), m_Port.Browser(id), width, height); }
-    std::vector<FakeHostCall::Kind> CallKinds()
+    // One field (or pair of fields) of each recorded call of the browser.
+    template <typename Fn>
+    auto Calls(Fn field)
     {
-        std::vector<FakeHostCall::Kind> kinds;
+        std::vector<decltype(field(FakeHostCall{}))> values;
         for (const auto& call : m_Port.HostCalls(m_nId))
-            kinds.push_back(call.kind);
-        return kinds;
+            values.push_back(field(call));
+        return values;
     }
+    std::vector<FakeHostCall::Kind> CallKinds() { return Calls([](const FakeHostCall& c) { return c.kind; }); }
     size_t Frames() { return m_Recorder.Frames().size(); }
 
     const int m_nId = 1;
@@ -64,14 +67,13 @@ TEST_F(PaintDelivery, DisabledFramesAreDroppedTheViewHiddenAndRefreshAsksForARep
     PaintAt(800, 600);
     EXPECT_EQ(Frames(), 1u);
     Wrapper().RefreshBrowser(m_nId);
-    std::vector<std::pair<FakeHostCall::Kind, bool>> calls;
-    for (const auto& call : m_Port.HostCalls(m_nId))
-        calls.emplace_back(call.kind, call.hidden);
-    EXPECT_EQ(calls, (std::vector<std::pair<FakeHostCall::Kind, bool>>{{FakeHostCall::WasHidden, true},
-                                                                        {FakeHostCall::Invalidate, false},
-                                                                        {FakeHostCall::WasHidden, false},
-                                                                        {FakeHostCall::Invalidate, false},
-                                                                        {FakeHostCall::Invalidate, false}}));
+    using Call = std::pair<FakeHostCall::Kind, bool>;
+    EXPECT_EQ(Calls([](const FakeHostCall& c) { return Call(c.kind, c.hidden); }),
+              (std::vector<Call>{{FakeHostCall::WasHidden, true},
+                                 {FakeHostCall::Invalidate, false},
+                                 {FakeHostCall::WasHidden, false},
+                                 {FakeHostCall::Invalidate, false},
+                                 {FakeHostCall::Invalidate, false}}));
     m_Port.ClearHostCalls();
     EXPECT_FALSE(Client().EnableReceivingFrames(9, false) || Client().SetRenderSize(9, 1, 1) ||
                  Client().RefreshBrowser(9) || Client().ReloadBrowser(9));
@@ -101,10 +103,8 @@ TEST_F(InputEvents, MouseButtonsAreHeldDuringDragsAndWheelStepsPointTheRightWay)
     m_Port.ClearHostCalls();
     Wrapper().EventMouseWheelScrollUp(m_nId, 1, 2), Wrapper().EventMouseWheelScrollDown(m_nId, 1, 2);
     Wrapper().EventMouseWheelScrollLeft(m_nId, 1, 2), Wrapper().EventMouseWheelScrollRight(m_nId, 1, 2);
-    std::vector<std::pair<int, int>> deltas;
-    for (const auto& call : m_Port.HostCalls(m_nId))
-        deltas.emplace_back(call.deltaX, call.deltaY);
-    EXPECT_EQ(deltas, (std::vector<std::pair<int, int>>{{0, -1}, {0, 1}, {-1, 0}, {1, 0}}));
+    EXPECT_EQ(Calls([](const FakeHostCall& c) { return std::make_pair(c.deltaX, c.deltaY); }),
+              (std::vector<std::pair<int, int>>{{0, -1}, {0, 1}, {-1, 0}, {1, 0}}));
 }
 
 // The short form tests key-up first, the full form raw key-down first.
@@ -113,11 +113,9 @@ TEST_F(InputEvents, KeyEventTypesOfBothFormsTheCursorAndUnknownBrowsers)
     Client().EventKey(m_nId, true, true, 40);
     Wrapper().EventKey(m_nId, true, true, false, 41, 65, 0);
     Wrapper().EventKeyDown(m_nId, false, 42);
-    std::vector<std::pair<EngineKeyEventType, int>> keys;
-    for (const auto& call : m_Port.HostCalls(m_nId))
-        keys.emplace_back(call.key.type, call.key.native_key_code);
-    EXPECT_EQ(keys, (std::vector<std::pair<EngineKeyEventType, int>>{
-                        {KEYEVENT_KEYUP, 40}, {KEYEVENT_RAWKEYDOWN, 41}, {KEYEVENT_CHAR, 42}}));
+    EXPECT_EQ(Calls([](const FakeHostCall& c) { return std::make_pair(c.key.type, c.key.native_key_code); }),
+              (std::vector<std::pair<EngineKeyEventType, int>>{
+                  {KEYEVENT_KEYUP, 40}, {KEYEVENT_RAWKEYDOWN, 41}, {KEYEVENT_CHAR, 42}}));
 
     // A move reports whether the engine's cursor is other than the pointer.
     EXPECT_FALSE(Wrapper().EventMouseMove(m_nId, 0, 0));

@@ -37,22 +37,20 @@ struct CountingCallback : EngineCallback {
 
 // Plays the service side behind the two access callbacks.
 struct AccessService {
-    bool takeOver = false;
-    bool answer = false;
-    std::string body;
+    bool takeOver = false, answer = false;
+    std::string body, startUrlSeen;
     std::vector<std::string> asked;
-    std::string startUrlSeen;
 
+    static AccessService* Self(const void* context) { return static_cast<AccessService*>(const_cast<void*>(context)); }
     static bool Handle(const std::string& url, const void* context)
     {
-        auto* self = static_cast<AccessService*>(const_cast<void*>(context));
-        self->asked.push_back(url);
-        return self->takeOver;
+        Self(context)->asked.push_back(url);
+        return Self(context)->takeOver;
     }
     static bool Respond(const std::string&, const std::string& startURL, std::vector<char>* data, int64_t* length,
                         int* status, const void* context)
     {
-        auto* self = static_cast<AccessService*>(const_cast<void*>(context));
+        auto* self = Self(context);
         self->startUrlSeen = startURL;
         data->assign(self->body.begin(), self->body.end());
         *length = static_cast<int64_t>(data->size());
@@ -62,11 +60,10 @@ struct AccessService {
 };
 
 struct Served {
-    bool takenOver = false;
+    bool takenOver = false, leftOpen = false; // leftOpen: no length, and a read gave nothing without ending it
     int status = -1;
     int64_t length = -2;
     std::string body;
-    bool leftOpen = false; // no length, and a read gave nothing without ending the request
 };
 
 class BrowserClientResources : public EngineTest {
@@ -87,10 +84,9 @@ protected:
     }
     int Open(const std::string& url, bool accessControl)
     {
-        CAccessHandlingForRequestSettings access;
-        access.handleRequestURL = &AccessService::Handle;
-        access.getResponseHeadersForURL = &AccessService::Respond;
-        access.accessControlEnabled = accessControl;
+        CAccessHandlingForRequestSettings access{.handleRequestURL = &AccessService::Handle,
+                                                 .getResponseHeadersForURL = &AccessService::Respond,
+                                                 .accessControlEnabled = accessControl};
         return m_Engine->Wrapper().StartBrowser(url, 320, 240, 30, &CallbackRecorder::Frame, &CallbackRecorder::Audio,
                                                 &m_Service, &access, nullptr, false);
     }
@@ -196,8 +192,7 @@ TEST_F(BrowserClientResources, AClosingBrowsersRequestsReachNoCallback)
     m_Service.asked.clear();
     m_Service.takeOver = m_Service.answer = true;
     const Served refused = Serve("http://streamloft/settings");
-    EXPECT_TRUE(refused.takenOver);
-    EXPECT_EQ(refused.status, 403);
+    EXPECT_TRUE(refused.takenOver && refused.status == 403) << refused.status;
     EXPECT_EQ(Serve(TextRequest(WriteFile("empty.txt", ""))).status, 200);
     EXPECT_TRUE(m_Service.asked.empty());
     EXPECT_TRUE(m_Service.startUrlSeen.empty());
@@ -208,30 +203,25 @@ TEST_F(BrowserClientResources, TheServiceSideBodyIsDeliveredWithoutItsStatus)
     m_Service.takeOver = m_Service.answer = true;
     m_Service.body = "0123456789";
     const Served served = Serve("http://streamloft/settings", 4);
-    EXPECT_TRUE(served.takenOver);
-    EXPECT_EQ(served.status, -1);
-    EXPECT_EQ(served.length, 10);
-    EXPECT_EQ(served.body, "0123456789");
+    EXPECT_EQ(std::tie(served.takenOver, served.status, served.length, served.body),
+              std::make_tuple(true, -1, int64_t(10), std::string("0123456789")));
     EXPECT_EQ(m_Service.startUrlSeen, kStartUrl);
 
     // A refusal by the service side: an empty body of length 0.
     m_Service.answer = false;
     m_Service.body.clear();
     const Served refused = Serve("file:///not/permitted.txt");
-    EXPECT_EQ(refused.status, -1);
-    EXPECT_EQ(refused.length, 0);
+    EXPECT_EQ(std::make_pair(refused.status, refused.length), std::make_pair(-1, int64_t(0)));
 }
 
 TEST_F(BrowserClientResources, TextFilesAreServedOnlyWhenEmpty)
 {
     const Served empty = Serve(TextRequest(WriteFile("a b.txt", "")));
-    EXPECT_EQ(empty.status, 200);
-    EXPECT_EQ(empty.length, 0);
+    EXPECT_EQ(std::make_pair(empty.status, empty.length), std::make_pair(200, int64_t(0)));
     EXPECT_EQ(Serve(TextRequest(m_strDir + "/a%20b.txt")).status, 200);
     // Content converts to no text and is refused.
     const Served content = Serve(TextRequest(WriteFile("hello.txt", "hello")));
-    EXPECT_EQ(content.status, 403);
-    EXPECT_EQ(content.length, 0);
+    EXPECT_EQ(std::make_pair(content.status, content.length), std::make_pair(403, int64_t(0)));
     EXPECT_EQ(Serve(TextRequest(m_strDir + "/missing.txt")).status, 404);
 }
 
@@ -241,9 +231,8 @@ TEST_F(BrowserClientResources, ARefusedRequestStaysOpenAndACancelEndsOneRead)
 {
     m_Service.takeOver = true;
     const Served refused = Serve("file:///elsewhere/a.txt", 4096, 0, [&] { m_Service.takeOver = false; });
-    EXPECT_EQ(refused.status, 403);
-    EXPECT_EQ(refused.length, -1);
-    EXPECT_TRUE(refused.leftOpen);
+    EXPECT_EQ(std::make_tuple(refused.status, refused.length, refused.leftOpen),
+              std::make_tuple(403, int64_t(-1), true));
 
     m_Service.takeOver = m_Service.answer = true;
     m_Service.body = "abcdef";

@@ -34,29 +34,30 @@ struct CallbackRecorder {
     std::vector<AudioCall> audioCalls;
     std::vector<std::string> urlChanges;
 
+    // Appends to a list of the recorder behind `context`.
+    template <typename T>
+    static bool Add(const void* context, std::vector<T> CallbackRecorder::*list, T value)
+    {
+        auto* self = static_cast<CallbackRecorder*>(const_cast<void*>(context));
+        std::lock_guard<std::mutex> guard(self->mutex);
+        (self->*list).push_back(std::move(value));
+        return true;
+    }
     static bool Frame(unsigned char* data, unsigned int size, void* context)
     {
-        auto* self = static_cast<CallbackRecorder*>(context);
-        std::lock_guard<std::mutex> guard(self->mutex);
         if (data && size)
             (void)data[size - 1]; // the whole buffer must be readable
-        self->frameSizes.push_back(size);
-        return true;
+        return Add(context, &CallbackRecorder::frameSizes, size);
     }
     static bool Audio(int streamId, unsigned char* data, unsigned int size, unsigned int sampleRate,
                       unsigned int channels, unsigned int bitsPerSample, void* context)
     {
-        auto* self = static_cast<CallbackRecorder*>(context);
-        std::lock_guard<std::mutex> guard(self->mutex);
-        self->audioCalls.push_back({streamId, size, sampleRate, channels, bitsPerSample, data != nullptr});
-        return true;
+        return Add(context, &CallbackRecorder::audioCalls,
+                   AudioCall{streamId, size, sampleRate, channels, bitsPerSample, data != nullptr});
     }
     static bool UrlChange(const std::string& url, const void* context)
     {
-        auto* self = static_cast<CallbackRecorder*>(const_cast<void*>(context));
-        std::lock_guard<std::mutex> guard(self->mutex);
-        self->urlChanges.push_back(url);
-        return true;
+        return Add(context, &CallbackRecorder::urlChanges, url);
     }
     template <typename T>
     T Copy(const T& field)
@@ -76,12 +77,10 @@ inline double SecondsSince(std::chrono::steady_clock::time_point start)
 
 inline bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 2000)
 {
-    const auto start = std::chrono::steady_clock::now();
-    while (!condition()) {
+    for (const auto start = std::chrono::steady_clock::now(); !condition();
+         std::this_thread::sleep_for(std::chrono::milliseconds(1)))
         if (SecondsSince(start) * 1000.0 > timeoutMs)
             return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
     return true;
 }
 
@@ -110,8 +109,7 @@ public:
     }
     ~HostedEngine()
     {
-        m_bStop = true;
-        m_PumpThread.join();
+        m_bStop = true, m_PumpThread.join();
         m_Wrapper.DeleteBrowserClientApplication();
     }
 

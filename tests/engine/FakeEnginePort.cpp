@@ -65,26 +65,17 @@ private:
 
 } // namespace
 
-FakeEnginePort::FakeEnginePort() : m_Link(std::make_shared<Link>())
-{
-    m_Link->port = this;
-}
+FakeEnginePort::FakeEnginePort() : m_Link(std::make_shared<Link>()) { m_Link->port = this; }
 
 FakeEnginePort::~FakeEnginePort()
 {
-    {
-        std::lock_guard<std::mutex> guard(m_Link->mutex);
-        m_Link->port = nullptr;
-    }
+    std::lock_guard<std::mutex> guard(m_Link->mutex);
+    m_Link->port = nullptr;
     if (m_bInstalled && GetEnginePort() == this)
         SetEnginePort(nullptr);
 }
 
-void FakeEnginePort::Install()
-{
-    m_bInstalled = true;
-    SetEnginePort(this);
-}
+void FakeEnginePort::Install() { m_bInstalled = true, SetEnginePort(this); }
 
 std::vector<FakeHostCall> FakeEnginePort::HostCalls(int browserId)
 {
@@ -114,10 +105,7 @@ EngineBrowserRef FakeEnginePort::Browser(int browserId)
 void FakeEnginePort::EmitClose(int browserId)
 {
     EngineBrowserRef browser = Browser(browserId);
-    EngineClient* client = Locked([&] {
-        m_OpenBrowsers.erase(browserId);
-        return m_pClient;
-    });
+    EngineClient* client = Locked([&] { return m_OpenBrowsers.erase(browserId), m_pClient; });
     if (client && client->GetLifeSpanHandler())
         client->GetLifeSpanHandler()->OnBeforeClose(browser);
 }
@@ -148,10 +136,8 @@ bool FakeEnginePort::Initialize(const EngineSettings& settings, EngineApp*)
     ++m_nInitializeCalls;
     if (m_bFailInitialize || m_bInitialized)
         return false;
-    m_Settings = settings;
-    m_PumpThread = std::this_thread::get_id();
-    m_bInitialized = true;
-    return true;
+    m_Settings = settings, m_PumpThread = std::this_thread::get_id();
+    return m_bInitialized = true;
 }
 
 void FakeEnginePort::DoMessageLoopWork()
@@ -170,42 +156,37 @@ void FakeEnginePort::DoMessageLoopWork()
 void FakeEnginePort::Shutdown()
 {
     std::vector<int> open;
-    {
-        std::lock_guard<std::mutex> guard(m_Mutex);
-        ++m_nShutdownCalls;
-        if (!m_bInitialized)
-            return;
-        m_Tasks.clear();
-        for (const auto& entry : m_OpenBrowsers)
-            open.push_back(entry.first);
-    }
+    if (!Locked([&] {
+            if (++m_nShutdownCalls, !m_bInitialized)
+                return false;
+            m_Tasks.clear();
+            for (const auto& entry : m_OpenBrowsers)
+                open.push_back(entry.first);
+            return true;
+        }))
+        return;
     for (int id : open)
         EmitClose(id);
-    std::lock_guard<std::mutex> guard(m_Mutex);
-    m_bInitialized = false;
-    m_pClient = nullptr;
+    Locked([&] { m_bInitialized = false, m_pClient = nullptr; });
 }
 
 bool FakeEnginePort::CreateBrowser(const EngineWindowInfo&, EngineClient* client, const std::string& url,
                                    const EngineBrowserSettings& settings)
 {
     std::lock_guard<std::mutex> guard(m_Mutex);
-    ++m_nCreateCalls;
-    m_LastBrowserSettings = settings;
-    m_strLastCreateUrl = url;
+    ++m_nCreateCalls, m_LastBrowserSettings = settings, m_strLastCreateUrl = url;
     if (!m_bInitialized || !client)
         return false;
     m_pClient = client;
     const int id = m_nNextBrowserId++;
     auto browser = std::make_shared<FakeBrowser>(id, m_Link);
     m_Urls[id] = url;
-    if (m_bReportCreation) {
+    if (m_bReportCreation)
         m_Tasks.push_back([this, id, browser, client] {
             Locked([&] { m_OpenBrowsers[id] = browser; });
             if (client->GetLifeSpanHandler())
                 client->GetLifeSpanHandler()->OnAfterCreated(browser);
         });
-    }
     return true;
 }
 

@@ -9,11 +9,8 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdint>
 #include <functional>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace SLF_ChromiumEmbeddedFramework;
 
@@ -43,45 +40,27 @@ public:
     EngineLifeSpanHandler* GetLifeSpanHandler() override { return this; }
     EngineJSDialogHandler* GetJSDialogHandler() override { return this; }
 
-    bool GetViewRect(EngineBrowserRef, EngineRect& rect) override
-    {
-        rect = {0, 0, width, height};
-        return true;
-    }
+    bool GetViewRect(EngineBrowserRef, EngineRect& rect) override { return rect = {0, 0, width, height}, true; }
     void OnPaint(EngineBrowserRef, const void* buffer, int w, int h) override
     {
-        ++paints;
-        paintWidth = w;
-        paintHeight = h;
+        ++paints, paintWidth = w, paintHeight = h;
         const auto* bytes = static_cast<const uint8_t*>(buffer);
         image.assign(bytes, bytes + static_cast<size_t>(w) * h * 4);
     }
     void OnCursorChange(EngineBrowserRef, EngineCursorType type) override { cursor = type; }
-    void OnAfterCreated(EngineBrowserRef created) override
-    {
-        ++createdCount;
-        browser = created;
-    }
+    void OnAfterCreated(EngineBrowserRef created) override { ++createdCount, browser = created; }
     void OnBeforeClose(EngineBrowserRef) override { ++closedCount; }
-    bool OnBeforePopup(EngineBrowserRef, const std::string&) override
-    {
-        ++popups;
-        return true;
-    }
+    bool OnBeforePopup(EngineBrowserRef, const std::string&) override { return ++popups, true; }
     bool OnJSDialog(EngineBrowserRef, const std::string&, EngineJSDialogType, const std::string&, const std::string&,
                     bool& suppress) override
     {
-        ++dialogs;
-        suppress = true;
-        return false;
+        return ++dialogs, suppress = true, false;
     }
 
     Bgra Pixel(int x, int y) const
     {
         const size_t at = (static_cast<size_t>(y) * paintWidth + x) * 4;
-        if (at + 3 >= image.size())
-            return {0, 0, 0, 0};
-        return {image[at], image[at + 1], image[at + 2], image[at + 3]};
+        return at + 3 < image.size() ? Bgra{image[at], image[at + 1], image[at + 2], image[at + 3]} : Bgra{};
     }
 
     int width, height;
@@ -132,8 +111,7 @@ protected:
         windowInfo.SetAsWindowless(nullptr);
         ASSERT_TRUE(s_pPort->CreateBrowser(windowInfo, &client, url, EngineBrowserSettings()));
         ASSERT_TRUE(PumpUntil([&] { return client.browser != nullptr; })) << "no OnAfterCreated";
-        ASSERT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == ready; }))
-            << "page never painted; last pixel ";
+        ASSERT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == ready; })) << "page never painted";
     }
 
     static inline WebKitEnginePort* s_pPort = nullptr;
@@ -172,8 +150,7 @@ TEST_F(WebKitEnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
     Open(second);
     EXPECT_NE(first.browser->GetIdentifier(), second.browser->GetIdentifier());
 
-    first.width = 300;
-    first.height = 150;
+    first.width = 300, first.height = 150;
     first.browser->GetHost()->WasResized();
     ASSERT_TRUE(PumpUntil([&] { return first.paintWidth == 300 && first.paintHeight == 150; }));
     EXPECT_EQ(first.Pixel(25, 25), kRed);
@@ -182,9 +159,7 @@ TEST_F(WebKitEnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
     // As the service's connection threads send input.
     EngineBrowserHostRef host = second.browser->GetHost();
     std::thread([host] {
-        EngineMouseEvent event;
-        event.x = 10;
-        event.y = 55;
+        EngineMouseEvent event{.x = 10, .y = 55};
         host->SendMouseMoveEvent(event, false);
         event.modifiers = EVENTFLAG_LEFT_MOUSE_BUTTON;
         host->SendMouseClickEvent(event, MBT_LEFT, false, 1);
@@ -223,11 +198,7 @@ TEST_F(WebKitEnginePortTest, DialogsWheelDoubleClickCursorAndVisibility)
     EXPECT_EQ(client.dialogs, 3);
     EngineBrowserHostRef host = client.browser->GetHost();
     EngineMouseEvent event;
-    auto moveTo = [&](int x, int y) {
-        event.x = x;
-        event.y = y;
-        host->SendMouseMoveEvent(event, false);
-    };
+    auto moveTo = [&](int x, int y) { event.x = x, event.y = y, host->SendMouseMoveEvent(event, false); };
     moveTo(150, 75);
     EXPECT_TRUE(PumpUntil([&] { return client.cursor == CT_HAND; })) << "cursor " << client.cursor;
 

@@ -32,16 +32,14 @@ struct Representation {
     {
         auto* self = static_cast<Representation*>(context);
         std::lock_guard<std::mutex> lock(self->mutex);
-        self->frame.assign(data, data + size);
-        return true;
+        return self->frame.assign(data, data + size), true;
     }
     static bool OnAudio(int, unsigned char*, unsigned int size, unsigned int rate, unsigned int, unsigned int,
                         void* context)
     {
         auto* self = static_cast<Representation*>(context);
         self->audioStops += size == 0 && rate == 0;
-        self->audioBytes += size;
-        return true;
+        return self->audioBytes += size, true;
     }
     // The BGRA bytes of a pixel read as one little-endian word, 0 outside the frame.
     uint32_t PixelAt(int width, int x, int y)
@@ -49,9 +47,7 @@ struct Representation {
         std::lock_guard<std::mutex> lock(mutex);
         const size_t at = (static_cast<size_t>(y) * width + x) * 4;
         uint32_t value = 0;
-        if (at + 4 <= frame.size())
-            std::memcpy(&value, frame.data() + at, 4);
-        return value;
+        return at + 4 <= frame.size() ? (std::memcpy(&value, frame.data() + at, 4), value) : 0;
     }
     size_t FrameSize()
     {
@@ -62,12 +58,9 @@ struct Representation {
 
 bool WaitFor(const std::function<bool()>& done, int timeoutMs = 20000)
 {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs); !done(); usleep(5000))
         if (std::chrono::steady_clock::now() > deadline)
             return false;
-        usleep(5000);
-    }
     return true;
 }
 
@@ -75,8 +68,7 @@ bool ProcessRuns(int pid)
 {
     std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
     std::string line;
-    if (!std::getline(stat, line))
-        return false;
+    std::getline(stat, line);
     const size_t close = line.rfind(')');
     return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
 }

@@ -89,7 +89,6 @@ struct TestHost : DBusPeer {
     {
         return waitForReply(request(method, parameters)).value_or("no reply");
     }
-    // OpenBrowser: its reply, the ID, comes when the browser is closed.
     guint32 openBrowser(GVariant* parameters = OpenParameters("https://x.test/", 320, 240, 30))
     {
         return request("OpenBrowser", parameters);
@@ -125,8 +124,7 @@ protected:
     size_t connections()
     {
         size_t count = 0;
-        gEnvironment->main->run([&] { count = m_listener->numberOfConnections(); });
-        return count;
+        return gEnvironment->main->run([&] { count = m_listener->numberOfConnections(); }), count;
     }
 
     std::string m_folder = TemporaryFolder();
@@ -175,7 +173,6 @@ TEST_F(ServiceFront, BadInputCreatesNothingAndTheServiceGoesOn)
         EXPECT_EQ(host.call(c.method, c.parameters), c.error) << c.method << " #" << (&c - cases);
     std::string log = testing::internal::GetCapturedStderr();
     EXPECT_NE(log.find("Refused URL 'not a url'"), std::string::npos) << log;
-
     // Nothing was started, and the limits themselves pass.
     EXPECT_TRUE(host.waitForCalls(0).empty());
     auto open = host.openBrowser(OpenParameters("https://x.test/", 16384, 0, 1000));
@@ -192,9 +189,7 @@ TEST_F(ServiceFront, TwoConnectionsOpeningTheSameURLGetTwoBrowsers)
     opens[0] = first.openBrowser();
     other.join();
     int idA = first.waitForStart(), idB = second.waitForStart();
-    EXPECT_GE(idA, 1);
-    EXPECT_GE(idB, 1);
-    EXPECT_NE(idA, idB);
+    EXPECT_TRUE(idA >= 1 && idB >= 1 && idA != idB) << idA << " " << idB;
     EXPECT_EQ(connections(), 2u);
     EXPECT_FALSE(first.reply(opens[0]) || second.reply(opens[1]));
 }
