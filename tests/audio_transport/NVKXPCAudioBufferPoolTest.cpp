@@ -153,13 +153,11 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
             Edited(sent->encodeRecord(), "NVKOffset", g_variant_new_uint64(offset)), "NVKShmemSize", g_variant_new_uint64(size)));
         return buffer && receiver->receivedBuffer(buffer, [&returns] { ++returns; });
     };
-    EXPECT_FALSE(adopts(4 * 4096, 4096));
-    EXPECT_FALSE(adopts(3 * 4096 + 1, 4096));
-    EXPECT_FALSE(adopts(UINT64_MAX - 100, 4096));
-    EXPECT_FALSE(adopts(4096, 4 * 4096));
+    for (const auto& [offset, size] : {std::pair<uint64_t, uint64_t>{4 * 4096, 4096}, {3 * 4096 + 1, 4096},
+                                       {UINT64_MAX - 100, 4096}, {4096, 4 * 4096}})
+        EXPECT_FALSE(adopts(offset, size)) << offset;
     EXPECT_EQ(receiver->freeBufferCount(), 0);
-    EXPECT_TRUE(adopts(3 * 4096, 4096));
-    EXPECT_TRUE(adopts(0, 4 * 4096));
+    EXPECT_TRUE(adopts(3 * 4096, 4096) && adopts(0, 4 * 4096)); // the last slot, a whole-segment slot
     auto held = NVKXPCAudioBuffer::initWithRecord(sent->encodeRecord());
     EXPECT_TRUE(receiver->receivedBuffer(held, [] {}));
     EXPECT_FALSE(receiver->receivedBuffer(held, [] {})); // adopted once only

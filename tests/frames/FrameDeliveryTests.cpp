@@ -29,13 +29,10 @@ protected:
         m_rep->setBrowserID(7);
         m_rep->setSize({10, 3});
     }
-    void TearDown() override
+    void TearDown() override // the members then go in reverse order: representation, proxy, host
     {
         m_host->ReleaseAll();
         m_host->Pump();
-        m_rep.reset();
-        m_proxy.reset();
-        m_host.reset();
     }
 
     void AddReceiver(const SLFCefCallbackProxyRef& proxy) { m_rep->addReceiverProxiesObject(proxy, [](int) {}); }

@@ -48,7 +48,11 @@ public:
     bool WaitForEvents(size_t n) { return PumpUntil([&] { return m_events.size() >= n; }); }
     size_t HeldBuffers() const { return m_heldBuffers.size(); }
 
-    void ReleaseOldestFrame() { LetGo(m_frames.front(), true), m_frames.pop_front(); }
+    void ReleaseOldestFrame()
+    {
+        LetGo(m_frames.front(), true);
+        m_frames.pop_front();
+    }
     // Answers the oldest (or newest) held audio buffer delivery.
     void ReleaseBuffer(bool newest = false)
     {
