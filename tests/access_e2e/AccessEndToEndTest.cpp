@@ -70,7 +70,6 @@ std::string ReadFile(const std::string& path) {
   return text.str();
 }
 
-void WriteFile(const std::string& path, const std::string& content) { std::ofstream(path) << content; }
 
 // The first log line that contains `needle`, or "".
 std::string FindLogLine(const std::string& log, const std::string& needle) {
@@ -88,9 +87,9 @@ TEST(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheHos
   std::filesystem::create_directories(pageDir);
   std::filesystem::create_directories(dir + "/secret");
   std::filesystem::copy_file(kPages + "/access_policy.html", pageDir + "/access_policy.html");
-  WriteFile(pageDir + "/allowed.svg", kSvg);
-  WriteFile(dir + "/secret/blocked.svg", kSvg);
-  WriteFile(dir + "/empty.txt", "");
+  std::ofstream(pageDir + "/allowed.svg") << kSvg;
+  std::ofstream(dir + "/secret/blocked.svg") << kSvg;
+  std::ofstream(dir + "/empty.txt").flush();
 
   SettingsHost host;
   streamloft::ConnectOptions options;
@@ -132,7 +131,7 @@ TEST(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheHos
   if (service > 0) {
     kill(service, SIGTERM);
     for (int i = 0; i < 200 && kill(service, 0) == 0; ++i) std::this_thread::sleep_for(50ms);
-    if (kill(service, 0) == 0) kill(service, SIGKILL);
+    kill(service, SIGKILL);  // no-op once it has ended
   }
   std::filesystem::remove_all(dir);
 }

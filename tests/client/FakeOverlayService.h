@@ -40,7 +40,6 @@ class FakeOverlayService {
   bool waitForHost() { return hostReadyFuture_.wait_for(std::chrono::seconds(5)) == std::future_status::ready; }
   // "Method (parameters)" of each request, once `count` have come.
   std::vector<std::string> waitForRequests(size_t count) { return host_->waitForCalls(count); }
-  // A token for waitForReply.
   guint32 callHost(const char* method, GVariant* parameters, int fd = -1) {
     return host_->send(streamloft::kOverlayCallbacksObjectPath, streamloft::kOverlayCallbacksInterface, method,
                        parameters, fd);

@@ -91,6 +91,11 @@ protected:
                                                 &m_Service, &access, nullptr, false);
     }
 
+    EngineResourceHandler* Handler(const EngineRequestRef& request, int browserId = 0)
+    {
+        EngineBrowserRef browser = m_Port.Browser(browserId ? browserId : m_nBrowserId);
+        return Client().GetResourceHandler(browser, browser->GetMainFrame(), request);
+    }
     EngineRequestRef Request(const std::string& url) { return std::make_shared<TestRequest>(++m_nNextRequest, url); }
     std::string TextRequest(const std::string& path) { return "http://streamloft/requestText?filePath=" + path; }
     std::string WriteFile(const std::string& name, const std::string& content)
@@ -107,8 +112,7 @@ protected:
     {
         Served served;
         EngineRequestRef request = Request(url);
-        EngineBrowserRef browser = m_Port.Browser(browserId ? browserId : m_nBrowserId);
-        EngineResourceHandler* handler = Client().GetResourceHandler(browser, browser->GetMainFrame(), request);
+        EngineResourceHandler* handler = Handler(request, browserId);
         served.takenOver = handler != nullptr;
         if (!handler)
             return served;
@@ -236,9 +240,8 @@ TEST_F(BrowserClientResources, ARefusedRequestStaysOpenAndACancelEndsOneRead)
 
     m_Service.takeOver = m_Service.answer = true;
     m_Service.body = "abcdef";
-    EngineBrowserRef browser = m_Port.Browser(m_nBrowserId);
     EngineRequestRef request = Request("http://streamloft/settings");
-    EngineResourceHandler* handler = Client().GetResourceHandler(browser, browser->GetMainFrame(), request);
+    EngineResourceHandler* handler = Handler(request);
     ASSERT_NE(handler, nullptr);
     handler->ProcessRequest(request, nullptr);
     int64_t length = 0;

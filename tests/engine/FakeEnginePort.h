@@ -75,7 +75,6 @@ public:
     EngineBrowserRef Browser(int browserId);
     void SetUrl(int browserId, const std::string& url) { Locked([&] { m_Urls[browserId] = url; }); }
     std::string Url(int browserId) { return Locked([&] { return m_Urls[browserId]; }); }
-    // Runs the task on the next pump pass.
     void Post(std::function<void()> task) { Locked([&] { m_Tasks.push_back(std::move(task)); }); }
     // OnBeforeClose now, as when the engine closes a browser by itself.
     void EmitClose(int browserId);
@@ -102,15 +101,9 @@ private:
         return fn();
     }
     template <typename T>
-    T Get(const T& field)
-    {
-        return Locked([&] { return field; });
-    }
+    T Get(const T& field) { return Locked([&] { return field; }); }
     template <typename T>
-    void Set(T& field, const T& value)
-    {
-        Locked([&] { field = value; });
-    }
+    void Set(T& field, const T& value) { Locked([&] { field = value; }); }
 
     std::shared_ptr<Link> m_Link;
     // Guards everything below; never held while the client is called.

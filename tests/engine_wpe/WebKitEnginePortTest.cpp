@@ -93,13 +93,10 @@ protected:
 
     bool PumpUntil(const std::function<bool()>& done, int timeoutMs = 20000)
     {
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (!done()) {
+        for (auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs); !done();
+             s_pPort->DoMessageLoopWork(), usleep(1000))
             if (std::chrono::steady_clock::now() > deadline)
                 return false;
-            s_pPort->DoMessageLoopWork();
-            usleep(1000);
-        }
         return true;
     }
     void Pump(int milliseconds) { PumpUntil([] { return false; }, milliseconds); }
