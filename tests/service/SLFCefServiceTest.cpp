@@ -33,12 +33,6 @@ bool WaitFor(Condition condition)
     return true;
 }
 
-std::string TemporaryFolder()
-{
-    char pattern[] = "/tmp/slf-service-XXXXXX";
-    return mkdtemp(pattern);
-}
-
 // One main loop (the service's main thread) and one engine for the whole
 // binary, as in the service process.
 struct ServiceEnvironment : ::testing::Environment {
@@ -127,7 +121,10 @@ protected:
         return gEnvironment->main->run([&] { count = m_listener->numberOfConnections(); }), count;
     }
 
-    std::string m_folder = TemporaryFolder();
+    std::string m_folder = [] {
+        char pattern[] = "/tmp/slf-service-XXXXXX";
+        return std::string(mkdtemp(pattern));
+    }();
     SLFCefServiceSocket m_socket;
     SLFCefServiceDelegate m_delegate;
     std::shared_ptr<SLFCefXPCListener> m_listener;
