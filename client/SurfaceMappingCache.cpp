@@ -181,22 +181,12 @@ std::shared_ptr<const SurfaceMapping> SurfaceMappingCache::Map(int browserID, co
 }
 
 void SurfaceMappingCache::BrowserDidClose(int browserID) {
-  const auto now = std::chrono::steady_clock::now();
-  for (auto it = entries_.begin(); it != entries_.end();) {
-    if (it->second.browserID == browserID || now - it->second.lastUse > idleLimit_)
-      it = entries_.erase(it);
-    else
-      ++it;
-  }
+  std::erase_if(entries_, [&](const auto& entry) { return entry.second.browserID == browserID; });
+  PruneIdle(std::chrono::steady_clock::now());
 }
 
 void SurfaceMappingCache::PruneIdle(std::chrono::steady_clock::time_point now) {
-  for (auto it = entries_.begin(); it != entries_.end();) {
-    if (now - it->second.lastUse > idleLimit_)
-      it = entries_.erase(it);
-    else
-      ++it;
-  }
+  std::erase_if(entries_, [&](const auto& entry) { return now - entry.second.lastUse > idleLimit_; });
 }
 
 }  // namespace streamloft
