@@ -382,6 +382,23 @@ bool CBrowserClient::OnProcessMessageReceived(EngineBrowserRef browser, EnginePr
     return true;
 }
 
+void CBrowserClient::OnRenderProcessTerminated(EngineBrowserRef browser, EngineTerminationStatus status)
+{
+    if (!browser)
+        return;
+    NPL_DBGPRINTF(EngineLog_GetModuleIndex(), 2, "---> Web process of browser %d ended (status %d)\n",
+                  browser->GetIdentifier(), static_cast<int>(status));
+    CNplThreadMutexLock browsersLock(m_BrowsersMutex); // lock order 3
+    const int id = browser->GetIdentifier();
+    CBrowser* record = FindBrowserRecord(id);
+    if (!record || record->m_bClosing)
+        return;
+    record->m_nRenderProcessId = 0;
+    auto requested = m_mapRenderProcessIdRequested.find(id);
+    if (requested != m_mapRenderProcessIdRequested.end() && requested->second)
+        browser->SendProcessMessage(EngineProcessMessage::Create(kRequestGetRenderProcessId));
+}
+
 // ---- rendering -----------------------------------------------------------------------
 
 bool CBrowserClient::GetViewRect(EngineBrowserRef browser, EngineRect& rect)

@@ -139,6 +139,9 @@ public:
     // loads it normally.
     EngineResourceHandler* GetResourceHandler(EngineBrowserRef browser, EngineFrameRef frame,
                                               EngineRequestRef request) override;
+    // The browser's web-process ID is unknown again until the new process
+    // answers the render-process-ID question, which is asked once more.
+    void OnRenderProcessTerminated(EngineBrowserRef browser, EngineTerminationStatus status) override;
     bool ProcessRequest(EngineRequestRef request, EngineCallbackRef callback) override;
     // The redirect URL is never set.
     void GetResponseHeaders(EngineResponseRef response, int64_t& responseLength, std::string& redirectUrl) override;

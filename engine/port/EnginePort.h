@@ -215,12 +215,32 @@ public:
     virtual void Cancel() = 0;
 };
 
+// Why a browser's web process ended.
+enum EngineTerminationStatus {
+    TS_ABNORMAL_TERMINATION = 0,
+    // Ended by the port because it stopped responding.
+    TS_PROCESS_WAS_KILLED = 1,
+    TS_PROCESS_CRASHED = 2,
+    TS_PROCESS_OOM = 3,
+};
+
 class EngineRequestHandler {
 public:
     virtual ~EngineRequestHandler() = default;
     // Non-null takes the request over: the returned handler answers it.
     virtual EngineResourceHandler* GetResourceHandler(EngineBrowserRef browser, EngineFrameRef frame,
                                                       EngineRequestRef request) = 0;
+    // Pump thread. The browser's web process ended (crashed, ran out of
+    // memory, or was ended because it stopped responding). The port has
+    // replaced it already: the browser, under the same identifier, now
+    // loads its URL in a new web process, or, after too many crashes in a
+    // short time, stays without one and paints nothing more. Messages sent
+    // to the browser from here on reach the new process.
+    virtual void OnRenderProcessTerminated(EngineBrowserRef browser, EngineTerminationStatus status)
+    {
+        (void)browser;
+        (void)status;
+    }
 };
 
 enum EngineJSDialogType { JSDIALOGTYPE_ALERT = 0, JSDIALOGTYPE_CONFIRM = 1, JSDIALOGTYPE_PROMPT = 2 };

@@ -7,6 +7,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <atomic>
 
 namespace SLF_ChromiumEmbeddedFramework {
@@ -55,7 +56,44 @@ bool WebKitAudioServer::Start(const std::string& socketPath)
         EndStream(m_Streams[fd]);
         m_Streams.erase(fd);
     };
+    handlers.onWake = [this]() {
+        std::deque<std::function<void()>> jobs;
+        {
+            std::lock_guard<std::mutex> lock(m_JobMutex);
+            jobs.swap(m_Jobs);
+        }
+        for (auto& job : jobs)
+            job();
+    };
     return m_Server.Start(socketPath, std::move(handlers));
+}
+
+void WebKitAudioServer::EndStreamsOfProcesses(std::vector<int> pids, std::function<void()> then)
+{
+    auto job = [this, pids = std::move(pids), then]() {
+        for (auto& entry : m_Streams) {
+            Stream& stream = entry.second;
+            if (std::find(pids.begin(), pids.end(), stream.pid) == pids.end())
+                continue;
+            EndStream(stream);
+            // No browser is found for process 0: whatever the connection
+            // still carries is dropped.
+            stream.pid = 0;
+            stream.view.reset();
+        }
+        if (then)
+            then();
+    };
+    {
+        std::lock_guard<std::mutex> lock(m_JobMutex);
+        m_Jobs.push_back(std::move(job));
+    }
+    if (!m_Server.Wake()) {
+        std::lock_guard<std::mutex> lock(m_JobMutex);
+        m_Jobs.clear();
+        if (then)
+            then();
+    }
 }
 
 void WebKitAudioServer::Stop()

@@ -9,8 +9,11 @@
 #include "engine/wpe/WebKitSocketServer.h"
 
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -31,6 +34,11 @@ public:
     bool Start(const std::string& socketPath);
     // Ends every stream (stopped is reported) and the thread.
     void Stop();
+    // Any thread: the web processes pids ended. On the audio thread, each
+    // of their streams gets its stop, as when a stream ends by itself, and
+    // nothing more of their connections reaches a browser; then `then`
+    // runs there. Without a running audio thread `then` runs at once.
+    void EndStreamsOfProcesses(std::vector<int> pids, std::function<void()> then);
 
     // One stream: one connection from a sink (audio thread only).
     struct Stream {
@@ -53,6 +61,10 @@ private:
     // Audio-thread state: the streams by connection.
     std::map<int, Stream> m_Streams;
     std::vector<uint8_t> m_Payload;
+
+    // Work for the audio thread from other threads. Lock order: a leaf lock.
+    std::mutex m_JobMutex;
+    std::deque<std::function<void()>> m_Jobs;
 };
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -272,13 +272,17 @@ void WebKitEnginePort::RegisterProcess(int pid, const std::shared_ptr<WebKitView
     m_Processes[pid] = view;
 }
 
-void WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
+std::vector<int> WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
 {
+    std::vector<int> pids;
     std::lock_guard<std::mutex> lock(m_PageMutex);
-    std::erase_if(m_Processes, [view](const auto& entry) {
+    std::erase_if(m_Processes, [view, &pids](const auto& entry) {
         auto known = entry.second.lock();
+        if (known && known.get() == view)
+            pids.push_back(entry.first);
         return !known || known.get() == view;
     });
+    return pids;
 }
 
 void WebKitEnginePort::OnInitializeWebExtensions()

@@ -79,9 +79,12 @@ public:
     // recent report wins); null when none is known.
     std::shared_ptr<WebKitView> FindViewForProcess(int pid);
     void RegisterProcess(int pid, const std::shared_ptr<WebKitView>& view);
-    void UnregisterProcessesOf(const WebKitView* view);
+    // Forgets the processes known to show the view's page; returns them.
+    std::vector<int> UnregisterProcessesOf(const WebKitView* view);
     // Null when resource requests are not offered to the clients.
     WebKitResourceServer* GetResourceServer() const { return m_pResourceServer.get(); }
+    // Null when page audio is not delivered.
+    WebKitAudioServer* GetAudioServer() const { return m_pAudioServer.get(); }
 
     // Process ids of the web processes this process started that still run.
     static std::vector<int> RunningWebProcesses();

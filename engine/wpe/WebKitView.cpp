@@ -2,6 +2,7 @@
 
 #include "dbg/NSLog.h"
 #include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WebKitAudioServer.h"
 #include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitInput.h"
 #include "engine/wpe/WebKitResourceServer.h"
@@ -130,7 +131,9 @@ void WebKitView::Open()
     m_pExportable = wpe_view_backend_exportable_fdo_create(&client, this, static_cast<uint32_t>(width),
                                                            static_cast<uint32_t>(height));
     struct wpe_view_backend* backend = wpe_view_backend_exportable_fdo_get_view_backend(m_pExportable);
-    wpe_view_backend_add_activity_state(backend, wpe_view_activity_state_visible | wpe_view_activity_state_focused |
+    // A view made again after its web process ended keeps a hidden state.
+    wpe_view_backend_add_activity_state(backend, (m_bHidden ? 0 : wpe_view_activity_state_visible) |
+                                                     wpe_view_activity_state_focused |
                                                      wpe_view_activity_state_in_window);
     auto* holder = new BackendHolder{shared_from_this(), m_pExportable};
     WebKitWebViewBackend* viewBackend = webkit_web_view_backend_new(backend, DestroyBackendThunk, holder);
@@ -173,8 +176,12 @@ void WebKitView::Open()
                          static_cast<WebKitView*>(self)->OnLoadChanged(event);
                      }),
                      this);
+    // WebKit clears the URI when the web process ends; the browser keeps
+    // its URL, which its recovery loads again.
     g_signal_connect(m_pView, "notify::uri", G_CALLBACK(+[](WebKitWebView* view, GParamSpec*, gpointer self) {
-                         static_cast<WebKitView*>(self)->SetUrl(webkit_web_view_get_uri(view));
+                         const char* uri = webkit_web_view_get_uri(view);
+                         if (uri && *uri)
+                             static_cast<WebKitView*>(self)->SetUrl(uri);
                      }),
                      this);
     g_signal_connect(m_pView, "create",
@@ -204,8 +211,12 @@ void WebKitView::Open()
                      this);
     g_signal_connect(m_pView, "web-process-terminated",
                      G_CALLBACK(+[](WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer self) {
-                         NSLog("WebKitView - the web process of browser %d ended (reason %d)",
-                               static_cast<WebKitView*>(self)->GetIdentifier(), static_cast<int>(reason));
+                         static_cast<WebKitView*>(self)->OnWebProcessTerminated(reason);
+                     }),
+                     this);
+    g_signal_connect(m_pView, "notify::is-web-process-responsive",
+                     G_CALLBACK(+[](WebKitWebView*, GParamSpec*, gpointer self) {
+                         static_cast<WebKitView*>(self)->OnResponsivenessChanged();
                      }),
                      this);
 
@@ -217,7 +228,21 @@ void WebKitView::Close(bool notify)
     if (m_bClosed)
         return;
     m_bClosed = true;
+    DestroyWebView(notify);
 
+    auto self = shared_from_this();
+    m_Port.ForgetView(m_nId);
+    if (notify) {
+        m_Port.Post([self]() {
+            if (EngineLifeSpanHandler* handler = self->m_pClient->GetLifeSpanHandler())
+                handler->OnBeforeClose(self);
+        });
+    }
+}
+
+void WebKitView::DestroyWebView(bool cancelHandlers)
+{
+    StopHangTimer();
     if (m_pFrameTimer) {
         g_source_destroy(m_pFrameTimer);
         g_source_unref(m_pFrameTimer);
@@ -234,8 +259,11 @@ void WebKitView::Close(bool notify)
     }
     m_LastImage.clear();
     m_LastImage.shrink_to_fit();
+    m_bFramePending = false;
+    m_PressedKeys.clear();
     if (m_nPageId)
         m_Port.UnregisterPage(m_nPageId);
+    m_nPageId = 0;
     m_Port.UnregisterProcessesOf(this);
 
     // Requests that were to stay open end with the view; their handlers
@@ -250,17 +278,8 @@ void WebKitView::Close(bool notify)
             handlers.push_back(open.second);
     }
     m_OpenRequests.clear();
-    if (!handlers.empty() && notify && m_Port.GetResourceServer())
+    if (!handlers.empty() && cancelHandlers && m_Port.GetResourceServer())
         m_Port.GetResourceServer()->CancelRequests(handlers);
-
-    auto self = shared_from_this();
-    m_Port.ForgetView(m_nId);
-    if (notify) {
-        m_Port.Post([self]() {
-            if (EngineLifeSpanHandler* handler = self->m_pClient->GetLifeSpanHandler())
-                handler->OnBeforeClose(self);
-        });
-    }
 }
 
 bool WebKitView::KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler)
@@ -279,6 +298,126 @@ void WebKitView::DestroyBackendThunk(gpointer data)
     if (holder->view->m_pExportable == holder->exportable)
         holder->view->m_pExportable = nullptr;
     delete holder;
+}
+
+// ---- web-process recovery ------------------------------------------------------
+
+namespace {
+
+const char* TerminationText(EngineTerminationStatus status)
+{
+    switch (status) {
+    case TS_PROCESS_CRASHED:
+        return "crashed";
+    case TS_PROCESS_OOM:
+        return "exceeded its memory limit";
+    case TS_PROCESS_WAS_KILLED:
+        return "was unresponsive for 10 s and was ended";
+    default:
+        return "ended";
+    }
+}
+
+} // namespace
+
+void WebKitView::OnWebProcessTerminated(int reason)
+{
+    // Inside WebKit's own handling of the process's end: the view itself is
+    // made again from a later pump pass.
+    EngineTerminationStatus status = TS_ABNORMAL_TERMINATION;
+    if (reason == WEBKIT_WEB_PROCESS_CRASHED)
+        status = TS_PROCESS_CRASHED;
+    else if (reason == WEBKIT_WEB_PROCESS_EXCEEDED_MEMORY_LIMIT)
+        status = TS_PROCESS_OOM;
+    RecoverWebProcess(status);
+}
+
+void WebKitView::OnResponsivenessChanged()
+{
+    if (!m_pView || m_bClosed || m_bRecovering)
+        return;
+    if (webkit_web_view_get_is_web_process_responsive(m_pView)) {
+        StopHangTimer();
+        return;
+    }
+    if (m_pHangTimer)
+        return;
+    m_pHangTimer = g_timeout_source_new(static_cast<guint>(kUnresponsiveLimit / 1000));
+    g_source_set_callback(m_pHangTimer, HangTimerThunk, this, nullptr);
+    g_source_set_name(m_pHangTimer, "SlfViewUnresponsive");
+    g_source_attach(m_pHangTimer, m_Port.GetMainContext());
+}
+
+void WebKitView::StopHangTimer()
+{
+    if (!m_pHangTimer)
+        return;
+    g_source_destroy(m_pHangTimer);
+    g_source_unref(m_pHangTimer);
+    m_pHangTimer = nullptr;
+}
+
+gboolean WebKitView::HangTimerThunk(gpointer data)
+{
+    auto* self = static_cast<WebKitView*>(data);
+    self->StopHangTimer();
+    if (self->m_pView && !webkit_web_view_get_is_web_process_responsive(self->m_pView))
+        self->RecoverWebProcess(TS_PROCESS_WAS_KILLED);
+    return G_SOURCE_REMOVE;
+}
+
+void WebKitView::RecoverWebProcess(EngineTerminationStatus status)
+{
+    if (m_bClosed || m_bRecovering || !m_pView)
+        return;
+    m_bRecovering = true;
+    StopHangTimer();
+    // The processes that showed the page: their audio belongs to nobody now.
+    const std::vector<int> pids = m_Port.UnregisterProcessesOf(this);
+    const int pid = pids.empty() ? 0 : pids.front();
+
+    const int64_t now = g_get_monotonic_time();
+    while (!m_Recoveries.empty() && now - m_Recoveries.front() >= kRecoveryWindow)
+        m_Recoveries.pop_front();
+    const bool giveUp = m_Recoveries.size() >= kMaxRecoveries;
+    if (giveUp) {
+        NSLog("WebKitView - browser %d: web process %d %s; given up after %zu recoveries within a minute, the "
+              "browser stays open without frames",
+              m_nId, pid, TerminationText(status), m_Recoveries.size());
+    } else {
+        m_Recoveries.push_back(now);
+        NSLog("WebKitView - browser %d: web process %d %s; loading the page again in a new web process (recovery "
+              "%zu of %zu within a minute)",
+              m_nId, pid, TerminationText(status), m_Recoveries.size(), kMaxRecoveries);
+    }
+    // A hung process would not notice its page going away.
+    if (status == TS_PROCESS_WAS_KILLED)
+        webkit_web_view_terminate_web_process(m_pView);
+
+    // The streams of the ended processes stop first (on the audio thread,
+    // as any stream end does); the view is made again afterwards.
+    auto self = shared_from_this();
+    auto rebuild = [self, status, giveUp]() {
+        self->m_Port.Post([self, status, giveUp]() { self->RebuildWebView(status, giveUp); });
+    };
+    if (WebKitAudioServer* audio = m_Port.GetAudioServer())
+        audio->EndStreamsOfProcesses(pids, rebuild);
+    else
+        rebuild();
+}
+
+void WebKitView::RebuildWebView(EngineTerminationStatus status, bool giveUp)
+{
+    if (m_bClosed)
+        return;
+    // Requests of the old page end here; the client hears of those it kept.
+    DestroyWebView(true);
+    m_bGivenUp = giveUp;
+    if (!giveUp)
+        Open();
+    m_bRecovering = false;
+    if (EngineRequestHandler* handler = m_pClient->GetRequestHandler())
+        handler->OnRenderProcessTerminated(shared_from_this(), status);
 }
 
 // ---- browser and frame -----------------------------------------------------
@@ -337,6 +476,7 @@ void WebKitView::DoResize()
 void WebKitView::WasHidden(bool hidden)
 {
     OnPump([this, hidden]() {
+        m_bHidden = hidden;
         struct wpe_view_backend* backend = Backend();
         if (!backend)
             return;
@@ -514,11 +654,15 @@ void WebKitView::DispatchKey(uint32_t keysym, uint32_t hardwareKeyCode, bool pre
 
 void WebKitView::CloseBrowser(bool forceClose)
 {
-    OnPump([this, forceClose]() {
-        if (forceClose)
-            Close(true);
+    // Also a browser given up after its crashes (no WebKit view) closes.
+    auto self = shared_from_this();
+    m_Port.Post([self, forceClose]() {
+        if (self->m_bClosed)
+            return;
+        if (forceClose || !self->m_pView)
+            self->Close(true);
         else
-            webkit_web_view_try_close(m_pView); // "close" follows unless the page objects
+            webkit_web_view_try_close(self->m_pView); // "close" follows unless the page objects
     });
 }
 

@@ -9,6 +9,7 @@
 #include <glib.h>
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -49,6 +50,20 @@ public:
     // Pump thread: destroys the WebKit view (idempotent). With notify, the
     // client's OnBeforeClose follows from a later pump pass.
     void Close(bool notify);
+    // Pump thread: the view's web process is gone (or is ended because it
+    // stopped responding). The view is made again at the browser's size,
+    // rate and URL in a new web process, under the same identifier and
+    // for the same client; after more than kMaxRecoveries within
+    // kRecoveryWindow the browser is given up: it stays open and paints
+    // nothing more. Its audio streams get their stop first.
+    void RecoverWebProcess(EngineTerminationStatus status);
+    bool IsGivenUp() const { return m_bGivenUp; }
+
+    // Recoveries allowed within the window; one more crash gives up.
+    static constexpr size_t kMaxRecoveries = 3;
+    static constexpr int64_t kRecoveryWindow = 60 * G_USEC_PER_SEC;
+    // How long the web process may stay unresponsive before it is ended.
+    static constexpr int64_t kUnresponsiveLimit = 10 * G_USEC_PER_SEC;
 
     EngineClient* GetClient() const { return m_pClient; }
     // Engine context: keeps a request for the internal scheme open until
@@ -98,6 +113,17 @@ private:
     // is kept as a copy.
     static void HeldBufferDestroyed(struct wl_listener* listener, void* data);
 
+    // Tears the WebKit view down with everything that belongs to its page
+    // (timers, held image, page and process records, requests kept open;
+    // their handlers are cancelled with cancelHandlers).
+    void DestroyWebView(bool cancelHandlers);
+    // After a web process ended: the view is made anew (or not, given up).
+    void RebuildWebView(EngineTerminationStatus status, bool giveUp);
+    void OnWebProcessTerminated(int reason);
+    void OnResponsivenessChanged();
+    void StopHangTimer();
+    static gboolean HangTimerThunk(gpointer data);
+
     // Frame pacing: WebKit renders the next frame only after frame_complete.
     void ScheduleFrameComplete();
     void DispatchFrameComplete();
@@ -142,6 +168,14 @@ private:
     int m_nLastPressY = 0;
     uint64_t m_nPageId = 0;
     std::vector<std::pair<WebKitURISchemeRequest*, EngineResourceHandler*>> m_OpenRequests;
+    // Web-process recovery: the hang timer runs while WebKit reports the
+    // process unresponsive; m_bRecovering from the end of a process until
+    // its view is made again; the times of the recent recoveries.
+    GSource* m_pHangTimer = nullptr;
+    bool m_bRecovering = false;
+    bool m_bGivenUp = false;
+    bool m_bHidden = false;
+    std::deque<int64_t> m_Recoveries; // monotonic microseconds
 
     // The view's URL, readable from any thread. Lock order: a leaf lock.
     std::mutex m_UrlMutex;

@@ -106,6 +106,19 @@ TEST_F(BrowserLifecycle, RenderProcessIdIsTakenOnlyFromTheAnswerOfABrowserThatWa
     EXPECT_EQ(Wrapper().GetRenderProcessId(id) + Wrapper().GetRenderProcessId(9), 0);
     EXPECT_TRUE(Client().OnProcessMessageReceived(m_Port.Browser(id), answer(kResponseGetRenderProcessId, 4321)));
     EXPECT_EQ(Wrapper().GetRenderProcessId(id), 4321);
+    EXPECT_EQ(m_Port.ProcessMessages(id), std::vector<std::string>{kRequestGetRenderProcessId});
+
+    // The web process ended and the engine replaced it: its ID is unknown
+    // until the new process answers the question, asked again.
+    Client().OnRenderProcessTerminated(m_Port.Browser(id), TS_PROCESS_CRASHED);
+    EXPECT_EQ(Wrapper().GetRenderProcessId(id), 0);
+    EXPECT_EQ(m_Port.ProcessMessages(id),
+              (std::vector<std::string>{kRequestGetRenderProcessId, kRequestGetRenderProcessId}));
+    EXPECT_TRUE(Client().OnProcessMessageReceived(m_Port.Browser(id), answer(kResponseGetRenderProcessId, 4400)));
+    EXPECT_EQ(Wrapper().GetRenderProcessId(id), 4400);
+    // A browser the client does not know is not asked.
+    Client().OnRenderProcessTerminated(m_Port.Browser(9), TS_PROCESS_OOM);
+    EXPECT_TRUE(m_Port.ProcessMessages(9).empty());
 }
 
 } // namespace

@@ -20,7 +20,12 @@ public:
     EngineBrowserHostRef GetHost() override { return shared_from_this(); }
     EngineFrameRef GetMainFrame() override { return shared_from_this(); }
     void Reload() override { Record({.kind = FakeHostCall::Reload}); }
-    void SendProcessMessage(const EngineProcessMessageRef&) override {}
+    void SendProcessMessage(const EngineProcessMessageRef& message) override
+    {
+        std::lock_guard<std::mutex> guard(m_Link->mutex);
+        if (m_Link->port && message)
+            m_Link->port->OnProcessMessage(m_nId, message->GetName());
+    }
 
     void WasResized() override { Record({.kind = FakeHostCall::WasResized}); }
     void WasHidden(bool hidden) override { Record({.kind = FakeHostCall::WasHidden, .hidden = hidden}); }

@@ -5,7 +5,7 @@
 //   SetReportCreation(false)); a close request's OnBeforeClose from the next
 //   pass (unless SetReportClose(false)). Shutdown closes every browser.
 // - Every host, browser and frame call is recorded (HostCalls).
-// - Process messages to web processes are dropped.
+// - Process messages to web processes are recorded by name, not delivered.
 // Install() makes it the process's port. Browsers handed out stay harmless
 // after the fake is gone: their calls are ignored.
 #pragma once
@@ -66,6 +66,11 @@ public:
     // Recorded calls of one browser, or of all browsers with -1.
     std::vector<FakeHostCall> HostCalls(int browserId = -1);
     void ClearHostCalls() { Set(m_HostCalls, {}); }
+    // Names of the process messages sent to a browser's web process.
+    std::vector<std::string> ProcessMessages(int browserId)
+    {
+        return Locked([&] { return m_ProcessMessages[browserId]; });
+    }
     // The view size the client gave through GetViewRect after the last
     // resize notice (0 x 0 before any).
     EngineRect LastViewRect(int browserId) { return Locked([&] { return m_ViewRects[browserId]; }); }
@@ -92,6 +97,10 @@ public:
     };
     // Called by those browsers under the link's mutex.
     void OnHostCall(const FakeHostCall& call);
+    void OnProcessMessage(int browserId, const std::string& name)
+    {
+        Locked([&] { m_ProcessMessages[browserId].push_back(name); });
+    }
 
 private:
     template <typename Fn>
@@ -122,6 +131,7 @@ private:
     std::map<int, std::string> m_Urls;
     std::map<int, EngineRect> m_ViewRects;
     std::vector<FakeHostCall> m_HostCalls;
+    std::map<int, std::vector<std::string>> m_ProcessMessages;
     std::vector<std::function<void()>> m_Tasks;
 };
 

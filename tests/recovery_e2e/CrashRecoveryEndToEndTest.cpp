@@ -1,0 +1,328 @@
+// Web processes killed under a running service: the service started on
+// demand with the WebKit engine, the host library on its socket, and the
+// test killing the service's web processes with SIGKILL as a crash would end
+// them.
+#include "streamloft/OverlayClient.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+const std::string kHelper = SLF_TEST_HELPER_PATH;
+const std::string kPages = SLF_TEST_PAGES_DIR;
+
+std::string Ids(int browser, int stream)
+{
+    return std::to_string(browser) + " " + std::to_string(stream);
+}
+
+// Frames are counted per browser and let go at once; everything else is an
+// event line ("start 3", "audio-stop 3 7", ...).
+class Host : public streamloft::OverlayCallbacks {
+public:
+    void BrowserDidStart(int id) override { Add("start " + std::to_string(id)); }
+    void BrowserReceivedVideoFrame(int id, std::shared_ptr<const streamloft::VideoFrame>) override
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        ++m_frames[id];
+        m_changed.notify_all();
+    }
+    void BrowserWillStartAudioStream(int id, int stream, const streamloft::AudioStreamFormat&) override
+    {
+        Add("audio-start " + Ids(id, stream));
+    }
+    void BrowserDidReceiveAudioStream(int id, int stream, std::shared_ptr<const streamloft::AudioBuffer> b) override
+    {
+        if (!b)
+            Add("audio-null " + Ids(id, stream));
+    }
+    void BrowserWillStopAudioStream(int id, int stream) override { Add("audio-stop " + Ids(id, stream)); }
+    void OpenBrowserDidReply(int id) override { Add("open-reply " + std::to_string(id)); }
+    void ClientDidReportProblem(const std::string& message) override { Add("problem " + message); }
+
+    long Frames(int id)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_frames[id];
+    }
+    // The events that start with prefix, in order.
+    std::vector<std::string> Events(const std::string& prefix)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        std::vector<std::string> found;
+        for (const auto& event : m_events)
+            if (event.rfind(prefix, 0) == 0)
+                found.push_back(event);
+        return found;
+    }
+    // Position of an event in the whole list, -1 when it never came.
+    long IndexOf(const std::string& event)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (size_t i = 0; i < m_events.size(); ++i)
+            if (m_events[i] == event)
+                return static_cast<long>(i);
+        return -1;
+    }
+    bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds timeout)
+    {
+        const auto deadline = std::chrono::steady_clock::now() + timeout;
+        std::unique_lock<std::mutex> guard(m_lock);
+        for (;;) {
+            guard.unlock();
+            const bool ok = done();
+            guard.lock();
+            if (ok)
+                return true;
+            if (std::chrono::steady_clock::now() >= deadline)
+                return false;
+            m_changed.wait_until(guard, std::min(deadline, std::chrono::steady_clock::now() + 100ms));
+        }
+    }
+
+private:
+    void Add(const std::string& event)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_events.push_back(event);
+        m_changed.notify_all();
+    }
+
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    std::vector<std::string> m_events;
+    std::map<int, long> m_frames;
+};
+
+// The ID at the end of an event line ("start 7"), or the n-th number in it.
+int Number(const std::string& event, int n)
+{
+    std::vector<int> numbers;
+    for (size_t at = event.find(' '); at != std::string::npos; at = event.find(' ', at + 1))
+        numbers.push_back(std::atoi(event.c_str() + at + 1));
+    return n < static_cast<int>(numbers.size()) ? numbers[n] : -1;
+}
+
+bool Running(int pid)
+{
+    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const size_t close = line.rfind(')');
+    return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z' && line[close + 2] != 'X';
+}
+
+// The service's web processes that still run.
+std::set<int> WebProcesses(pid_t service)
+{
+    std::set<int> result;
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(service) + "/task", error)) {
+        std::ifstream children(task.path() / "children");
+        int pid = 0;
+        while (children >> pid) {
+            std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+            std::string name;
+            std::getline(comm, name);
+            if (name.rfind("WPEWebProcess", 0) == 0 && Running(pid))
+                result.insert(pid);
+        }
+    }
+    return result;
+}
+
+bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout)
+{
+    for (const auto deadline = std::chrono::steady_clock::now() + timeout; !done();) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
+class CrashRecoveryTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char pattern[] = "/tmp/slf-recovery-XXXXXX";
+        m_dir = mkdtemp(pattern);
+        m_socket = m_dir + "/overlay-helper.sock";
+    }
+    void TearDown() override
+    {
+        m_client.reset();
+        if (m_service > 0) {
+            kill(m_service, SIGTERM);
+            WaitUntil([&] { return !Running(m_service); }, 10s);
+            kill(m_service, SIGKILL); // no-op once it has ended
+        }
+        std::ifstream log(m_socket + ".log");
+        if (HasFailure() && log)
+            std::cout << "---- service log ----\n" << log.rdbuf() << "\n";
+        std::filesystem::remove_all(m_dir);
+    }
+
+    void Connect(Host& host)
+    {
+        streamloft::ConnectOptions options;
+        options.socketPath = m_socket;
+        options.helperPath = kHelper;
+        options.startTimeout = 20s;
+        std::string error;
+        m_client = streamloft::OverlayClient::Connect(host, options, &error);
+        ASSERT_TRUE(m_client) << error;
+        ASSERT_TRUE(m_client->StartedService());
+        m_service = m_client->ServiceProcessID();
+        ASSERT_GT(m_service, 0);
+    }
+
+    // Opens a browser and waits for its ID.
+    int Open(Host& host, const std::string& page, double width, double height)
+    {
+        const size_t started = host.Events("start ").size();
+        std::string error;
+        EXPECT_TRUE(m_client->OpenBrowser("file://" + kPages + "/" + page, width, height, 30,
+                                          {"file://" + kPages + "/"}, &error))
+            << error;
+        if (!host.WaitFor([&] { return host.Events("start ").size() > started; }, 60s))
+            return -1;
+        return Number(host.Events("start ")[started], 0);
+    }
+
+    // The log lines of the service that name a browser's web process.
+    std::vector<std::string> ProcessLog(int browser)
+    {
+        std::vector<std::string> lines;
+        std::ifstream log(m_socket + ".log");
+        const std::string tag = "browser " + std::to_string(browser) + ": web process ";
+        for (std::string line; std::getline(log, line);)
+            if (line.find(tag) != std::string::npos)
+                lines.push_back(line);
+        return lines;
+    }
+
+    std::string m_dir, m_socket;
+    std::unique_ptr<streamloft::OverlayClient> m_client;
+    pid_t m_service = -1;
+};
+
+TEST_F(CrashRecoveryTest, AKilledWebProcessComesBackUnderItsIdUntilTheFourthCrashInAMinute)
+{
+    Host host;
+    ASSERT_NO_FATAL_FAILURE(Connect(host));
+    const int crashing = Open(host, "client_overlay.html", 160, 120);
+    ASSERT_GT(crashing, 0);
+    ASSERT_TRUE(host.WaitFor([&] { return host.Frames(crashing) > 3; }, 60s)) << "no frames at all";
+    const std::set<int> first = WebProcesses(m_service);
+    ASSERT_EQ(first.size(), 1u);
+    int victim = *first.begin();
+
+    const int steady = Open(host, "client_overlay.html", 160, 120);
+    ASSERT_GT(steady, 0);
+    ASSERT_TRUE(host.WaitFor([&] { return host.Frames(steady) > 3; }, 60s));
+    std::set<int> both = WebProcesses(m_service);
+    ASSERT_EQ(both.size(), 2u);
+    both.erase(victim);
+    ASSERT_EQ(both.size(), 1u);
+    const int steadyProcess = *both.begin();
+
+    const auto firstCrash = std::chrono::steady_clock::now();
+    for (int crash = 1; crash <= 3; ++crash) {
+        const long steadyFrames = host.Frames(steady);
+        ASSERT_EQ(kill(victim, SIGKILL), 0);
+        int replacement = 0;
+        ASSERT_TRUE(WaitUntil(
+            [&] {
+                for (int pid : WebProcesses(m_service))
+                    if (pid != victim && pid != steadyProcess)
+                        replacement = pid;
+                return replacement != 0;
+            },
+            60s))
+            << "crash " << crash << ": no new web process";
+        const long framesThen = host.Frames(crashing);
+        ASSERT_TRUE(host.WaitFor([&] { return host.Frames(crashing) > framesThen + 3; }, 60s))
+            << "crash " << crash << ": no frames from the new web process";
+        EXPECT_GT(host.Frames(steady), steadyFrames) << "the other browser stopped painting in crash " << crash;
+        victim = replacement;
+    }
+    EXPECT_EQ(host.Events("start ").size(), 2u) << "a recovered browser was announced as a new one";
+    ASSERT_LT(std::chrono::steady_clock::now() - firstCrash, 50s)
+        << "three recoveries took so long that a fourth crash would not fall within their minute";
+
+    ASSERT_EQ(kill(victim, SIGKILL), 0);
+    EXPECT_TRUE(WaitUntil([&] { return !WebProcesses(m_service).count(victim); }, 30s));
+    std::this_thread::sleep_for(2s); // frames on their way when the process died
+    const long silentFrom = host.Frames(crashing);
+    const long steadyFrom = host.Frames(steady);
+    std::this_thread::sleep_for(5s);
+    EXPECT_EQ(host.Frames(crashing), silentFrom) << "a browser given up still paints";
+    EXPECT_GT(host.Frames(steady), steadyFrom + 5) << "the other browser stopped painting";
+    EXPECT_EQ(WebProcesses(m_service), std::set<int>{steadyProcess}) << "a web process started for a given-up browser";
+    EXPECT_TRUE(Running(m_service));
+
+    // One line per event, with the browser and what happened.
+    const std::vector<std::string> lines = ProcessLog(crashing);
+    ASSERT_EQ(lines.size(), 4u);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_NE(lines[i].find("crashed; loading the page again"), std::string::npos) << lines[i];
+    EXPECT_NE(lines[3].find("crashed; given up"), std::string::npos) << lines[3];
+    EXPECT_TRUE(ProcessLog(steady).empty());
+
+    // The given-up browser is still registered: it closes as any other
+    // does, and its opener gets its reply.
+    std::string error;
+    EXPECT_TRUE(m_client->CloseBrowser(crashing, &error)) << error;
+    EXPECT_TRUE(host.WaitFor([&] { return host.IndexOf("open-reply " + std::to_string(crashing)) >= 0; }, 20s));
+    EXPECT_TRUE(host.Events("problem").empty()) << host.Events("problem").front();
+}
+
+TEST_F(CrashRecoveryTest, AudioStreamsOfAKilledWebProcessStopAndTheRecoveredPagePlaysAgain)
+{
+    Host host;
+    ASSERT_NO_FATAL_FAILURE(Connect(host));
+    const int browser = Open(host, "audio_tone.html", 64, 64);
+    ASSERT_GT(browser, 0);
+    const std::string prefix = "audio-start " + std::to_string(browser) + " ";
+    ASSERT_TRUE(host.WaitFor([&] { return !host.Events(prefix).empty(); }, 60s)) << "no audio stream started";
+    const int stream = Number(host.Events(prefix).front(), 1);
+    const std::set<int> processes = WebProcesses(m_service);
+    ASSERT_EQ(processes.size(), 1u);
+
+    ASSERT_EQ(kill(*processes.begin(), SIGKILL), 0);
+    // The stop sequence of a stream that ends: one empty buffer, then the stop.
+    const std::string stop = "audio-stop " + Ids(browser, stream);
+    ASSERT_TRUE(host.WaitFor([&] { return host.IndexOf(stop) >= 0; }, 30s)) << "the stream was not stopped";
+    const long empty = host.IndexOf("audio-null " + Ids(browser, stream));
+    EXPECT_GE(empty, 0);
+    EXPECT_LT(empty, host.IndexOf(stop));
+
+    // The page plays again from its new web process, under the same browser.
+    EXPECT_TRUE(host.WaitFor([&] { return host.Events(prefix).size() >= 2; }, 60s)) << "no stream after recovery";
+    if (host.Events(prefix).size() >= 2) {
+        EXPECT_NE(Number(host.Events(prefix)[1], 1), stream);
+    }
+    EXPECT_EQ(host.Events("start ").size(), 1u);
+    EXPECT_TRUE(Running(m_service));
+}
+
+} // namespace
