@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -55,6 +56,13 @@ public:
             Add("audio-null " + Ids(id, stream));
     }
     void BrowserWillStopAudioStream(int id, int stream) override { Add("audio-stop " + Ids(id, stream)); }
+    // Answered at once, through `client` once it is set.
+    void RequestSettingsDataForBrowser(int id) override
+    {
+        Add("settings " + std::to_string(id));
+        if (streamloft::OverlayClient* c = client.load())
+            c->UpdateBrowserSettingsData(id, {'o', 'k'});
+    }
     void OpenBrowserDidReply(int id) override { Add("open-reply " + std::to_string(id)); }
     void ClientDidReportProblem(const std::string& message) override { Add("problem " + message); }
 
@@ -97,6 +105,8 @@ public:
             m_changed.wait_until(guard, std::min(deadline, std::chrono::steady_clock::now() + 100ms));
         }
     }
+
+    std::atomic<streamloft::OverlayClient*> client{nullptr};
 
 private:
     void Add(const std::string& event)
@@ -296,12 +306,15 @@ TEST_F(CrashRecoveryTest, AKilledWebProcessComesBackUnderItsIdUntilTheFourthCras
     EXPECT_TRUE(host.Events("problem").empty()) << host.Events("problem").front();
 }
 
-TEST_F(CrashRecoveryTest, AudioStreamsOfAKilledWebProcessStopAndTheRecoveredPagePlaysAgain)
+TEST_F(CrashRecoveryTest, AudioOfAKilledWebProcessStopsAndTheNewProcessIsKnownAsTheSameBrowser)
 {
     Host host;
     ASSERT_NO_FATAL_FAILURE(Connect(host));
-    const int browser = Open(host, "audio_tone.html", 64, 64);
+    host.client = m_client.get();
+    const int browser = Open(host, "recovery_overlay.html", 64, 64);
     ASSERT_GT(browser, 0);
+    const std::string settings = "settings " + std::to_string(browser);
+    EXPECT_TRUE(host.WaitFor([&] { return host.Events(settings).size() == 1; }, 60s));
     const std::string prefix = "audio-start " + std::to_string(browser) + " ";
     ASSERT_TRUE(host.WaitFor([&] { return !host.Events(prefix).empty(); }, 60s)) << "no audio stream started";
     const int stream = Number(host.Events(prefix).front(), 1);
@@ -316,13 +329,17 @@ TEST_F(CrashRecoveryTest, AudioStreamsOfAKilledWebProcessStopAndTheRecoveredPage
     EXPECT_GE(empty, 0);
     EXPECT_LT(empty, host.IndexOf(stop));
 
-    // The page plays again from its new web process, under the same browser.
+    // The page plays and asks again from its new web process, under the
+    // same browser.
     EXPECT_TRUE(host.WaitFor([&] { return host.Events(prefix).size() >= 2; }, 60s)) << "no stream after recovery";
+    EXPECT_TRUE(host.WaitFor([&] { return host.Events(settings).size() == 2; }, 60s)) << "no settings request";
     if (host.Events(prefix).size() >= 2) {
         EXPECT_NE(Number(host.Events(prefix)[1], 1), stream);
     }
     EXPECT_EQ(host.Events("start ").size(), 1u);
+    EXPECT_EQ(host.Events("settings ").size(), 2u);
     EXPECT_TRUE(Running(m_service));
+    host.client = nullptr;
 }
 
 } // namespace
