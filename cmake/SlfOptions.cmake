@@ -2,6 +2,7 @@
 option(SLF_BUILD_TESTS "Build the unit and integration tests" ON)
 option(SLF_BUILD_BENCH "Build the benchmarks" ON)
 option(SLF_WERROR "Treat warnings in our code as errors" OFF)
+option(SLF_FUZZ "Build the libFuzzer targets under fuzz/ (clang only; its own build folder)" OFF)
 set(SLF_SANITIZER "" CACHE STRING "Sanitizer build: empty, 'address' (ASan+UBSan) or 'thread' (TSan)")
 set_property(CACHE SLF_SANITIZER PROPERTY STRINGS "" address thread)
 
@@ -28,6 +29,20 @@ elseif(SLF_SANITIZER STREQUAL "thread")
   add_link_options(-fsanitize=thread)
 elseif(NOT SLF_SANITIZER STREQUAL "")
   message(FATAL_ERROR "SLF_SANITIZER must be empty, 'address' or 'thread'")
+endif()
+
+# The fuzz build instruments every library for libFuzzer's coverage and
+# runs it under ASan+UBSan; only the fuzz targets link libFuzzer's main.
+if(SLF_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    message(FATAL_ERROR "SLF_FUZZ needs clang (configure with CC=clang CXX=clang++)")
+  endif()
+  if(NOT SLF_SANITIZER STREQUAL "")
+    message(FATAL_ERROR "SLF_FUZZ brings its own sanitizers; leave SLF_SANITIZER empty")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
 endif()
 
 # slf_add_test(NAME SOURCES... LIBS...) builds one GoogleTest binary and

@@ -105,14 +105,16 @@ bool WebKitAudioServer::OnEvents(int fd, short revents)
 {
     Stream& stream = m_Streams[fd];
     AudioFrameHeader header = {};
-    bool ok = (revents & POLLIN) && ReadAll(fd, &header, sizeof(header)) && header.length <= kMaxAudioPacketBytes;
+    uint8_t headerBytes[sizeof(AudioFrameHeader)];
+    bool ok = (revents & POLLIN) && ReadAll(fd, headerBytes, sizeof(headerBytes)) &&
+              DecodeAudioFrameHeader(headerBytes, sizeof(headerBytes), header);
     if (ok) {
         m_Payload.resize(header.length);
         ok = !header.length || ReadAll(fd, m_Payload.data(), header.length);
     }
     if (ok && header.kind == AUDIO_FRAME_START) {
         EndStream(stream);
-        stream.announced = header.rate > 0 && header.channels > 0 && header.bitsPerSample > 0;
+        stream.announced = AudioFrameAnnouncesFormat(header);
         stream.rate = header.rate;
         stream.channels = header.channels;
         stream.bits = header.bitsPerSample;

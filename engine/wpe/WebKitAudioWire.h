@@ -7,7 +7,9 @@
 //   stop:   the stream ended (also implied when the connection closes)
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -31,5 +33,23 @@ struct AudioFrameHeader {
 
 // Larger packets are a broken peer.
 inline constexpr uint32_t kMaxAudioPacketBytes = 4 * 1024 * 1024;
+
+// Reads a frame header from the bytes that arrived: false when there are
+// fewer than a header's bytes or the announced payload is larger than any
+// packet may be (a broken peer).
+inline bool DecodeAudioFrameHeader(const void* bytes, size_t size, AudioFrameHeader& header)
+{
+    if (!bytes || size < sizeof(AudioFrameHeader))
+        return false;
+    std::memcpy(&header, bytes, sizeof(AudioFrameHeader));
+    return header.length <= kMaxAudioPacketBytes;
+}
+
+// Whether a start frame describes PCM the service can take: every field of
+// the format positive.
+inline bool AudioFrameAnnouncesFormat(const AudioFrameHeader& header)
+{
+    return header.kind == AUDIO_FRAME_START && header.rate > 0 && header.channels > 0 && header.bitsPerSample > 0;
+}
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -65,12 +65,15 @@ GVariant* ReadResourceFrame(int fd, const char* type)
     uint32_t length = 0;
     if (!ReadAll(fd, &length, sizeof(length)) || length > kMaxFrameBytes)
         return nullptr;
-    auto* data = static_cast<uint8_t*>(g_malloc(length ? length : 1));
-    if (!ReadAll(fd, data, length)) {
-        g_free(data);
+    std::vector<uint8_t> data(length);
+    if (length && !ReadAll(fd, data.data(), length))
         return nullptr;
-    }
-    GBytes* bytes = g_bytes_new_take(data, length);
+    return DecodeResourceFrame(data.data(), data.size(), type);
+}
+
+GVariant* DecodeResourceFrame(const void* data, size_t size, const char* type)
+{
+    GBytes* bytes = g_bytes_new(size ? data : nullptr, size);
     GVariant* value = g_variant_new_from_bytes(G_VARIANT_TYPE(type), bytes, FALSE);
     g_bytes_unref(bytes);
     g_variant_ref_sink(value);

@@ -48,6 +48,11 @@ bool WriteResourceFrame(int fd, GVariant* value);
 // gone, the frame is too large or of another type. The result is owned.
 GVariant* ReadResourceFrame(int fd, const char* type);
 
+// The value of a frame whose `size` bytes after the length have arrived:
+// nullptr when they are not a value of the given type in normal form. The
+// bytes are copied; the result is owned.
+GVariant* DecodeResourceFrame(const void* data, size_t size, const char* type);
+
 // The URL of a taken-over request, and the identifier read back from one
 // (0 when the URL is not one of ours).
 std::string ResourceUrlForIdentifier(uint64_t identifier);
