@@ -1,3 +1,4 @@
+#include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitResourceChannel.h"
 
 #include <gtest/gtest.h>
@@ -53,6 +54,28 @@ TEST(ResourceChannel, IdentifiersRoundTripAndForeignUrlsGiveZero)
                             "http://streamloft/settings"})
         EXPECT_EQ(ResourceIdentifierFromUrl(url), 0u) << url;
     EXPECT_EQ(ResourceIdentifierFromUrl(nullptr), 0u);
+}
+
+TEST(AudioWire, HeadersOfBrokenPeersAndFormatsThatCannotPlayAreRefused)
+{
+    AudioFrameHeader sent = {AUDIO_FRAME_START, 0, 48000, 2, 16, 0};
+    AudioFrameHeader header = {};
+    ASSERT_TRUE(DecodeAudioFrameHeader(&sent, sizeof(sent), header));
+    EXPECT_TRUE(AudioFrameAnnouncesFormat(header));
+    // Too few bytes, or a payload larger than any packet.
+    EXPECT_FALSE(DecodeAudioFrameHeader(&sent, sizeof(sent) - 1, header));
+    EXPECT_FALSE(DecodeAudioFrameHeader(nullptr, sizeof(sent), header));
+    sent.length = kMaxAudioPacketBytes + 1;
+    EXPECT_FALSE(DecodeAudioFrameHeader(&sent, sizeof(sent), header));
+    sent.length = kMaxAudioPacketBytes;
+    EXPECT_TRUE(DecodeAudioFrameHeader(&sent, sizeof(sent), header));
+    // A format is announced only by a start frame with every field positive.
+    const AudioFrameHeader unusable[] = {{AUDIO_FRAME_START, 0, 0, 2, 16, 0},
+                                         {AUDIO_FRAME_START, 0, 48000, -2, 16, 0},
+                                         {AUDIO_FRAME_START, 0, 48000, 2, 0, 0},
+                                         {AUDIO_FRAME_PACKET, 0, 48000, 2, 16, 0}};
+    for (const AudioFrameHeader& h : unusable)
+        EXPECT_FALSE(AudioFrameAnnouncesFormat(h)) << h.kind << " " << h.rate << " " << h.channels;
 }
 
 TEST(ResourceChannel, AbstractAddressesConnectAndLeaveNoFile)
