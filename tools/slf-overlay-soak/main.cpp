@@ -363,7 +363,7 @@ class Churn {
       answerSettings();
       return host.frames() > 0 || host.closed() || stop_;
     }, 20s);
-    if (!framed || host.frames() == 0) {
+    if ((!framed || host.frames() == 0) && !stop_) {
       ++stats_.failures;
       Say("churn browser %d sent no frame within 20 s", host.browserID());
     }
