@@ -228,10 +228,11 @@ struct Anchor {
   int recoveries = 0;
 };
 
-// Answers the anchors' settings requests and notes which anchor browsers
-// went silent or came back. False when an
-// anchor's connection closed.
-bool ServeAnchors(std::vector<std::unique_ptr<Anchor>>& anchors, uint64_t* settingsTick) {
+// Answers the anchors' settings requests and, once `watch` (after the
+// warm-up: pages take a while to load the first time), notes which anchor
+// browsers went silent or came back. False when an anchor's connection
+// closed.
+bool ServeAnchors(std::vector<std::unique_ptr<Anchor>>& anchors, uint64_t* settingsTick, bool watch) {
   bool connected = true;
   const auto clockNow = Clock::now();
   for (auto& anchor : anchors) {
@@ -247,7 +248,7 @@ bool ServeAnchors(std::vector<std::unique_ptr<Anchor>>& anchors, uint64_t* setti
     anchor->recent.emplace_back(clockNow, anchor->host.frames());
     while (clockNow - anchor->recent.front().first > kSilenceLimit) anchor->recent.pop_front();
     const bool watchedLongEnough = clockNow - anchor->recent.front().first > kSilenceLimit - 500ms;
-    const bool quiet = watchedLongEnough && anchor->recentFrames() < kLiveFrames;
+    const bool quiet = watch && watchedLongEnough && anchor->recentFrames() < kLiveFrames;
     if (quiet && !anchor->silent) {
       anchor->silent = true;
       anchor->silentSince = clockNow;
@@ -508,7 +509,7 @@ int main(int argc, char** argv) {
     std::this_thread::sleep_for(200ms);
     const double now = Elapsed();
 
-    if (!ServeAnchors(anchors, &settingsTick)) setUp = false;
+    if (!ServeAnchors(anchors, &settingsTick, haveBaseline)) setUp = false;
 
     if (now >= nextResize) {
       Anchor& anchor = *anchors[resizeRound++ % kAnchors];
@@ -522,12 +523,12 @@ int main(int argc, char** argv) {
     if (!haveBaseline && now >= config.warmupSeconds) {
       churn.Pause();
       WaitFor([&] {
-        ServeAnchors(anchors, &settingsTick);
+        ServeAnchors(anchors, &settingsTick, haveBaseline);
         return churn.idle();
       }, 60s);
       const auto settled = Clock::now() + 3s;
       WaitFor([&] {
-        ServeAnchors(anchors, &settingsTick);
+        ServeAnchors(anchors, &settingsTick, haveBaseline);
         return Clock::now() > settled;
       }, 4s);
       baseline = ReadUsage(service);
@@ -563,7 +564,7 @@ int main(int argc, char** argv) {
   // moment to go, so the counts get up to 20 s to come back down.
   churn.RequestStop();
   WaitFor([&] {
-    ServeAnchors(anchors, &settingsTick);
+    ServeAnchors(anchors, &settingsTick, haveBaseline);
     return churn.idle();
   }, 60s);
   churn.Stop();
@@ -571,7 +572,7 @@ int main(int argc, char** argv) {
   bool alive = serviceAlive();
   if (alive && haveBaseline) {
     WaitFor([&] {
-      ServeAnchors(anchors, &settingsTick);
+      ServeAnchors(anchors, &settingsTick, haveBaseline);
       final = ReadUsage(service);
       return !serviceAlive() || (final.descriptors <= baseline.descriptors && final.threads <= baseline.threads &&
                                  final.segments <= baseline.segments);
