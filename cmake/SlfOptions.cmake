@@ -60,3 +60,7 @@ function(slf_add_test name)
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main slf_warnings)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT})
 endfunction()
+
+# The second engine port, over WebKitGTK: built only when asked for (it needs
+# the packages `scripts/install-deps --engine-gtk` installs).
+option(SLF_ENGINE_GTK "Build the WebKitGTK engine port beside the WPE one" OFF)

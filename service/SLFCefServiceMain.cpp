@@ -19,6 +19,9 @@
 #include "engine/port/EnginePort.h"
 #include "engine/wpe/WebKitEnginePort.h"
 #endif
+#if SLF_HAVE_GTK_ENGINE
+#include "engine/gtk/GtkEnginePort.h"
+#endif
 
 #include <CLI/CLI.hpp>
 #include <glib-unix.h>
@@ -78,10 +81,12 @@ void ConfigureLog(const std::vector<std::string>& commands)
 
 void InstallEngine()
 {
-#if SLF_HAVE_WPE_ENGINE
+#if SLF_HAVE_GTK_ENGINE
+    SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateGtkEnginePort());
+#elif SLF_HAVE_WPE_ENGINE
     SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateWebKitEnginePort());
 #endif
-#if !SLF_HAVE_WPE_ENGINE || !SLF_HAVE_ENGINE
+#if !(SLF_HAVE_WPE_ENGINE || SLF_HAVE_GTK_ENGINE) || !SLF_HAVE_ENGINE
     NSLog("No web engine in this build: open requests are answered with browser ID -1");
 #endif
 }

@@ -1,0 +1,92 @@
+// The engine port over WebKitGTK (webkit2gtk-4.1, GTK 3): the second
+// implementation of the engine port, beside the WPE WebKit one.
+//
+// Initialize starts a private headless display (GtkHeadlessDisplay) and
+// opens GTK on it; each browser is a web view in a GTK offscreen window
+// (GtkView). The engine runs on the pump thread inside a GMainContext of
+// its own that WebKit uses as its run loop; GDK's own sources (display
+// events, frame clock) live on the global default context, which the
+// service's main loop runs on the same thread (DoMessageLoopWork runs it
+// too when nothing else does). Browser, host and frame calls from any
+// thread are queued to the pump thread in order.
+//
+// Scope: rendering (paced frames at the browser's size and rate, with
+// transparency), loading, scripts, resize, hide/show, invalidate, process
+// messages and the web-process module. Input, resource interception and
+// page audio delivery are not offered by this port yet.
+#pragma once
+
+#include "engine/gtk/GtkHeadlessDisplay.h"
+#include "engine/port/EnginePort.h"
+
+#include <glib.h>
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+typedef struct _WebKitWebContext WebKitWebContext;
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+class GtkView;
+
+// Creates the WebKitGTK port; the caller owns it and installs it with
+// SetEnginePort.
+EnginePort* CreateGtkEnginePort();
+
+class GtkEnginePort : public EnginePort {
+public:
+    GtkEnginePort();
+    ~GtkEnginePort() override;
+    GtkEnginePort(const GtkEnginePort&) = delete;
+    GtkEnginePort& operator=(const GtkEnginePort&) = delete;
+
+    bool Initialize(const EngineSettings& settings, EngineApp* app) override;
+    void DoMessageLoopWork() override;
+    void Shutdown() override;
+    bool CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
+                       const EngineBrowserSettings& settings) override;
+
+    // Queues a task to the pump thread (dropped after Shutdown).
+    void Post(std::function<void()> task);
+
+    WebKitWebContext* GetWebContext() const { return m_pWebContext; }
+    GMainContext* GetMainContext() const { return m_pMainContext; }
+    void ForgetView(int id);
+
+private:
+    friend struct GtkTaskSource;
+    bool HasTasks() const { return m_bHasTasks.load(std::memory_order_acquire); }
+    void RunTasks();
+    void OnInitializeWebExtensions();
+    void CreateView(int id, EngineClient* client, const std::string& url, const EngineBrowserSettings& settings);
+    bool IsPumpThread() const;
+
+    EngineApp* m_pApp = nullptr;
+    std::string m_strModuleFolder;
+    GtkHeadlessDisplay m_Display;
+
+    // Engine state, owned by the pump thread.
+    std::thread::id m_PumpThread;
+    GMainContext* m_pMainContext = nullptr;
+    GSource* m_pTaskSource = nullptr;
+    WebKitWebContext* m_pWebContext = nullptr;
+    std::map<int, std::shared_ptr<GtkView>> m_Views;
+
+    std::atomic<bool> m_bRunning{false};
+    std::atomic<int> m_nNextBrowserId{1};
+
+    // Task queue. Lock order: a leaf lock; nothing else is taken or called
+    // while it is held.
+    std::mutex m_TaskMutex;
+    std::deque<std::function<void()>> m_Tasks;
+    std::atomic<bool> m_bHasTasks{false};
+};
+
+} // namespace SLF_ChromiumEmbeddedFramework

@@ -1,0 +1,444 @@
+#include "engine/gtk/GtkView.h"
+
+#include "dbg/NSLog.h"
+#include "engine/gtk/GtkEnginePort.h"
+#include "engine/wpe/WebKitAudioWire.h"
+#include "engine/wpe/WebKitVariantCodec.h"
+
+#include <cairo.h>
+#include <gtk/gtk.h>
+#include <webkit2/webkit2.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+namespace {
+
+constexpr int kDefaultWidth = 800;
+constexpr int kDefaultHeight = 600;
+constexpr int kMaxEdge = 16384;
+constexpr int kMinFrameRate = 1;
+constexpr int kMaxFrameRate = 240;
+
+void ApplyState(WebKitSettings* settings, EngineState state, void (*setter)(WebKitSettings*, gboolean))
+{
+    if (state == STATE_ENABLED)
+        setter(settings, TRUE);
+    else if (state == STATE_DISABLED)
+        setter(settings, FALSE);
+}
+
+GSourceFuncs s_FrameTimerFuncs = {nullptr, nullptr,
+                                  [](GSource*, GSourceFunc callback, gpointer data) -> gboolean {
+                                      return callback ? callback(data) : G_SOURCE_CONTINUE;
+                                  },
+                                  nullptr, nullptr, nullptr};
+
+} // namespace
+
+GtkView::GtkView(GtkEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
+                 const std::string& url)
+    : m_Port(port), m_nId(id), m_pClient(client), m_Settings(settings), m_strUrl(url.empty() ? "about:blank" : url)
+{
+    const int rate = std::clamp(settings.windowless_frame_rate, kMinFrameRate, kMaxFrameRate);
+    m_nFramePeriod = G_USEC_PER_SEC / rate;
+}
+
+GtkView::~GtkView()
+{
+    if (m_pSurface)
+        cairo_surface_destroy(m_pSurface);
+}
+
+template <typename Fn>
+void GtkView::OnPump(Fn fn)
+{
+    auto self = shared_from_this();
+    m_Port.Post([self, fn = std::move(fn)]() mutable {
+        if (self->m_pView && !self->m_bClosed)
+            fn();
+    });
+}
+
+void GtkView::SetUrl(const char* uri)
+{
+    std::lock_guard<std::mutex> lock(m_UrlMutex);
+    m_strUrl = uri ? uri : "";
+}
+
+std::string GtkView::GetURL()
+{
+    std::lock_guard<std::mutex> lock(m_UrlMutex);
+    return m_strUrl;
+}
+
+// ---- life cycle ------------------------------------------------------------
+
+void GtkView::Open()
+{
+    if (m_bClosed || m_pView)
+        return;
+    int width = kDefaultWidth;
+    int height = kDefaultHeight;
+    if (EngineRenderHandler* handler = m_pClient->GetRenderHandler()) {
+        EngineRect rect;
+        if (handler->GetViewRect(shared_from_this(), rect) && rect.width > 0 && rect.height > 0) {
+            width = std::min(rect.width, kMaxEdge);
+            height = std::min(rect.height, kMaxEdge);
+        }
+    }
+
+    m_pWindow = gtk_offscreen_window_new();
+    // An alpha channel all the way down, so that the page's transparency
+    // reaches the image.
+    if (GdkVisual* visual = gdk_screen_get_rgba_visual(gtk_widget_get_screen(m_pWindow)))
+        gtk_widget_set_visual(m_pWindow, visual);
+    gtk_widget_set_app_paintable(m_pWindow, TRUE);
+
+    WebKitSettings* settings = webkit_settings_new();
+    ApplyState(settings, m_Settings.javascript, webkit_settings_set_enable_javascript);
+    ApplyState(settings, m_Settings.javascript_access_clipboard, webkit_settings_set_javascript_can_access_clipboard);
+    ApplyState(settings, m_Settings.local_storage, webkit_settings_set_enable_html5_local_storage);
+    ApplyState(settings, m_Settings.file_access_from_file_urls, webkit_settings_set_allow_file_access_from_file_urls);
+    ApplyState(settings, m_Settings.universal_access_from_file_urls,
+               webkit_settings_set_allow_universal_access_from_file_urls);
+    ApplyState(settings, m_Settings.webgl, webkit_settings_set_enable_webgl);
+    webkit_settings_set_media_playback_requires_user_gesture(settings, FALSE);
+    webkit_settings_set_enable_webaudio(settings, TRUE);
+    webkit_settings_set_javascript_can_open_windows_automatically(settings, TRUE);
+    m_pView = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", m_Port.GetWebContext(), "settings",
+                                           settings, nullptr));
+    g_object_unref(settings);
+    GdkRGBA transparent = {0.0, 0.0, 0.0, 0.0};
+    webkit_web_view_set_background_color(m_pView, &transparent);
+
+    gtk_container_add(GTK_CONTAINER(m_pWindow), GTK_WIDGET(m_pView));
+    ApplySize(width, height);
+    gtk_widget_show_all(m_pWindow);
+    // GTK does not paint the window by itself: the frame timer draws it.
+    // Paced painting (SLF_GTK_PACED=1, an experiment): GTK paints the window
+    // only when the frame timer lets it (see OnFrameDue).
+    m_bPaced = g_strcmp0(g_getenv("SLF_GTK_PACED"), "1") == 0;
+    if (m_bPaced) {
+        gdk_window_freeze_updates(gtk_widget_get_window(m_pWindow));
+        m_bFrozen = true;
+    }
+
+    g_signal_connect(m_pView, "load-changed", G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer self) {
+                         static_cast<GtkView*>(self)->OnLoadChanged(event);
+                     }),
+                     this);
+    g_signal_connect(m_pView, "notify::uri", G_CALLBACK(+[](WebKitWebView* view, GParamSpec*, gpointer self) {
+                         static_cast<GtkView*>(self)->SetUrl(webkit_web_view_get_uri(view));
+                     }),
+                     this);
+    g_signal_connect(m_pView, "create",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitNavigationAction* action, gpointer self) -> GtkWidget* {
+                         auto* view = static_cast<GtkView*>(self);
+                         std::string target;
+                         if (WebKitURIRequest* request = webkit_navigation_action_get_request(action))
+                             target = webkit_uri_request_get_uri(request) ? webkit_uri_request_get_uri(request) : "";
+                         if (EngineLifeSpanHandler* handler = view->m_pClient->GetLifeSpanHandler())
+                             handler->OnBeforePopup(view->shared_from_this(), target);
+                         return nullptr;
+                     }),
+                     this);
+    g_signal_connect(m_pView, "script-dialog",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitScriptDialog* dialog, gpointer) -> gboolean {
+                         // No dialog can be shown off screen: every dialog
+                         // ends unanswered, leaving a page is allowed.
+                         const WebKitScriptDialogType type = webkit_script_dialog_get_dialog_type(dialog);
+                         if (type == WEBKIT_SCRIPT_DIALOG_CONFIRM)
+                             webkit_script_dialog_confirm_set_confirmed(dialog, FALSE);
+                         else if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM)
+                             webkit_script_dialog_confirm_set_confirmed(dialog, TRUE);
+                         return TRUE;
+                     }),
+                     this);
+    g_signal_connect(m_pView, "user-message-received",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitUserMessage* message, gpointer self) -> gboolean {
+                         return static_cast<GtkView*>(self)->OnUserMessage(message);
+                     }),
+                     this);
+    g_signal_connect(m_pView, "close",
+                     G_CALLBACK(+[](WebKitWebView*, gpointer self) { static_cast<GtkView*>(self)->Close(true); }),
+                     this);
+    g_signal_connect(m_pView, "web-process-terminated",
+                     G_CALLBACK(+[](WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer self) {
+                         NSLog("GtkView - the web process of browser %d ended (reason %d)",
+                               static_cast<GtkView*>(self)->m_nId, static_cast<int>(reason));
+                     }),
+                     this);
+
+    // GTK painted the window: its image is the frame.
+    g_signal_connect(m_pWindow, "damage-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, gpointer self) -> gboolean {
+                         static_cast<GtkView*>(self)->OnWindowPainted();
+                         return FALSE;
+                     }),
+                     this);
+    m_pFrameTimer = g_source_new(&s_FrameTimerFuncs, sizeof(GSource));
+    g_source_set_callback(
+        m_pFrameTimer,
+        [](gpointer self) -> gboolean {
+            static_cast<GtkView*>(self)->OnFrameDue();
+            return G_SOURCE_CONTINUE;
+        },
+        this, nullptr);
+    g_source_set_name(m_pFrameTimer, "SlfGtkViewFrame");
+    m_nGridStart = g_get_monotonic_time();
+    m_nFrameIndex = 1;
+    g_source_set_ready_time(m_pFrameTimer, m_nGridStart + m_nFramePeriod);
+    g_source_attach(m_pFrameTimer, m_Port.GetMainContext());
+
+    webkit_web_view_load_uri(m_pView, GetURL().c_str());
+}
+
+void GtkView::ApplySize(int width, int height)
+{
+    if (width == m_nWidth && height == m_nHeight && m_pSurface)
+        return;
+    m_nWidth = width;
+    m_nHeight = height;
+    gtk_widget_set_size_request(GTK_WIDGET(m_pView), width, height);
+    gtk_window_resize(GTK_WINDOW(m_pWindow), width, height);
+    if (m_pSurface)
+        cairo_surface_destroy(m_pSurface);
+    m_pSurface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
+    m_pPainted = nullptr;
+    m_bHasImage = false;
+}
+
+void GtkView::Close(bool notify)
+{
+    if (m_bClosed)
+        return;
+    m_bClosed = true;
+    if (m_pFrameTimer) {
+        g_source_destroy(m_pFrameTimer);
+        g_source_unref(m_pFrameTimer);
+        m_pFrameTimer = nullptr;
+    }
+    if (m_pView) {
+        g_signal_handlers_disconnect_by_data(m_pView, this);
+        m_pView = nullptr;
+    }
+    if (m_pWindow) {
+        // The window takes its view with it.
+        gtk_widget_destroy(m_pWindow);
+        m_pWindow = nullptr;
+    }
+    auto self = shared_from_this();
+    m_Port.ForgetView(m_nId);
+    if (notify) {
+        m_Port.Post([self]() {
+            if (EngineLifeSpanHandler* handler = self->m_pClient->GetLifeSpanHandler())
+                handler->OnBeforeClose(self);
+        });
+    }
+}
+
+// ---- painting --------------------------------------------------------------
+
+void GtkView::OnFrameDue()
+{
+    // The next slot on the grid: a late tick skips the slots it missed.
+    const int64_t now = g_get_monotonic_time();
+    m_nFrameIndex = std::max(m_nFrameIndex + 1, (now - m_nGridStart) / m_nFramePeriod + 1);
+    g_source_set_ready_time(m_pFrameTimer, m_nGridStart + m_nFrameIndex * m_nFramePeriod);
+    if (m_bHidden || !m_pWindow)
+        return;
+    // The newest painted image, if the window painted since the last slot.
+    if (m_bNewImage) {
+        m_bNewImage = false;
+        Deliver();
+    }
+    if (m_bPaced && m_bFrozen) {
+        // The window may paint once more: when WebKit has a new frame (the
+        // window is invalid), the window's frame clock paints it on its next
+        // cycle; that paint tells the web process that its frame was shown.
+        m_bFrozen = false;
+        gdk_window_thaw_updates(gtk_widget_get_window(m_pWindow));
+    }
+}
+
+void GtkView::OnWindowPainted()
+{
+    if (m_bClosed || !m_pWindow)
+        return;
+    if (m_bPaced && !m_bFrozen) {
+        gdk_window_freeze_updates(gtk_widget_get_window(m_pWindow));
+        m_bFrozen = true;
+    }
+    cairo_surface_t* surface = gtk_offscreen_window_get_surface(GTK_OFFSCREEN_WINDOW(m_pWindow));
+    if (surface && cairo_surface_get_type(surface) == CAIRO_SURFACE_TYPE_IMAGE &&
+        cairo_image_surface_get_format(surface) == CAIRO_FORMAT_ARGB32 &&
+        cairo_image_surface_get_width(surface) == m_nWidth && cairo_image_surface_get_height(surface) == m_nHeight) {
+        // The window's own image in client memory (a Wayland display): the
+        // frame is read from it as it stands, at the next slot.
+        m_pPainted = surface;
+    } else {
+        // Any other window surface (an X pixmap) would be a round trip to
+        // read: the view is drawn again, into client memory.
+        m_pPainted = nullptr;
+        DrawFrame();
+    }
+    m_bHasImage = true;
+    m_bNewImage = true;
+}
+
+bool GtkView::DrawFrame()
+{
+    if (!m_pSurface || cairo_surface_status(m_pSurface) != CAIRO_STATUS_SUCCESS)
+        return false;
+    cairo_t* cr = cairo_create(m_pSurface);
+    cairo_set_operator(cr, CAIRO_OPERATOR_CLEAR);
+    cairo_paint(cr);
+    cairo_set_operator(cr, CAIRO_OPERATOR_OVER);
+    gtk_widget_draw(GTK_WIDGET(m_pView), cr);
+    cairo_destroy(cr);
+    cairo_surface_flush(m_pSurface);
+    return true;
+}
+
+void GtkView::Deliver()
+{
+    if (m_bClosed || !m_bHasImage)
+        return;
+    cairo_surface_t* image = m_pPainted ? m_pPainted : m_pSurface;
+    cairo_surface_flush(image);
+    // ARGB32 rows are width * 4 bytes: the surface is the packed image.
+    if (!image || cairo_image_surface_get_stride(image) != m_nWidth * 4)
+        return;
+    if (EngineRenderHandler* handler = m_pClient->GetRenderHandler())
+        handler->OnPaint(shared_from_this(), cairo_image_surface_get_data(image), m_nWidth, m_nHeight);
+}
+
+// ---- browser, frame and host -------------------------------------------------
+
+void GtkView::Reload()
+{
+    OnPump([this]() { webkit_web_view_reload(m_pView); });
+}
+
+void GtkView::SendProcessMessage(const EngineProcessMessageRef& message)
+{
+    if (!message)
+        return;
+    OnPump([this, message]() {
+        GVariant* parameters = ProcessMessageArgumentsToVariant(*message);
+        webkit_web_view_send_message_to_page(m_pView, webkit_user_message_new(message->GetName().c_str(), parameters),
+                                             nullptr, nullptr, nullptr);
+    });
+}
+
+void GtkView::ExecuteJavaScript(const std::string& code, const std::string&, int)
+{
+    OnPump([this, code]() {
+        webkit_web_view_evaluate_javascript(m_pView, code.c_str(), -1, nullptr, nullptr, nullptr, nullptr, nullptr);
+    });
+}
+
+void GtkView::WasResized()
+{
+    OnPump([this]() {
+        EngineRenderHandler* handler = m_pClient->GetRenderHandler();
+        EngineRect rect;
+        if (!handler || !handler->GetViewRect(shared_from_this(), rect) || rect.width <= 0 || rect.height <= 0)
+            return;
+        ApplySize(std::min(rect.width, kMaxEdge), std::min(rect.height, kMaxEdge));
+    });
+}
+
+void GtkView::WasHidden(bool hidden)
+{
+    OnPump([this, hidden]() {
+        m_bHidden = hidden;
+        // An unmapped view is one WebKit does not render.
+        gtk_widget_set_visible(m_pWindow, !hidden);
+    });
+}
+
+void GtkView::Invalidate()
+{
+    OnPump([this]() { Deliver(); });
+}
+
+void GtkView::LogNotOffered(const char* what)
+{
+    if (m_bLoggedInput)
+        return;
+    m_bLoggedInput = true;
+    NSLog("GtkView - browser %d: %s is not offered by the WebKitGTK port yet; dropped", m_nId, what);
+}
+
+void GtkView::SendMouseClickEvent(const EngineMouseEvent&, EngineMouseButtonType, bool, int)
+{
+    OnPump([this]() { LogNotOffered("input"); });
+}
+
+void GtkView::SendMouseMoveEvent(const EngineMouseEvent&, bool)
+{
+    OnPump([this]() { LogNotOffered("input"); });
+}
+
+void GtkView::SendMouseWheelEvent(const EngineMouseEvent&, int, int)
+{
+    OnPump([this]() { LogNotOffered("input"); });
+}
+
+void GtkView::SendKeyEvent(const EngineKeyEvent&)
+{
+    OnPump([this]() { LogNotOffered("input"); });
+}
+
+void GtkView::CloseBrowser(bool forceClose)
+{
+    OnPump([this, forceClose]() {
+        if (forceClose)
+            Close(true);
+        else
+            webkit_web_view_try_close(m_pView);
+    });
+}
+
+// ---- WebKit signals ----------------------------------------------------------
+
+void GtkView::OnLoadChanged(int loadEvent)
+{
+    EngineLoadHandler* handler = m_pClient->GetLoadHandler();
+    if (!handler)
+        return;
+    auto self = shared_from_this();
+    if (loadEvent == WEBKIT_LOAD_STARTED) {
+        handler->OnLoadStart(self, self);
+    } else if (loadEvent == WEBKIT_LOAD_FINISHED) {
+        int status = 0;
+        if (WebKitWebResource* resource = webkit_web_view_get_main_resource(m_pView)) {
+            if (WebKitURIResponse* response = webkit_web_resource_get_response(resource))
+                status = static_cast<int>(webkit_uri_response_get_status_code(response));
+        }
+        handler->OnLoadEnd(self, self, status == 0 ? 200 : status);
+    }
+}
+
+bool GtkView::OnUserMessage(WebKitUserMessage* userMessage)
+{
+    const char* name = webkit_user_message_get_name(userMessage);
+    // The web process's report of its pages serves page audio, which this
+    // port does not deliver yet.
+    if (name && std::strcmp(name, kPageProcessMessage) == 0)
+        return true;
+    std::string error;
+    EngineProcessMessageRef message =
+        ProcessMessageFromVariant(name ? name : "", webkit_user_message_get_parameters(userMessage), error);
+    if (!message) {
+        NSLog("GtkView - browser %d: message from the web process dropped: %s", m_nId, error.c_str());
+        return true;
+    }
+    return m_pClient->OnProcessMessageReceived(shared_from_this(), message);
+}
+
+} // namespace SLF_ChromiumEmbeddedFramework

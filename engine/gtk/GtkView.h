@@ -1,0 +1,121 @@
+// One browser of the WebKitGTK port: a web view in a GTK offscreen window on
+// the private headless display. The object is the browser, its host and its
+// main frame at once; WebKit and GTK objects are touched on the pump thread
+// only.
+//
+// Painting: the offscreen window's own painting is frozen. A per-view timer
+// on a fixed grid at the browser's frame rate looks whether WebKit
+// invalidated the view since the last frame and, if so, draws the view
+// straight into an image surface of the browser's size (cairo ARGB32: B, G,
+// R, A in memory, premultiplied, rows of width * 4 bytes) and hands it to
+// OnPaint. Drawing is what tells the web process that its frame was shown,
+// so the web process renders its next frame only after that: rendering and
+// requestAnimationFrame follow the browser's rate, not the display's.
+#pragma once
+
+#include "engine/port/EnginePort.h"
+
+#include <glib.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+typedef struct _GtkWidget GtkWidget;
+typedef struct _WebKitWebView WebKitWebView;
+typedef struct _WebKitUserMessage WebKitUserMessage;
+typedef struct _cairo_surface cairo_surface_t;
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+class GtkEnginePort;
+
+class GtkView : public EngineBrowser,
+                public EngineBrowserHost,
+                public EngineFrame,
+                public std::enable_shared_from_this<GtkView> {
+public:
+    GtkView(GtkEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
+            const std::string& url);
+    ~GtkView() override;
+    GtkView(const GtkView&) = delete;
+    GtkView& operator=(const GtkView&) = delete;
+
+    // Pump thread: makes the window and the view and starts loading.
+    void Open();
+    // Pump thread: destroys the view (idempotent); with notify the client's
+    // OnBeforeClose follows from a later pump pass.
+    void Close(bool notify);
+
+    // EngineBrowser
+    int GetIdentifier() override { return m_nId; }
+    EngineBrowserHostRef GetHost() override { return shared_from_this(); }
+    EngineFrameRef GetMainFrame() override { return shared_from_this(); }
+    void Reload() override;
+    void SendProcessMessage(const EngineProcessMessageRef& message) override;
+
+    // EngineBrowserHost
+    void WasResized() override;
+    void WasHidden(bool hidden) override;
+    void Invalidate() override;
+    void SendMouseClickEvent(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp,
+                             int clickCount) override;
+    void SendMouseMoveEvent(const EngineMouseEvent& event, bool mouseLeave) override;
+    void SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, int deltaY) override;
+    void SendKeyEvent(const EngineKeyEvent& event) override;
+    void CloseBrowser(bool forceClose) override;
+
+    // EngineFrame
+    std::string GetURL() override;
+    void ExecuteJavaScript(const std::string& code, const std::string& scriptUrl, int startLine) override;
+
+private:
+    template <typename Fn>
+    void OnPump(Fn fn);
+
+    void SetUrl(const char* uri);
+    void ApplySize(int width, int height);
+    // The frame timer: lets the window paint once.
+    void OnFrameDue();
+    // The window painted: its image goes to the client.
+    void OnWindowPainted();
+    // Draws the view into m_pSurface.
+    bool DrawFrame();
+    void Deliver();
+    void OnLoadChanged(int loadEvent);
+    bool OnUserMessage(WebKitUserMessage* message);
+    void LogNotOffered(const char* what);
+
+    GtkEnginePort& m_Port;
+    const int m_nId;
+    EngineClient* const m_pClient;
+    const EngineBrowserSettings m_Settings;
+
+    // Pump-thread state.
+    GtkWidget* m_pWindow = nullptr;
+    WebKitWebView* m_pView = nullptr;
+    cairo_surface_t* m_pSurface = nullptr;
+    GSource* m_pFrameTimer = nullptr;
+    int m_nWidth = 0;
+    int m_nHeight = 0;
+    int64_t m_nFramePeriod = 0; // microseconds
+    int64_t m_nGridStart = 0;   // monotonic microseconds of frame 0
+    int64_t m_nFrameIndex = 0;
+    bool m_bHasImage = false;
+    bool m_bHidden = false;
+    bool m_bClosed = false;
+    bool m_bLoggedInput = false;
+    bool m_bPaced = false;
+    bool m_bFrozen = false;
+    bool m_bNewImage = false;
+    // The image of the last frame: the window's own surface (owned by the
+    // window) or, when that is not in client memory, m_pSurface.
+    cairo_surface_t* m_pPainted = nullptr;
+
+    // The view's URL, readable from any thread. Lock order: a leaf lock.
+    std::mutex m_UrlMutex;
+    std::string m_strUrl;
+};
+
+} // namespace SLF_ChromiumEmbeddedFramework
