@@ -3,14 +3,14 @@
 // main frame at once; WebKit and GTK objects are touched on the pump thread
 // only.
 //
-// Painting: the offscreen window's own painting is frozen. A per-view timer
-// on a fixed grid at the browser's frame rate looks whether WebKit
-// invalidated the view since the last frame and, if so, draws the view
-// straight into an image surface of the browser's size (cairo ARGB32: B, G,
-// R, A in memory, premultiplied, rows of width * 4 bytes) and hands it to
-// OnPaint. Drawing is what tells the web process that its frame was shown,
-// so the web process renders its next frame only after that: rendering and
-// requestAnimationFrame follow the browser's rate, not the display's.
+// Painting: the offscreen window's painting is frozen between frames. A
+// per-view timer on a fixed grid at the browser's frame rate delivers the
+// window's newest painted image (on Wayland its surface is an image in
+// client memory: cairo ARGB32, B, G, R, A in memory, premultiplied, rows of
+// width * 4 bytes; on X the view is drawn again into client memory) and
+// then lets the window paint once more. WebKit's web process renders its
+// next frame only after the window painted the last one, so rendering
+// follows the browser's rate, not the display's refresh.
 #pragma once
 
 #include "engine/port/EnginePort.h"
