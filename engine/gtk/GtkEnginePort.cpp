@@ -147,6 +147,10 @@ bool GtkEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
         g_unsetenv("WAYLAND_DISPLAY");
     }
     g_setenv("NO_AT_BRIDGE", "1", FALSE);
+    // Without a GPU, Skia's GPU painting runs on Mesa's software GL; its CPU
+    // raster paints the same pages for about a fifth less processor time
+    // (measured with bench_engines). WebGL and compositing keep using GL.
+    g_setenv("WEBKIT_SKIA_ENABLE_CPU_RENDERING", "1", FALSE);
     // Our GStreamer elements (the page-audio sink) are found by the web
     // processes through the plugin path.
     std::string pluginPath = m_strModuleFolder + "/gstreamer-1.0";

@@ -49,8 +49,19 @@ GtkView::GtkView(GtkEnginePort& port, int id, EngineClient* client, const Engine
 
 GtkView::~GtkView()
 {
+    SetPainted(nullptr);
     if (m_pSurface)
         cairo_surface_destroy(m_pSurface);
+}
+
+void GtkView::SetPainted(cairo_surface_t* surface)
+{
+    // A reference of our own: the window may replace its surface.
+    if (surface)
+        cairo_surface_reference(surface);
+    if (m_pPainted)
+        cairo_surface_destroy(m_pPainted);
+    m_pPainted = surface;
 }
 
 template <typename Fn>
@@ -210,7 +221,7 @@ void GtkView::ApplySize(int width, int height)
     if (m_pSurface)
         cairo_surface_destroy(m_pSurface);
     m_pSurface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
-    m_pPainted = nullptr;
+    SetPainted(nullptr);
     m_bHasImage = false;
 }
 
@@ -281,11 +292,11 @@ void GtkView::OnWindowPainted()
         cairo_image_surface_get_width(surface) == m_nWidth && cairo_image_surface_get_height(surface) == m_nHeight) {
         // The window's own image in client memory (a Wayland display): the
         // frame is read from it as it stands, at the next slot.
-        m_pPainted = surface;
+        SetPainted(surface);
     } else {
         // Any other window surface (an X pixmap) would be a round trip to
         // read: the view is drawn again, into client memory.
-        m_pPainted = nullptr;
+        SetPainted(nullptr);
         DrawFrame();
     }
     m_bHasImage = true;

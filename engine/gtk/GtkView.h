@@ -80,6 +80,7 @@ private:
     void OnFrameDue();
     // The window painted: its image goes to the client.
     void OnWindowPainted();
+    void SetPainted(cairo_surface_t* surface);
     // Draws the view into m_pSurface.
     bool DrawFrame();
     void Deliver();
@@ -109,8 +110,8 @@ private:
     bool m_bPaced = false;
     bool m_bFrozen = false;
     bool m_bNewImage = false;
-    // The image of the last frame: the window's own surface (owned by the
-    // window) or, when that is not in client memory, m_pSurface.
+    // The image of the last frame: the window's own surface (referenced)
+    // or, when that is not in client memory, m_pSurface (null here).
     cairo_surface_t* m_pPainted = nullptr;
 
     // The view's URL, readable from any thread. Lock order: a leaf lock.
