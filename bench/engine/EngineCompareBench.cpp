@@ -12,7 +12,8 @@
 //
 // With --modern=BASE_URL, each engine also opens BASE_URL + webgl2.html,
 // importmap.html and three.html (pages that turn green when the feature
-// works and red when it does not) and the centre pixel is reported.
+// works and red when it does not) and the centre pixel is reported, and
+// raf.html at 10 and 30 frames a second gives the page's animation rate.
 //
 //   bench_engines [--seconds=S] [--warmup=S] [--repeat=N] [--fps=30,60] [--modern=URL]
 #include "streamloft/OverlayClient.h"
@@ -177,6 +178,31 @@ Run Measure(const Engine& engine, int fps, const Options& o)
     return r;
 }
 
+// The page's requestAnimationFrame rate at a requested frame rate: the red
+// channel of raf.html after 8 s, with the delivered rate of the last 4 s.
+std::string ProbeAnimationRate(const Engine& engine, const std::string& url, int fps)
+{
+    const Service s = Start(engine);
+    Host host;
+    auto client = Connect(host, s);
+    std::string result = "no frame";
+    if (client && client->OpenBrowser(url, 64, 64, fps, {}, nullptr)) {
+        std::this_thread::sleep_for(4s);
+        const uint64_t frames0 = host.frames.load();
+        std::this_thread::sleep_for(4s);
+        const uint64_t frames = host.frames.load() - frames0;
+        if (frames > 0) {
+            char text[96];
+            std::snprintf(text, sizeof text, "%u rAF/s, %.1f frames/s delivered",
+                          static_cast<unsigned>((host.centre.load() >> 16) & 0xFF), frames / 4.0);
+            result = text;
+        }
+    }
+    client.reset();
+    Stop(s);
+    return result;
+}
+
 // Opens a feature page and reads the centre pixel after it had time to run.
 std::string Probe(const Engine& engine, const std::string& url)
 {
@@ -310,6 +336,12 @@ int main(int argc, char** argv)
             for (const Engine& engine : kEngines)
                 std::printf("engines: modern %-15s %-3s %s\n", page, engine.name,
                             Probe(engine, o.modernBase + page).c_str());
+            std::fflush(stdout);
+        }
+        for (int fps : {10, 30}) {
+            for (const Engine& engine : kEngines)
+                std::printf("engines: animation rate @%-2d %-3s %s\n", fps, engine.name,
+                            ProbeAnimationRate(engine, o.modernBase + "raf.html", fps).c_str());
             std::fflush(stdout);
         }
     }
