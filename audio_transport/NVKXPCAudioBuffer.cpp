@@ -17,24 +17,28 @@ constexpr int kAppendBytesAssertLine = 131;
 constexpr int kAppendDataAssertLine = 141;
 constexpr int kReturnToPoolAssertLine = 164;
 
-// The buffer record, in the order it is written.
-constexpr const char* kRecordKeys[] = {"NVKShmemSize", "NVKLength", "NVKOffset",
-                                       "NVKSampleRate", "NVKChannelCount", "NVKBitsPerSample"};
-constexpr int kRecordFields = 6;
+// The buffer record, in the order it is written: three unsigned fields, the
+// three signed format fields, and the unsigned presentation time.
+constexpr const char* kRecordKeys[] = {"NVKShmemSize",    "NVKLength",       "NVKOffset",
+                                       "NVKSampleRate",   "NVKChannelCount", "NVKBitsPerSample",
+                                       kNVKXPCAudioBufferPresentationTimeKey};
+constexpr int kRecordFields = 7;
 
 GVariant* WriteRecord(const uint64_t (&values)[kRecordFields])
 {
     NVKXPCRecordWriter writer;
-    for (int i = 0; i < 3; ++i)
-        writer.addUnsigned(kRecordKeys[i], values[i]);
-    for (int i = 3; i < kRecordFields; ++i)
-        writer.addSigned(kRecordKeys[i], static_cast<int64_t>(values[i]));
+    for (int i = 0; i < kRecordFields; ++i) {
+        if (i >= 3 && i < 6)
+            writer.addSigned(kRecordKeys[i], static_cast<int64_t>(values[i]));
+        else
+            writer.addUnsigned(kRecordKeys[i], values[i]);
+    }
     return writer.finish();
 }
 
 // A buffer record is sent for every block of audio. Its shape never changes:
-// the same six keys, each with an 8-byte integer. So GLib serialises it once,
-// with marker values, and every later record is that byte image with the six
+// the same seven keys, each with an 8-byte integer. So GLib serialises it once,
+// with marker values, and every later record is that byte image with the
 // values written over the markers: four allocations instead of dozens (the
 // copy of the image, GLib's GBytes and GVariant around it, and the copy of
 // the type string GLib makes to look up its cached type information).
@@ -134,6 +138,9 @@ std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBuffer::initWithRecord(GVariant* r
         NSLog("NVKXPCAudioBuffer initWithRecord - Refused a buffer record with a missing or mistyped key");
         return nullptr;
     }
+    // Optional: records of senders that do not stamp their blocks lack it.
+    uint64_t presentationTime = 0;
+    reader.readUnsigned(kNVKXPCAudioBufferPresentationTimeKey, &presentationTime);
     if (shmemSize == 0 || shmemSize > kNVKXPCAudioBufferMaxSlotSize) {
         NSLog("NVKXPCAudioBuffer initWithRecord - Refused a buffer record with a slot size of %llu bytes",
               static_cast<unsigned long long>(shmemSize));
@@ -145,6 +152,7 @@ std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBuffer::initWithRecord(GVariant* r
     buffer->m_sampleRate = sampleRate;
     buffer->m_channelCount = channelCount;
     buffer->m_bitsPerSample = bitsPerSample;
+    buffer->m_presentationTime = presentationTime;
     return buffer;
 }
 
@@ -155,7 +163,8 @@ GVariant* NVKXPCAudioBuffer::encodeRecord() const
                                             m_offset,
                                             static_cast<uint64_t>(m_sampleRate),
                                             static_cast<uint64_t>(m_channelCount),
-                                            static_cast<uint64_t>(m_bitsPerSample)};
+                                            static_cast<uint64_t>(m_bitsPerSample),
+                                            m_presentationTime};
     const BufferRecordImage& image = TheBufferRecordImage();
     if (!image.usable)
         return WriteRecord(values);

@@ -11,6 +11,9 @@
 //   "NVKSampleRate"    x  samples per second
 //   "NVKChannelCount"  x  interleaved channels
 //   "NVKBitsPerSample" x  bits per sample
+//   "SLFPresentationTime" t  when the slot's first sample plays, in
+//                           microseconds of CLOCK_MONOTONIC (optional when
+//                           decoding: 0 when missing)
 //
 // Two roles:
 //  - sending side (the service): a writable slot made by its pool, filled with
@@ -34,6 +37,8 @@
 #include <glib.h>
 
 class NVKXPCAudioBufferPool;
+
+inline constexpr const char* kNVKXPCAudioBufferPresentationTimeKey = "SLFPresentationTime";
 
 class NVKXPCAudioBuffer : public std::enable_shared_from_this<NVKXPCAudioBuffer> {
 public:
@@ -96,6 +101,9 @@ public:
     void setChannelCount(int64_t value) { m_channelCount = value; }
     int64_t bitsPerSample() const { return m_bitsPerSample; }
     void setBitsPerSample(int64_t value) { m_bitsPerSample = value; }
+    // Microseconds of CLOCK_MONOTONIC at which the first sample plays; 0 unknown.
+    uint64_t presentationTime() const { return m_presentationTime; }
+    void setPresentationTime(uint64_t value) { m_presentationTime = value; }
 
     std::shared_ptr<NVKXPCAudioBufferPool> owningPool() const { return m_owningPool.lock(); }
     void setOwningPool(const std::shared_ptr<NVKXPCAudioBufferPool>& pool) { m_owningPool = pool; }
@@ -125,6 +133,7 @@ private:
     int64_t m_sampleRate = 0;
     int64_t m_channelCount = 0;
     int64_t m_bitsPerSample = 0;
+    uint64_t m_presentationTime = 0;
 };
 
 // Largest slot and slot count a pool or buffer record may describe.

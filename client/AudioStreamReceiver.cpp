@@ -70,6 +70,7 @@ std::shared_ptr<const AudioBuffer> AudioStreamReceiver::ReceiveBuffer(int browse
     if (!received->hasReturnBlock()) reply();
     return nullptr;
   }
+  const uint64_t presentationTime = received->presentationTime();
   received.reset();
   auto held = std::make_shared<HeldAudioBuffer>();
   held->pool = pool;
@@ -80,7 +81,8 @@ std::shared_ptr<const AudioBuffer> AudioStreamReceiver::ReceiveBuffer(int browse
   }
   const NVKXPCAudioBuffer& b = *held->buffer;
   return std::make_shared<const AudioBuffer>(static_cast<const uint8_t*>(b.bytes()), b.length(), b.capacity(),
-                                             b.sampleRate(), b.channelCount(), b.bitsPerSample(), held);
+                                             b.sampleRate(), b.channelCount(), b.bitsPerSample(), held,
+                                             presentationTime);
 }
 
 void AudioStreamReceiver::StopStream(int browserID, int streamID) {

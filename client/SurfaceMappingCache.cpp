@@ -88,6 +88,16 @@ bool ParseSurfaceProperties(GVariant* dictionary, SurfaceProperties* properties,
   properties->pixelFormat = static_cast<uint32_t>(pixelFormat);
   properties->surfaceID = surfaceID;
   properties->allocSize = allocSize;
+  // The frame's timing is optional: a service that does not send it gives 0.
+  std::string ignored;
+  uint64_t sequence = 0, presentationTime = 0;
+  properties->frameSequence =
+      ReadField(dictionary, "SLFFrameSequence", std::numeric_limits<uint64_t>::max(), &sequence, &ignored) ? sequence : 0;
+  properties->framePresentationTime =
+      ReadField(dictionary, "SLFFramePresentationTime", std::numeric_limits<uint64_t>::max(), &presentationTime,
+                &ignored)
+          ? presentationTime
+          : 0;
   return true;
 }
 

@@ -86,6 +86,12 @@ bool CBrowserClient::ProcessBrowser()
     return true;
 }
 
+int64_t CBrowserClient::GetNextPumpTime()
+{
+    CNplThreadMutexLock stateLock(m_CefStateMutex); // lock order 2
+    return m_bCefInitialized ? m_pEnginePort->GetNextDueTime() : -1;
+}
+
 // ---- browsers ----------------------------------------------------------------------
 
 CBrowser* CBrowserClient::FindBrowserRecord(int id)

@@ -55,6 +55,9 @@ public:
     // One pass of the engine's message loop, only while the engine runs and
     // at least one browser record exists; true when a pass ran.
     bool ProcessBrowser();
+    // When the engine next wants a pass (microseconds of CLOCK_MONOTONIC),
+    // -1 for no particular time; pump thread only.
+    int64_t GetNextPumpTime();
     bool IsCefInitialized();
 
     // ---- browsers ------------------------------------------------------------

@@ -134,14 +134,20 @@ bool CBrowserWrapper::PrepareCEFThread()
     return m_bCefInitialized;
 }
 
-void CBrowserWrapper::ProcessCEFThread()
+bool CBrowserWrapper::ProcessCEFThread()
 {
     // Not under m_ClientMutex: pumping must not wait for forwarded calls,
     // which themselves may wait for the pump (browser creation and close).
     // The client is only replaced by the owner after the pump has stopped.
     CBrowserClient* client = m_pBrowserClient;
-    if (client)
-        client->ProcessBrowser();
+    return client && client->ProcessBrowser();
+}
+
+int64_t CBrowserWrapper::GetNextPumpTime()
+{
+    // Not under m_ClientMutex, for the same reason as the pass itself.
+    CBrowserClient* client = m_pBrowserClient;
+    return client ? client->GetNextPumpTime() : -1;
 }
 
 void CBrowserWrapper::CleanupCEFThread()

@@ -47,7 +47,12 @@ public:
     // Initialises the engine on the calling thread; true when it started.
     bool PrepareCEFThread();
     // One pump pass (when a browser exists); called on the preparing thread.
-    void ProcessCEFThread();
+    // False when there was nothing to pump (no client, engine down, or no
+    // browser).
+    bool ProcessCEFThread();
+    // When the engine wants its next pass (microseconds of CLOCK_MONOTONIC),
+    // -1 for no particular time; called on the preparing thread.
+    int64_t GetNextPumpTime();
     void CleanupCEFThread();
     // The engine was started successfully and not cleaned up since.
     bool IsCefInitialized() const { return m_bCefInitialized; }

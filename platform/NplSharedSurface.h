@@ -19,6 +19,14 @@
 //   "IOSurfaceID"              t     process-unique, increasing, never 0
 //   "IOSurfaceAllocSize"       t     bytes of the memfd (bytesPerRow × height)
 //
+// and, for the frame the surface carries this time (added per frame; a
+// reader treats them as optional):
+//
+//   "SLFFrameSequence"         t     per browser, from 1: every frame the
+//                                    service produced for it, sent or dropped
+//   "SLFFramePresentationTime" t     when the engine painted the frame,
+//                                    microseconds of CLOCK_MONOTONIC
+//
 // The part of this header above the class (keys, property record, building
 // and reading the dictionary) is inline and needs only GLib, so a host can
 // use it without linking the platform library.
@@ -37,6 +45,8 @@ inline constexpr const char* kNplSharedSurfaceBytesPerElementKey = "IOSurfaceByt
 inline constexpr const char* kNplSharedSurfacePixelFormatKey = "IOSurfacePixelFormat";
 inline constexpr const char* kNplSharedSurfaceIDKey = "IOSurfaceID";
 inline constexpr const char* kNplSharedSurfaceAllocSizeKey = "IOSurfaceAllocSize";
+inline constexpr const char* kNplSharedSurfaceFrameSequenceKey = "SLFFrameSequence";
+inline constexpr const char* kNplSharedSurfaceFramePresentationTimeKey = "SLFFramePresentationTime";
 
 // The four-character code 'BGRA': 32-bit BGRA, the only format of surfaces.
 inline constexpr uint32_t kNplPixelFormatType_32BGRA = 0x42475241;
@@ -50,6 +60,9 @@ struct NplSharedSurfaceProperties {
     uint32_t pixelFormat = kNplPixelFormatType_32BGRA;
     uint64_t surfaceID = 0;
     uint64_t allocSize = 0;
+    // The frame's keys; 0 when the dictionary has none (a surface's own).
+    uint64_t frameSequence = 0;
+    uint64_t framePresentationTime = 0;
 };
 
 // A new floating a{sv} with the seven keys above.
@@ -68,11 +81,33 @@ inline GVariant* NplSharedSurface_BuildPropertiesVariant(const NplSharedSurfaceP
     return g_variant_builder_end(&builder);
 }
 
+// A new floating a{sv}: the surface's property dictionary followed by the
+// frame's sequence number and presentation time.
+inline GVariant* NplSharedSurface_BuildFramePropertiesVariant(GVariant* surfaceProperties, uint64_t sequence,
+                                                              uint64_t presentationTime)
+{
+    GVariantBuilder builder;
+    g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
+    if (surfaceProperties) {
+        const gsize count = g_variant_n_children(surfaceProperties);
+        for (gsize i = 0; i < count; ++i) {
+            GVariant* entry = g_variant_get_child_value(surfaceProperties, i);
+            g_variant_builder_add_value(&builder, entry);
+            g_variant_unref(entry);
+        }
+    }
+    g_variant_builder_add(&builder, "{sv}", kNplSharedSurfaceFrameSequenceKey, g_variant_new_uint64(sequence));
+    g_variant_builder_add(&builder, "{sv}", kNplSharedSurfaceFramePresentationTimeKey,
+                          g_variant_new_uint64(presentationTime));
+    return g_variant_builder_end(&builder);
+}
+
 // Reads a property dictionary as a host receives it. False when the value
 // is not an a{sv}, a key is missing or has another type, or the values do
 // not describe a BGRA image that fits its allocation (zero size, bytes per
 // element other than 4, another pixel format, rows shorter than width × 4,
-// an allocation smaller than bytesPerRow × height). Extra keys are ignored.
+// an allocation smaller than bytesPerRow × height). The frame's keys are
+// optional (0 when missing); other keys are ignored.
 inline bool NplSharedSurface_ParsePropertiesVariant(GVariant* dictionary, NplSharedSurfaceProperties* out)
 {
     if (!dictionary || !out || !g_variant_is_of_type(dictionary, G_VARIANT_TYPE_VARDICT)) {
@@ -95,6 +130,10 @@ inline bool NplSharedSurface_ParsePropertiesVariant(GVariant* dictionary, NplSha
     if (!g_variant_lookup(dictionary, kNplSharedSurfacePixelFormatKey, "u", &p.pixelFormat)) {
         return false;
     }
+    if (!g_variant_lookup(dictionary, kNplSharedSurfaceFrameSequenceKey, "t", &p.frameSequence))
+        p.frameSequence = 0;
+    if (!g_variant_lookup(dictionary, kNplSharedSurfaceFramePresentationTimeKey, "t", &p.framePresentationTime))
+        p.framePresentationTime = 0;
     if (p.width == 0 || p.height == 0 || p.bytesPerElement != kNplSharedSurfaceBytesPerElement ||
         p.pixelFormat != kNplPixelFormatType_32BGRA || p.width > UINT32_MAX || p.height > UINT32_MAX ||
         p.bytesPerRow / kNplSharedSurfaceBytesPerElement < p.width ||

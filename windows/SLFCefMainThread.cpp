@@ -77,23 +77,73 @@ void SLFCefRunOnMainAndWait(const std::function<void()>& work)
     job.finished.wait(guard, [&job] { return job.done; });
 }
 
-GSource* SLFCefPeriodicSourceNew(uint64_t periodNanoseconds)
+namespace {
+
+struct timespec TimespecOfNanoseconds(uint64_t nanoseconds)
+{
+    struct timespec value = {};
+    value.tv_sec = static_cast<time_t>(nanoseconds / 1000000000u);
+    value.tv_nsec = static_cast<long>(nanoseconds % 1000000000u);
+    return value;
+}
+
+// A timerfd source (disarmed) named `name`; null without a timerfd.
+GSource* TimerSourceNew(const char* name)
 {
     int fd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
     if (fd < 0)
         return nullptr;
-    struct itimerspec period = {};
-    period.it_interval.tv_sec = static_cast<time_t>(periodNanoseconds / 1000000000u);
-    period.it_interval.tv_nsec = static_cast<long>(periodNanoseconds % 1000000000u);
-    period.it_value = period.it_interval;
-    if (timerfd_settime(fd, 0, &period, nullptr) != 0) {
-        close(fd);
-        return nullptr;
-    }
     GSource* source = g_source_new(&gPeriodicSourceFuncs, sizeof(PeriodicSource));
     auto* periodic = reinterpret_cast<PeriodicSource*>(source);
     periodic->fd = fd;
-    g_source_set_name(source, "SLFCefPeriodicSource");
+    g_source_set_name(source, name);
     g_source_add_unix_fd(source, fd, G_IO_IN);
     return source;
+}
+
+} // namespace
+
+GSource* SLFCefPeriodicSourceNew(uint64_t periodNanoseconds)
+{
+    GSource* source = TimerSourceNew("SLFCefPeriodicSource");
+    if (!source)
+        return nullptr;
+    struct itimerspec period = {};
+    period.it_interval = TimespecOfNanoseconds(periodNanoseconds);
+    period.it_value = period.it_interval;
+    if (timerfd_settime(reinterpret_cast<PeriodicSource*>(source)->fd, 0, &period, nullptr) != 0) {
+        g_source_unref(source);
+        return nullptr;
+    }
+    return source;
+}
+
+void SLFCefPeriodicSourceSetPeriod(GSource* source, uint64_t periodNanoseconds)
+{
+    if (!source)
+        return;
+    struct itimerspec period = {};
+    period.it_interval = TimespecOfNanoseconds(periodNanoseconds);
+    period.it_value = period.it_interval;
+    // Setting the timer also clears expiries not yet read.
+    timerfd_settime(reinterpret_cast<PeriodicSource*>(source)->fd, 0, &period, nullptr);
+}
+
+GSource* SLFCefDeadlineSourceNew()
+{
+    return TimerSourceNew("SLFCefDeadlineSource");
+}
+
+void SLFCefDeadlineSourceSetDeadline(GSource* source, int64_t monotonicMicroseconds)
+{
+    if (!source)
+        return;
+    struct itimerspec deadline = {};
+    if (monotonicMicroseconds >= 0) {
+        deadline.it_value = TimespecOfNanoseconds(static_cast<uint64_t>(monotonicMicroseconds) * 1000u);
+        // A zero value would disarm: the earliest time the clock can name.
+        if (deadline.it_value.tv_sec == 0 && deadline.it_value.tv_nsec == 0)
+            deadline.it_value.tv_nsec = 1;
+    }
+    timerfd_settime(reinterpret_cast<PeriodicSource*>(source)->fd, TFD_TIMER_ABSTIME, &deadline, nullptr);
 }

@@ -18,3 +18,16 @@ void SLFCefRunOnMainAndWait(const std::function<void()>& work);
 // once per wake-up however many periods passed. Null when no timerfd could
 // be made. Attach it and set its callback like any GSource.
 GSource* SLFCefPeriodicSourceNew(uint64_t periodNanoseconds);
+
+// Stops (0) or restarts a source made by SLFCefPeriodicSourceNew with the
+// given period, first firing one period from now. Thread safe (a timerfd
+// call); a stopped source costs nothing until it is restarted.
+void SLFCefPeriodicSourceSetPeriod(GSource* source, uint64_t periodNanoseconds);
+
+// A source that fires once at a time of CLOCK_MONOTONIC (microseconds, the
+// clock of g_get_monotonic_time), to the microsecond; made disarmed. Null
+// when no timerfd could be made.
+GSource* SLFCefDeadlineSourceNew();
+// Arms the source for `monotonicMicroseconds` (a time already past fires at
+// once) or, with a negative value, disarms it. Thread safe.
+void SLFCefDeadlineSourceSetDeadline(GSource* source, int64_t monotonicMicroseconds);

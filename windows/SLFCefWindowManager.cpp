@@ -27,16 +27,6 @@ namespace {
     return static_cast<unsigned int>(value);
 }
 
-#if SLF_HAVE_ENGINE
-gboolean PumpEngine(gpointer data)
-{
-    auto* wrapper = static_cast<CBrowserWrapper*>(data);
-    if (wrapper)
-        wrapper->ProcessCEFThread();
-    return G_SOURCE_CONTINUE;
-}
-#endif
-
 } // namespace
 
 std::shared_ptr<SLFCefWindowManager> SLFCefWindowManager::sharedManager()
@@ -79,6 +69,7 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::startBrowserWithURL(
 
     int browserID = -1;
 #if SLF_HAVE_ENGINE
+    beginStart();
     SLF_ChromiumEmbeddedFramework::CAccessHandlingForRequestSettings accessHandling;
     accessHandling.handleRequestURL = SLFCefHandleRequestURL;
     accessHandling.getResponseHeadersForURL = SLFCefGetResponseHeadersForURL;
@@ -92,6 +83,7 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::startBrowserWithURL(
         if (browserID >= 0)
             wrapper->EnableReceivingFrames(browserID, true);
     }
+    endStart();
 #endif
     representation->setBrowserID(browserID);
     registerWindowRepresentation(representation);
@@ -204,10 +196,20 @@ void SLFCefWindowManager::ensureBrowserIsRunnning()
         GSource* timer = SLFCefPeriodicSourceNew(kPumpPeriodNanoseconds);
         if (timer) {
             g_source_set_priority(timer, G_PRIORITY_DEFAULT);
-            g_source_set_callback(timer, PumpEngine, wrapper, nullptr);
+            g_source_set_callback(timer, pumpEngineThunk, this, nullptr);
             g_source_attach(timer, g_main_context_default());
-            browserProccessTimer = timer;
         }
+        GSource* deadline = SLFCefDeadlineSourceNew();
+        if (deadline) {
+            g_source_set_priority(deadline, G_PRIORITY_DEFAULT);
+            g_source_set_callback(deadline, pumpDeadlineThunk, this, nullptr);
+            g_source_attach(deadline, g_main_context_default());
+        }
+        m_pumpDeadlineSource = deadline;
+        m_pumpDeadline = -1;
+        std::lock_guard<std::mutex> pumpGuard(m_pumpLock); // leaf lock
+        browserProccessTimer = timer;
+        m_pumpRunning = timer != nullptr;
 #endif
     });
 }
@@ -219,12 +221,21 @@ void SLFCefWindowManager::shutdownBrowser()
     if (!_browserWrapper.load())
         return;
     SLFCefRunOnMainAndWait([this] {
-        GSource* timer = browserProccessTimer;
-        browserProccessTimer = nullptr;
-        if (timer) {
-            g_source_destroy(timer);
-            g_source_unref(timer);
+        GSource* timer = nullptr;
+        {
+            std::lock_guard<std::mutex> pumpGuard(m_pumpLock); // leaf lock
+            timer = browserProccessTimer;
+            browserProccessTimer = nullptr;
+            m_pumpRunning = false;
         }
+        for (GSource* source : {timer, m_pumpDeadlineSource}) {
+            if (source) {
+                g_source_destroy(source);
+                g_source_unref(source);
+            }
+        }
+        m_pumpDeadlineSource = nullptr;
+        m_pumpDeadline = -1;
 #if SLF_HAVE_ENGINE
         if (CBrowserWrapper* wrapper = _browserWrapper.exchange(nullptr)) {
             wrapper->DeleteBrowserClientApplication();
@@ -232,6 +243,75 @@ void SLFCefWindowManager::shutdownBrowser()
         }
 #endif
     });
+}
+
+gboolean SLFCefWindowManager::pumpEngineThunk(gpointer manager)
+{
+    static_cast<SLFCefWindowManager*>(manager)->pumpEngine();
+    return G_SOURCE_CONTINUE;
+}
+
+gboolean SLFCefWindowManager::pumpDeadlineThunk(gpointer manager)
+{
+    auto* self = static_cast<SLFCefWindowManager*>(manager);
+    // The deadline has fired and is disarmed now.
+    self->m_pumpDeadline = -1;
+    self->pumpEngine();
+    return G_SOURCE_CONTINUE;
+}
+
+void SLFCefWindowManager::pumpEngine()
+{
+#if SLF_HAVE_ENGINE
+    CBrowserWrapper* wrapper = _browserWrapper.load();
+    if (!wrapper)
+        return;
+    uint64_t finishedBefore = 0;
+    {
+        std::lock_guard<std::mutex> pumpGuard(m_pumpLock); // leaf lock
+        finishedBefore = m_startsFinished;
+    }
+    const bool busy = wrapper->ProcessCEFThread();
+    // A frame due before the next regular pass gets a pass of its own at its
+    // time, so that it is not up to one pump period late.
+    const int64_t due = busy ? wrapper->GetNextPumpTime() : -1;
+    if (due != m_pumpDeadline) {
+        SLFCefDeadlineSourceSetDeadline(m_pumpDeadlineSource, due);
+        m_pumpDeadline = due;
+    }
+    if (busy)
+        return;
+    // No browser: the pass did nothing, and no pass will do anything until
+    // the next start, which restarts the timer.
+    std::lock_guard<std::mutex> pumpGuard(m_pumpLock); // leaf lock
+    if (m_pumpRunning && m_startsInFlight == 0 && m_startsFinished == finishedBefore) {
+        SLFCefPeriodicSourceSetPeriod(browserProccessTimer, 0);
+        m_pumpRunning = false;
+    }
+#endif
+}
+
+void SLFCefWindowManager::beginStart()
+{
+    std::lock_guard<std::mutex> pumpGuard(m_pumpLock); // leaf lock
+    ++m_startsInFlight;
+    if (!m_pumpRunning && browserProccessTimer) {
+        SLFCefPeriodicSourceSetPeriod(browserProccessTimer, kPumpPeriodNanoseconds);
+        m_pumpRunning = true;
+    }
+}
+
+void SLFCefWindowManager::endStart()
+{
+    std::lock_guard<std::mutex> pumpGuard(m_pumpLock); // leaf lock
+    --m_startsInFlight;
+    ++m_startsFinished;
+}
+
+bool SLFCefWindowManager::isPumpRunning() const
+{
+    std::lock_guard<std::mutex> pumpGuard(m_pumpLock); // leaf lock
+    return m_pumpRunning;
 }
 
 bool SLFCefWindowManager::isEngineRunning() const

@@ -92,6 +92,11 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
     // nothing to send yet, and a pool cannot have slots of 0 bytes.
     if (bufferSize == 0 || !data)
         return;
+    // Our sink in the web process plays against the clock: it hands a block
+    // over when its first sample is due, and the block arrives here straight
+    // from its socket, so now is when that sample plays.
+    const int64_t blockTime = g_get_monotonic_time();
+    const uint64_t bytesPerSecond = static_cast<uint64_t>(sampleRate) * channels * (bitsPerSample / 8);
 
     std::shared_ptr<NVKXPCAudioBufferPool>& pool = m_audioBufferPools[streamID];
     if (!pool) {
@@ -110,8 +115,10 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
             receiver->browserWillStartAudioStream(browser, streamID, poolRecord.get());
             // Every receiver starts with an empty buffer of its own, given back
             // like any other.
-            if (std::shared_ptr<NVKXPCAudioBuffer> empty = pool->bufferFromPool())
+            if (std::shared_ptr<NVKXPCAudioBuffer> empty = pool->bufferFromPool()) {
+                empty->setPresentationTime(static_cast<uint64_t>(blockTime));
                 SendBufferToReceivers(SLFCefReceiverList{receiver}, browser, streamID, empty);
+            }
         }
     }
 
@@ -127,6 +134,12 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
             // Every slot is out: the rest of the block is dropped.
             if (!current)
                 return;
+            // The slot's first sample plays as far after the block's first
+            // as the bytes before it last.
+            const uint64_t before = bufferSize - remaining;
+            const uint64_t offset =
+                bytesPerSecond ? static_cast<uint64_t>(static_cast<double>(before) * 1e6 / bytesPerSecond) : 0;
+            current->setPresentationTime(static_cast<uint64_t>(blockTime) + offset);
         }
         const uint64_t n = std::min<uint64_t>(current->capacity() - current->length(), remaining);
         current->appendBytes(source, n);

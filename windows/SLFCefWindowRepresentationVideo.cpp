@@ -6,6 +6,8 @@
 
 #include "dbg/NSLog.h"
 
+#include <glib.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -105,11 +107,17 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
     if (!receivers || receivers->empty())
         return;
 
+    // The engine's paint export calls straight through to here: now is when
+    // the frame was painted, as far as anyone outside the web process can tell.
+    const int64_t presentationTime = g_get_monotonic_time();
     const NSSize frameSize = size();
     const std::shared_ptr<CNplPixelBufferPool> pool = pixelBufferPoolWithSize(frameSize);
 
     // Frames of one browser arrive one at a time, from the painting thread.
+    // The count is also the frame's sequence number: a frame dropped below
+    // leaves a gap the host can see.
     ++m_numPixelBuffersArrivedSoFar;
+    const uint64_t sequence = static_cast<uint64_t>(m_numPixelBuffersArrivedSoFar);
     if (m_numPixelBuffersArrivedSoFar % 10 == 0 && pool)
         pool->Flush(0);
 
@@ -118,14 +126,17 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
         return; // dropped: no pool, or the receivers hold too many frames
 
     if (pixelBuffer->LockBaseAddress(0) == kNplPixelBufferSuccess) {
-        const uint64_t sourceRowLength = static_cast<uint64_t>(frameSize.width * 4.0);
+        // The painted image is as wide as the width truncated (the engine
+        // renders whole pixels), so its rows are that many pixels long; a
+        // width of 64.5 paints rows of 256 bytes, not 258.
+        const uint64_t sourceRowLength = static_cast<uint64_t>(std::max(frameSize.width, 0.0)) * 4u;
         const size_t destinationStride = pixelBuffer->GetBytesPerRow();
         unsigned char* destination = static_cast<unsigned char*>(pixelBuffer->GetBaseAddress());
         if (destination && data && sourceRowLength > 0) {
             // The engine hands in exactly width × 4 × height bytes of the
-            // current size; the bounds below only keep a size that does not
-            // match (a fractional size, a buffer of another pool) from
-            // reading past the image or writing past the surface.
+            // current (truncated) size; the bounds below only keep a size
+            // that does not match (a buffer of another pool) from reading
+            // past the image or writing past the surface.
             uint64_t rows = static_cast<unsigned int>(frameSize.height);
             rows = std::min<uint64_t>(rows, bufferSize / sourceRowLength);
             rows = std::min<uint64_t>(rows, pixelBuffer->GetHeight());
@@ -143,13 +154,16 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
     // A failed lock sends the surface as it came from the pool.
 
     CNplSharedSurface* surface = pixelBuffer->GetIOSurface();
+    GVariant* properties = g_variant_ref_sink(NplSharedSurface_BuildFramePropertiesVariant(
+        surface->GetPropertiesVariant(), sequence, static_cast<uint64_t>(presentationTime)));
     for (const SLFCefCallbackProxyRef& receiver : *receivers) {
         // The receiver holds the surface until its reply arrives or its
         // connection closes; the surface lives at least that long.
         surface->IncrementUseCount();
-        receiver->browserReceivedVideoFrame(frameBrowserID, surface->GetFd(), surface->GetPropertiesVariant(),
+        receiver->browserReceivedVideoFrame(frameBrowserID, surface->GetFd(), properties,
                                             [surface] { surface->DecrementUseCount(); });
     }
+    g_variant_unref(properties);
     // pixelBuffer is released here; the pool takes it back once every
     // receiver has let go.
 }

@@ -137,6 +137,28 @@ inline long TreeProportionalKilobytes(pid_t root)
     return total;
 }
 
+// Processor time of one process (all its threads) in seconds, to the
+// nanosecond: the scheduler's own account (/proc/PID/task/*/schedstat), for
+// readings far below the clock tick of /proc/PID/stat.
+inline double ProcessCpuSeconds(pid_t pid)
+{
+    const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+    DIR* dir = opendir(tasks.c_str());
+    if (!dir)
+        return 0;
+    unsigned long long nanoseconds = 0;
+    while (struct dirent* entry = readdir(dir)) {
+        if (entry->d_name[0] == '.')
+            continue;
+        std::ifstream schedstat(tasks + "/" + entry->d_name + "/schedstat");
+        unsigned long long onCpu = 0;
+        if (schedstat >> onCpu)
+            nanoseconds += onCpu;
+    }
+    closedir(dir);
+    return static_cast<double>(nanoseconds) / 1e9;
+}
+
 // Ends every remaining descendant (the calling program is their subreaper)
 // and reaps them; whatever outlives `grace` is killed.
 inline void ReapDescendants(std::chrono::milliseconds grace)

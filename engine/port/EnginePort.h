@@ -369,6 +369,11 @@ public:
     virtual bool Initialize(const EngineSettings& settings, EngineApp* app) = 0;
     // One pass of the engine's message loop; pump thread only.
     virtual void DoMessageLoopWork() = 0;
+    // When the engine next has work due that no event will announce (a
+    // frame to let render), in microseconds of g_get_monotonic_time
+    // (CLOCK_MONOTONIC), or -1 for none; the pump runs a pass at that time
+    // rather than at its next regular one. Pump thread only.
+    virtual int64_t GetNextDueTime() { return -1; }
     // Closes every browser and ends the engine's processes; returns well
     // within the wrapper's 2000 ms stop wait, which it runs inside.
     virtual void Shutdown() = 0;

@@ -321,6 +321,19 @@ void WebKitEnginePort::DoMessageLoopWork()
     g_main_context_iteration(m_pMainContext, FALSE);
 }
 
+int64_t WebKitEnginePort::GetNextDueTime()
+{
+    if (!IsPumpThread())
+        return -1;
+    int64_t earliest = -1;
+    for (const auto& entry : m_Views) {
+        const int64_t due = entry.second->GetFrameDueTime();
+        if (due >= 0 && (earliest < 0 || due < earliest))
+            earliest = due;
+    }
+    return earliest;
+}
+
 void WebKitEnginePort::Post(std::function<void()> task)
 {
     {

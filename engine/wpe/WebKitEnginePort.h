@@ -43,6 +43,8 @@ public:
 
     bool Initialize(const EngineSettings& settings, EngineApp* app) override;
     void DoMessageLoopWork() override;
+    // The earliest frame_complete due of the views.
+    int64_t GetNextDueTime() override;
     void Shutdown() override;
     bool CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
                        const EngineBrowserSettings& settings) override;

@@ -71,8 +71,7 @@ WebKitView::WebKitView(WebKitEnginePort& port, int id, EngineClient* client, con
                        const std::string& url)
     : m_Port(port), m_nId(id), m_pClient(client), m_Settings(settings), m_strUrl(url.empty() ? "about:blank" : url)
 {
-    const int rate = std::clamp(settings.windowless_frame_rate, kMinFrameRate, kMaxFrameRate);
-    m_nFramePeriod = G_USEC_PER_SEC / rate;
+    m_nFrameRate = std::clamp(settings.windowless_frame_rate, kMinFrameRate, kMaxFrameRate);
 }
 
 WebKitView::~WebKitView()
@@ -168,7 +167,9 @@ void WebKitView::Open()
 
     m_pFrameTimer = g_source_new(&s_FrameTimerFuncs, sizeof(GSource));
     g_source_set_callback(m_pFrameTimer, FrameTimerThunk, this, nullptr);
-    g_source_set_priority(m_pFrameTimer, G_PRIORITY_DEFAULT);
+    // Above the engine's own sources, so that the pass run at the due time
+    // dispatches it whatever else is ready.
+    g_source_set_priority(m_pFrameTimer, G_PRIORITY_HIGH);
     g_source_set_name(m_pFrameTimer, "SlfViewFrameComplete");
     g_source_attach(m_pFrameTimer, m_Port.GetMainContext());
 
@@ -248,6 +249,7 @@ void WebKitView::DestroyWebView(bool cancelHandlers)
         g_source_unref(m_pFrameTimer);
         m_pFrameTimer = nullptr;
     }
+    m_nFrameDue = -1;
     // Given back while the backend exists: it goes with the view.
     ReleaseHeldBuffer();
     if (m_pView) {
@@ -783,13 +785,33 @@ void WebKitView::DeliverPaint(const void* pixels, int width, int height)
         handler->OnPaint(shared_from_this(), pixels, width, height);
 }
 
+int64_t WebKitView::FrameSlotTime(int64_t slot) const
+{
+    return m_nFrameOrigin + slot * G_USEC_PER_SEC / m_nFrameRate;
+}
+
 void WebKitView::ScheduleFrameComplete()
 {
-    if (!m_pFrameTimer)
+    if (!m_pFrameTimer || m_nFrameDue >= 0)
         return;
-    // The next frame may start one frame period after the last one did.
-    const int64_t due = std::max(m_nLastFrameComplete + m_nFramePeriod, g_get_monotonic_time());
-    g_source_set_ready_time(m_pFrameTimer, due);
+    const int64_t now = g_get_monotonic_time();
+    if (m_nFrameOrigin < 0) {
+        // The grid starts with the first frame.
+        m_nFrameOrigin = now;
+        m_nFrameSlot = 0;
+    }
+    // The next slot that has not passed: a frame that rendered past its
+    // slot waits for the following one instead of going out at once, and a
+    // page that paints again after a pause joins the grid where it stands.
+    int64_t slot = (now - m_nFrameOrigin) * m_nFrameRate / G_USEC_PER_SEC;
+    if (FrameSlotTime(slot) < now)
+        ++slot;
+    slot = std::max(slot, m_nFrameSlot + 1);
+    m_nFrameSlot = slot;
+    m_nFrameDue = FrameSlotTime(slot);
+    // The pump asks for the earliest due time after every pass and runs a
+    // pass at that time (GetFrameDueTime).
+    g_source_set_ready_time(m_pFrameTimer, m_nFrameDue);
 }
 
 gboolean WebKitView::FrameTimerThunk(gpointer data)
@@ -802,10 +824,10 @@ void WebKitView::DispatchFrameComplete()
 {
     if (m_pFrameTimer)
         g_source_set_ready_time(m_pFrameTimer, -1);
+    m_nFrameDue = -1;
     if (!m_bFramePending || !m_pExportable || m_bClosed)
         return;
     m_bFramePending = false;
-    m_nLastFrameComplete = g_get_monotonic_time();
     wpe_view_backend_exportable_fdo_dispatch_frame_complete(m_pExportable);
 }
 

@@ -66,6 +66,9 @@ public:
     static constexpr int64_t kUnresponsiveLimit = 10 * G_USEC_PER_SEC;
 
     EngineClient* GetClient() const { return m_pClient; }
+    // Pump thread: when the view's next frame_complete is due (microseconds
+    // of g_get_monotonic_time), or -1 when none is waiting.
+    int64_t GetFrameDueTime() const { return m_nFrameDue; }
     // Engine context: keeps a request for the internal scheme open until
     // the view closes (false when it has closed already).
     bool KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler);
@@ -124,8 +127,11 @@ private:
     void StopHangTimer();
     static gboolean HangTimerThunk(gpointer data);
 
-    // Frame pacing: WebKit renders the next frame only after frame_complete.
+    // Frame pacing: WebKit renders the next frame only after frame_complete,
+    // which goes out on a fixed grid of slots, slot k at m_nFrameOrigin +
+    // k seconds / rate, so that the frame rate is the one asked for.
     void ScheduleFrameComplete();
+    int64_t FrameSlotTime(int64_t slot) const;
     void DispatchFrameComplete();
 
     // WebKit and backend callbacks.
@@ -150,8 +156,10 @@ private:
     GSource* m_pFrameTimer = nullptr;
     bool m_bClosed = false;
     bool m_bFramePending = false;
-    int64_t m_nLastFrameComplete = 0; // monotonic microseconds
-    int64_t m_nFramePeriod = 0;       // microseconds
+    int m_nFrameRate = 0;         // frames a second
+    int64_t m_nFrameOrigin = -1;  // monotonic microseconds of slot 0; -1 before the first frame
+    int64_t m_nFrameSlot = 0;     // the slot of the last frame_complete scheduled
+    int64_t m_nFrameDue = -1;     // when the scheduled frame_complete is due; -1 for none
     // The last painted image, for Invalidate: either the web process's
     // shared-memory buffer itself, held (not given back) until the next one
     // arrives, or, when that buffer cannot be delivered as it is (another

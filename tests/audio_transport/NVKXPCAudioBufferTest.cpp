@@ -37,6 +37,7 @@ TEST(NVKXPCAudioBuffer, RecordRoundTripsAndDecodingIsStrict)
     buffer->setSampleRate(INT64_MIN);
     buffer->setChannelCount(-1);
     buffer->setBitsPerSample(INT64_MAX);
+    buffer->setPresentationTime(UINT64_MAX - 7);
     GVariant* record = g_variant_ref_sink(buffer->encodeRecord());
     auto decode = [&](const char* key, GVariant* value = nullptr) {
         return NVKXPCAudioBuffer::initWithRecord(Edited(g_variant_ref(record), key, value));
@@ -46,6 +47,7 @@ TEST(NVKXPCAudioBuffer, RecordRoundTripsAndDecodingIsStrict)
     EXPECT_TRUE(decoded->offset() == UINT64_MAX - 1 && decoded->capacity() == 1024u && decoded->length() == 700u);
     EXPECT_TRUE(decoded->sampleRate() == INT64_MIN && decoded->channelCount() == -1 &&
                 decoded->bitsPerSample() == INT64_MAX);
+    EXPECT_EQ(decoded->presentationTime(), UINT64_MAX - 7);
     EXPECT_EQ(decoded->mappedMemory(), nullptr); // not mapped until a pool adopts it
     EXPECT_EQ(decode("NVKLength", g_variant_new_uint64(9999))->length(), 1024u); // clamped to the slot
 
@@ -54,6 +56,12 @@ TEST(NVKXPCAudioBuffer, RecordRoundTripsAndDecodingIsStrict)
                             "NVKBitsPerSample"})
         EXPECT_FALSE(decode(key) || decode(key, g_variant_new_int32(1))) << key;
     EXPECT_FALSE(decode("NVKSampleRate", g_variant_new_uint64(1)));
+    // The presentation time is optional: missing or mistyped reads as 0.
+    for (GVariant* value : {static_cast<GVariant*>(nullptr), g_variant_new_int32(5)}) {
+        auto untimed = decode(kNVKXPCAudioBufferPresentationTimeKey, value);
+        ASSERT_TRUE(untimed);
+        EXPECT_EQ(untimed->presentationTime(), 0u);
+    }
     for (uint64_t size : {uint64_t(0), uint64_t(16 * 1024 * 1024 + 1)})
         EXPECT_FALSE(decode("NVKShmemSize", g_variant_new_uint64(size)));
     EXPECT_TRUE(decode("NVKShmemSize", g_variant_new_uint64(16 * 1024 * 1024)));

@@ -117,4 +117,25 @@ TEST(FramePacingTest, CountsFramesMissedInLongGapsAndTheJitterOfTheInterval) {
   EXPECT_EQ(FramesShortOfRate(30, 0, 0), 0u);
 }
 
+// Missing frames split by cause: sequence jumps are the service's drops,
+// the rest of the missed slots the page's; frames without numbers count
+// every missed slot as unpainted and do not break the numbering.
+TEST(FramePacingTest, FrameAccountingSplitsServiceDropsFromUnpaintedSlots) {
+  FrameAccounting a;
+  a.AddFrame(1, 0);
+  a.AddFrame(2, 0);
+  a.AddFrame(5, 2);  // two numbers skipped over two missed slots
+  a.AddFrame(6, 3);  // three slots missed, no number skipped
+  a.AddFrame(9, 1);  // two numbers skipped, but only one slot late
+  a.AddFrame(0, 1);  // no number
+  a.AddFrame(10, 0);
+  EXPECT_EQ(a.droppedByService(), 4u);
+  EXPECT_EQ(a.notPainted(), 4u);
+
+  DeliveryDelay d;
+  for (double s : {0.010, 0.020, 0.030}) d.Add(s);
+  EXPECT_EQ(d.count(), 3u);
+  EXPECT_NEAR(d.mean(), 0.020, 1e-12);
+}
+
 }  // namespace

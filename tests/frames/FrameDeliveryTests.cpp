@@ -81,6 +81,16 @@ TEST_F(FrameDelivery, RowsArePlacedAtTheStrideAndPaddingIsLeftAlone)
         for (int pad = 40; pad < 64; ++pad)
             ASSERT_EQ(frame.pixels[row * 64 + pad], 0xEE) << row << "/" << pad;
     }
+
+    // A fractional size paints whole pixels: rows of 10 pixels are read at
+    // 40 bytes each, not 42.
+    m_rep->setSize({10.5, 3.7});
+    ASSERT_TRUE(Deliver(image));
+    ASSERT_TRUE(WaitForFrames(2));
+    const auto& fractional = m_host->Frames().back();
+    EXPECT_TRUE(fractional.properties.width == 10u && fractional.properties.height == 3u);
+    for (int row = 0; row < 3; ++row)
+        EXPECT_EQ(std::memcmp(fractional.pixels + row * 64, image.data() + row * 40, 40), 0) << row;
 }
 
 TEST_F(FrameDelivery, EveryReceiverGetsTheSurfaceAndItIsReusedOnlyWhenAllHaveLetGo)
@@ -149,6 +159,10 @@ TEST_F(FrameDelivery, ThirtyHeldFramesDropTheNextSilentlyAndLettingGoResumes)
     ASSERT_TRUE(m_host->PumpUntil([&] { return Outstanding() == 29; }));
     ASSERT_TRUE(Deliver(image));
     ASSERT_TRUE(WaitForFrames(31));
+    // Frame numbers count the dropped frame too: the host sees 1 to 30, then 32.
+    for (size_t i = 0; i < 29; ++i)
+        ASSERT_EQ(m_host->Frames()[i].properties.frameSequence, i + 2) << i;
+    EXPECT_EQ(m_host->Frames().back().properties.frameSequence, 32u);
     EXPECT_EQ(m_rep->pixelBufferPool()->GetCreatedBufferCount(), 30u);
     m_host->CloseHostConnection();
     ASSERT_TRUE(WaitForAllBack());

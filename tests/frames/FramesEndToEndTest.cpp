@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
@@ -29,6 +30,12 @@ struct FrameHost : streamloft::OverlayCallbacks {
     {
         std::lock_guard<std::mutex> guard(lock);
         sizes.emplace_back(frame->width(), frame->height());
+        timings.push_back({frame->sequence(), frame->presentationTime(),
+                           uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(
+                                        frame->receivedAt().time_since_epoch())
+                                        .count())});
+        if (holdFrames && held.size() < 30)
+            held.push_back(frame);
         last = frame;
         changed.notify_all();
     }
@@ -43,6 +50,12 @@ struct FrameHost : streamloft::OverlayCallbacks {
     std::condition_variable changed;
     int browserID = -2;
     std::vector<std::pair<uint32_t, uint32_t>> sizes;
+    struct Timing {
+        uint64_t sequence, presentation, received; // microseconds of CLOCK_MONOTONIC
+    };
+    std::vector<Timing> timings;
+    bool holdFrames = false;
+    std::vector<std::shared_ptr<const streamloft::VideoFrame>> held;
     std::shared_ptr<const streamloft::VideoFrame> last;
 };
 
@@ -52,13 +65,23 @@ uint32_t Pixel(const streamloft::VideoFrame& frame, uint32_t x, uint32_t y)
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
 }
 
-// The page's quarters: red, green, blue, and transparent at the bottom right.
+// The page's quarters: red, green, blue, and transparent at the bottom right,
+// every pixel (the quarters' edges fall on whole pixels at even sizes).
 bool ShowsTheColourPage(const streamloft::VideoFrame& f, uint32_t width, uint32_t height)
 {
-    return f.width() == width && f.height() == height && f.pixelFormat() == streamloft::kPixelFormatBGRA &&
-           f.stride() >= width * 4 && Pixel(f, width / 4, height / 4) == 0xFFFF0000u &&
-           Pixel(f, 3 * width / 4, height / 4) == 0xFF00FF00u && Pixel(f, width / 4, 3 * height / 4) == 0xFF0000FFu &&
-           Pixel(f, 3 * width / 4, 3 * height / 4) == 0 && Pixel(f, width - 1, height - 1) == 0;
+    if (f.width() != width || f.height() != height || f.pixelFormat() != streamloft::kPixelFormatBGRA ||
+        f.stride() < width * 4)
+        return false;
+    for (uint32_t y = 0; y < height; ++y)
+        for (uint32_t x = 0; x < width; ++x) {
+            const bool left = x < width / 2, top = y < height / 2;
+            const uint32_t expected = top ? (left ? 0xFFFF0000u : 0xFF00FF00u) : (left ? 0xFF0000FFu : 0);
+            // An odd width splits a pixel column between two quarters.
+            if ((width % 2 && x == width / 2) || Pixel(f, x, y) == expected)
+                continue;
+            return false;
+        }
+    return true;
 }
 
 // Stops the service the test started (it outlives its hosts) and removes its folder.
@@ -78,27 +101,44 @@ struct ServiceCleanup {
     }
 };
 
-TEST(FramesEndToEnd, KnownColoursArriveAsBGRAWithAlphaZeroWhereThePageIsTransparentAndFollowAResize)
-{
-    char folder[] = "/tmp/slf-frames-XXXXXX";
-    ASSERT_NE(mkdtemp(folder), nullptr);
-    ServiceCleanup cleanup{folder};
-    FrameHost host;
-    streamloft::ConnectOptions options;
-    options.socketPath = cleanup.folder + "/overlay-helper.sock";
-    options.helperPath = SLF_TEST_HELPER_PATH;
-    options.startTimeout = 20s;
-    std::string error;
-    auto client = streamloft::OverlayClient::Connect(host, options, &error);
-    ASSERT_TRUE(client) << error;
-    ASSERT_TRUE(client->StartedService());
-    cleanup.pid = client->ServiceProcessID();
+class FramesEndToEnd : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        char folder[] = "/tmp/slf-frames-XXXXXX";
+        ASSERT_NE(mkdtemp(folder), nullptr);
+        cleanup.folder = folder;
+        streamloft::ConnectOptions options;
+        options.socketPath = cleanup.folder + "/overlay-helper.sock";
+        options.helperPath = SLF_TEST_HELPER_PATH;
+        options.startTimeout = 20s;
+        std::string error;
+        client = streamloft::OverlayClient::Connect(host, options, &error);
+        ASSERT_TRUE(client) << error;
+        ASSERT_TRUE(client->StartedService());
+        cleanup.pid = client->ServiceProcessID();
+    }
+    void Open(const std::string& page, double width, double height)
+    {
+        std::string error;
+        ASSERT_TRUE(client->OpenBrowser("file://" + kPages + "/" + page, width, height, 30, {"file://" + kPages + "/"},
+                                        &error))
+            << error;
+        ASSERT_TRUE(host.WaitFor([&] { return host.browserID != -2; }, 60s));
+        ASSERT_GE(host.browserID, 0);
+    }
 
-    ASSERT_TRUE(client->OpenBrowser("file://" + kPages + "/frames_colours.html", 64, 48, 30,
-                                    {"file://" + kPages + "/"}, &error))
-        << error;
-    ASSERT_TRUE(host.WaitFor([&] { return host.browserID != -2; }, 60s));
-    ASSERT_GE(host.browserID, 0);
+    // Destroyed in reverse: the client first, then the host, then the service.
+    ServiceCleanup cleanup;
+    FrameHost host;
+    std::unique_ptr<streamloft::OverlayClient> client;
+};
+
+// Fractional sizes render at the truncated size, with every row in place.
+TEST_F(FramesEndToEnd, KnownColoursArriveAsBGRAWithAlphaZeroWhereThePageIsTransparentAndFollowAResize)
+{
+    Open("frames_colours.html", 64.5, 48);
+    std::string error;
     // The first paints may come before the page has loaded.
     EXPECT_TRUE(host.WaitFor([&] { return host.last && ShowsTheColourPage(*host.last, 64, 48); }));
     ASSERT_TRUE(client->UpdateBrowserSize(host.browserID, 96, 40, &error)) << error;
@@ -109,6 +149,53 @@ TEST(FramesEndToEnd, KnownColoursArriveAsBGRAWithAlphaZeroWhereThePageIsTranspar
         const auto firstNew = std::find(host.sizes.begin(), host.sizes.end(), std::make_pair(96u, 40u));
         EXPECT_TRUE(std::all_of(host.sizes.begin(), firstNew, [](auto s) { return s == std::make_pair(64u, 48u); }));
         EXPECT_TRUE(std::all_of(firstNew, host.sizes.end(), [](auto s) { return s == std::make_pair(96u, 40u); }));
+    }
+    ASSERT_TRUE(client->UpdateBrowserSize(host.browserID, 1279.9, 720.5, &error)) << error;
+    EXPECT_TRUE(host.WaitFor([&] { return host.last && ShowsTheColourPage(*host.last, 1279, 720); }));
+}
+
+// Every frame carries the service's frame number and paint time: numbers go
+// up by one while the host keeps up, a host that holds 30 frames (all the
+// service may have out) sees the frames dropped meanwhile as a gap once it
+// lets go, and paint times rise and lie shortly before the frame's receipt.
+TEST_F(FramesEndToEnd, FramesAreNumberedWithoutGapsUntilAHostHoldsThirtyAndCarryTheirPaintTime)
+{
+    {
+        std::lock_guard<std::mutex> guard(host.lock);
+        host.holdFrames = true;
+    }
+    Open("client_overlay.html", 64, 48);
+    // The page repaints 20 times a second: 30 frames held, then more painted and dropped.
+    ASSERT_TRUE(host.WaitFor([&] { return host.held.size() == 30; }, 60s));
+    std::this_thread::sleep_for(500ms);
+    size_t heldUntil = 0;
+    {
+        std::lock_guard<std::mutex> guard(host.lock);
+        heldUntil = host.timings.size();
+        host.holdFrames = false;
+        host.held.clear();
+    }
+    ASSERT_TRUE(host.WaitFor([&] { return host.timings.size() >= heldUntil + 10; }));
+
+    std::lock_guard<std::mutex> guard(host.lock);
+    const auto& t = host.timings;
+    EXPECT_EQ(heldUntil, 30u);
+    EXPECT_GE(t.front().sequence, 1u);
+    size_t gaps = 0;
+    for (size_t i = 1; i < t.size(); ++i) {
+        ASSERT_GT(t[i].sequence, t[i - 1].sequence) << i;
+        ASSERT_GT(t[i].presentation, t[i - 1].presentation) << i;
+        if (t[i].sequence != t[i - 1].sequence + 1) {
+            ++gaps;
+            EXPECT_EQ(i, heldUntil) << "a gap while the host kept up";
+            EXPECT_GE(t[i].sequence - t[i - 1].sequence, 5u) << "half a second of a 20 fps page dropped";
+        }
+    }
+    EXPECT_EQ(gaps, 1u);
+    for (const auto& frame : t) {
+        ASSERT_LE(frame.presentation, frame.received);
+        // Generous: a loaded machine may take a while to pass a frame on.
+        EXPECT_LT(frame.received - frame.presentation, 2000000u);
     }
 }
 

@@ -62,14 +62,22 @@ TEST_F(SLFCefWindowManagerEngine, EveryOpenRequestGetsItsOwnBrowserOnOneEngine)
     EXPECT_TRUE(m_port.WaitForPumpPasses(5, 5000));
     EXPECT_FALSE(m_port.PumpedOffThread());
 
-    // The engine outlives the last browser; the next open starts no second engine.
+    // The engine outlives the last browser, its pump timer rests; the next
+    // open starts no second engine and the pump again.
+    EXPECT_TRUE(m_manager->isPumpRunning());
     EXPECT_EQ(m_manager->stopBrowserWithID(first->browserID()), first);
     EXPECT_EQ(m_manager->stopBrowserWithID(second->browserID()), second);
     EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 0);
     EXPECT_TRUE(m_manager->isEngineRunning());
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    while (m_manager->isPumpRunning() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_FALSE(m_manager->isPumpRunning());
     auto next = Open();
     EXPECT_GE(next->browserID(), 0);
     EXPECT_EQ(m_port.InitializeCalls(), 1);
+    EXPECT_TRUE(m_manager->isPumpRunning());
+    EXPECT_TRUE(m_port.WaitForPumpPasses(5, 5000));
 }
 
 // The engine gets sizes and rates truncated, frames off around the resize.

@@ -103,6 +103,12 @@ TEST_F(AudioDelivery, AStreamFromItsFirstBlockToItsStop)
         joined.insert(joined.end(), event.bytes.begin(), event.bytes.end());
     }
     EXPECT_EQ(joined, big);
+    // A slot plays as long after the block's first sample as the bytes
+    // before it last, in the block's format (44100 bytes a second here).
+    const uint64_t blockTime = Events()[3].buffer->presentationTime();
+    EXPECT_GE(blockTime, Events()[2].buffer->presentationTime());
+    EXPECT_NEAR(double(Events()[4].buffer->presentationTime() - blockTime), 3840e6 / 44100, 1);
+    EXPECT_NEAR(double(Events()[5].buffer->presentationTime() - blockTime), 7680e6 / 44100, 1);
     const auto small = Block(100, 3);
     ASSERT_TRUE(Deliver(small));
     ExpectEvents(7);

@@ -21,6 +21,14 @@ double Seconds(std::chrono::steady_clock::duration d) {
   return std::chrono::duration<double>(d).count();
 }
 
+// Seconds from a presentation time (microseconds of CLOCK_MONOTONIC, the
+// steady clock's own on Linux) to `at`.
+double SecondsSince(uint64_t presentationTime, std::chrono::steady_clock::time_point at) {
+  const double atMicroseconds =
+      static_cast<double>(std::chrono::duration_cast<std::chrono::microseconds>(at.time_since_epoch()).count());
+  return (atMicroseconds - static_cast<double>(presentationTime)) / 1e6;
+}
+
 }  // namespace
 
 CaptureSession::CaptureSession(CaptureOptions options) : options_(std::move(options)), pacing_(options_.fps) {}
@@ -214,6 +222,16 @@ void CaptureSession::PrintReport(double elapsedSeconds, uint64_t framesInCapture
          ull(FramesShortOfRate(options_.fps, elapsedSeconds, framesInCapture)),
          std::floor(options_.fps * elapsedSeconds), options_.fps, elapsedSeconds, ull(framesInCapture),
          ull(framesRefused_));
+  printf("drops by cause: %llu frames dropped by the service (gaps in its frame numbers), %llu slots the page "
+         "did not paint\n",
+         ull(accounting_.droppedByService()), ull(accounting_.notPainted()));
+  if (videoDelay_.count()) {
+    printf("paint to receipt: video %.1f ms mean", videoDelay_.mean() * 1000.0);
+    if (audioDelay_.count())
+      printf(", audio %.1f ms mean; audio-to-video offset %+.1f ms (audio later when positive)",
+             audioDelay_.mean() * 1000.0, (audioDelay_.mean() - videoDelay_.mean()) * 1000.0);
+    printf("\n");
+  }
   if (framesReceived_ >= 1) {
     printf("latency: first frame %.1f ms after the open request (browser started after %.1f ms)",
            Seconds(firstFrame_ - openRequested_) * 1000.0, Seconds(startedAt_ - openRequested_) * 1000.0);
@@ -274,12 +292,17 @@ void CaptureSession::BrowserReceivedVideoFrame(int, std::shared_ptr<const stream
   {
     std::lock_guard<std::mutex> guard(lock_);
     index = ++framesReceived_;
+    uint64_t missedSlots = 0;
     if (index == 1) {
       firstFrame_ = frame->receivedAt();
       changed_.notify_all();  // the capture window starts now
+    } else {
+      const double interval = Seconds(frame->receivedAt() - lastFrame_);
+      pacing_.AddInterval(interval);
+      missedSlots = FramesMissedInInterval(interval, options_.fps > 0 ? 1.0 / options_.fps : 0);
     }
-    else
-      pacing_.AddInterval(Seconds(frame->receivedAt() - lastFrame_));
+    accounting_.AddFrame(frame->sequence(), missedSlots);
+    if (frame->presentationTime()) videoDelay_.Add(SecondsSince(frame->presentationTime(), frame->receivedAt()));
     lastFrame_ = frame->receivedAt();
     surfaceIDs_.insert(frame->properties().surfaceID);
     frameSizes_.insert({frame->width(), frame->height()});
@@ -325,6 +348,8 @@ void CaptureSession::BrowserDidReceiveAudioStream(int browserID, int streamID,
   auto it = audio_.find({browserID, streamID});
   if (it == audio_.end()) return;
   AudioStream& stream = *it->second;
+  if (buffer->presentationTime())
+    audioDelay_.Add(SecondsSince(buffer->presentationTime(), std::chrono::steady_clock::now()));
   ++stream.buffers;
   stream.bytes += buffer->length();
   std::string error;

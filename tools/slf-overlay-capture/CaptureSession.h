@@ -102,6 +102,10 @@ class CaptureSession : public streamloft::OverlayCallbacks {
   std::chrono::steady_clock::time_point openRequested_;
   std::chrono::steady_clock::time_point startedAt_, firstFrame_, lastFrame_;
   FramePacing pacing_;
+  FrameAccounting accounting_;
+  DeliveryDelay videoDelay_;
+  // Written on the client's callback thread, read after it has ended.
+  DeliveryDelay audioDelay_;
   std::set<uint64_t> surfaceIDs_;
   std::set<std::pair<uint32_t, uint32_t>> frameSizes_;
   std::vector<std::string> errors_;

@@ -1,6 +1,8 @@
-// What the receive times of a frame stream say about its pacing: frames carry
-// no sequence number and no paint time, so missed frames are read from gaps
-// between consecutive frames measured against the requested frame period.
+// What the receive times of a frame stream say about its pacing: missed
+// frames are read from gaps between consecutive frames measured against the
+// requested frame period; the service's frame sequence numbers tell which of
+// them the service dropped (the rest the page did not paint), and the paint
+// times of frames and audio tell how far apart the two arrive.
 #pragma once
 
 #include <algorithm>
@@ -60,6 +62,44 @@ class FramePacing {
   double longest_ = 0;
   uint64_t longGaps_ = 0;
   uint64_t missed_ = 0;
+};
+
+// Splits the frames missing from a stream by cause, from the service's
+// sequence numbers (0 = the service sent none) and the slots each interval
+// missed: a jump in the sequence is frames the service produced and dropped;
+// missed slots beyond that are frames the page did not paint.
+class FrameAccounting {
+ public:
+  void AddFrame(uint64_t sequence, uint64_t missedSlots) {
+    uint64_t dropped = 0;
+    if (sequence && lastSequence_ && sequence > lastSequence_ + 1) dropped = sequence - lastSequence_ - 1;
+    droppedByService_ += dropped;
+    notPainted_ += missedSlots > dropped ? missedSlots - dropped : 0;
+    if (sequence) lastSequence_ = sequence;
+  }
+  uint64_t droppedByService() const { return droppedByService_; }
+  uint64_t notPainted() const { return notPainted_; }
+
+ private:
+  uint64_t lastSequence_ = 0;
+  uint64_t droppedByService_ = 0;
+  uint64_t notPainted_ = 0;
+};
+
+// Mean of the time from presentation (paint, or first sample played) to
+// receipt, in seconds, over the items that carried a presentation time.
+class DeliveryDelay {
+ public:
+  void Add(double seconds) {
+    ++count_;
+    mean_ += (seconds - mean_) / static_cast<double>(count_);
+  }
+  uint64_t count() const { return count_; }
+  double mean() const { return mean_; }
+
+ private:
+  uint64_t count_ = 0;
+  double mean_ = 0;
 };
 
 }  // namespace slf_capture

@@ -29,7 +29,8 @@ class SLF_OVERLAY_EXPORT AudioBuffer {
   // `bytes` points at `length` valid bytes; `keepAlive` keeps them mapped and
   // releases the slot when the buffer is destroyed.
   AudioBuffer(const uint8_t* bytes, uint64_t length, uint64_t capacity, int64_t sampleRate,
-              int64_t channelCount, int64_t bitsPerSample, std::shared_ptr<const void> keepAlive);
+              int64_t channelCount, int64_t bitsPerSample, std::shared_ptr<const void> keepAlive,
+              uint64_t presentationTime = 0);
   AudioBuffer(const AudioBuffer&) = delete;
   AudioBuffer& operator=(const AudioBuffer&) = delete;
 
@@ -40,6 +41,10 @@ class SLF_OVERLAY_EXPORT AudioBuffer {
   int64_t sampleRate() const { return sampleRate_; }
   int64_t channelCount() const { return channelCount_; }
   int64_t bitsPerSample() const { return bitsPerSample_; }
+  // When the buffer's first sample plays in the page, in microseconds of
+  // CLOCK_MONOTONIC (the clock of VideoFrame::presentationTime()); 0 when
+  // the service did not say.
+  uint64_t presentationTime() const { return presentationTime_; }
 
  private:
   const uint8_t* bytes_;
@@ -49,6 +54,7 @@ class SLF_OVERLAY_EXPORT AudioBuffer {
   int64_t channelCount_;
   int64_t bitsPerSample_;
   std::shared_ptr<const void> keepAlive_;
+  uint64_t presentationTime_;
 };
 
 }  // namespace streamloft

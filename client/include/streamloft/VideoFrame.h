@@ -30,6 +30,9 @@ struct SurfaceProperties {
   uint32_t pixelFormat = 0;      // IOSurfacePixelFormat, always kPixelFormatBGRA
   uint64_t surfaceID = 0;        // IOSurfaceID, names the surface within the service
   uint64_t allocSize = 0;        // IOSurfaceAllocSize, bytes of the surface
+  // The frame's timing (0 when the service did not say):
+  uint64_t frameSequence = 0;          // SLFFrameSequence, per browser from 1; a gap = frames dropped
+  uint64_t framePresentationTime = 0;  // SLFFramePresentationTime, µs of CLOCK_MONOTONIC
 };
 
 class SLF_OVERLAY_EXPORT VideoFrame {
@@ -52,6 +55,13 @@ class SLF_OVERLAY_EXPORT VideoFrame {
   // width() * 4 bytes of pixels followed by padding up to the stride.
   const uint8_t* data() const { return pixels_; }
   const uint8_t* row(uint32_t y) const { return pixels_ + static_cast<size_t>(y) * properties_.bytesPerRow; }
+  // The service's count of frames it produced for the browser, from 1, sent
+  // or dropped: a jump of more than one between two frames is the frames it
+  // dropped (the host held too many). 0 when the service did not say.
+  uint64_t sequence() const { return properties_.frameSequence; }
+  // When the engine painted the frame, in microseconds of CLOCK_MONOTONIC
+  // (the clock of std::chrono::steady_clock on Linux); 0 when unknown.
+  uint64_t presentationTime() const { return properties_.framePresentationTime; }
   // When the library received the frame (steady clock).
   std::chrono::steady_clock::time_point receivedAt() const { return receivedAt_; }
 
