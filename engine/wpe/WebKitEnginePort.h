@@ -23,6 +23,7 @@
 
 typedef struct _WebKitWebContext WebKitWebContext;
 typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
+typedef struct _WebKitWebView WebKitWebView;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -71,6 +72,12 @@ public:
     bool IsPumpThread() const;
     // A view was closed: forget it.
     void ForgetView(int id);
+    // Pump thread: a page whose web process was started ahead (null when
+    // none is ready). A new view made related to it shares that process
+    // instead of waiting for one to start; the view then calls
+    // SpareViewTaken, and another spare is started for the next view.
+    WebKitWebView* GetSpareView() const { return m_bSpareReady ? m_pSpareView : nullptr; }
+    void SpareViewTaken();
 
     // The view showing a page (by WebKit's page identifier), from any
     // thread; null when none does.
@@ -100,6 +107,10 @@ private:
     void RunTasks();
     void OnInitializeWebExtensions();
     void CreateView(int id, EngineClient* client, const std::string& url, const EngineBrowserSettings& settings);
+    // Starts a spare page (about:blank) in a web process of its own, unless
+    // one exists; DropSpareView destroys it.
+    void PrepareSpareView();
+    void DropSpareView();
 
     static void InitializeWebExtensionsThunk(WebKitWebContext* context, gpointer self);
     static void SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self);
@@ -116,6 +127,9 @@ private:
     GSource* m_pTaskSource = nullptr;
     WebKitWebContext* m_pWebContext = nullptr;
     std::map<int, std::shared_ptr<WebKitView>> m_Views;
+    WebKitWebView* m_pSpareView = nullptr;
+    // The spare page has loaded: its web process runs.
+    bool m_bSpareReady = false;
     std::unique_ptr<WebKitResourceServer> m_pResourceServer;
     std::unique_ptr<WebKitAudioServer> m_pAudioServer;
 
