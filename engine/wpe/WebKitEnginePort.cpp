@@ -431,12 +431,6 @@ void WebKitEnginePort::PrepareSpareView()
         wpe_view_backend_exportable_fdo_get_view_backend(backend->exportable), DestroySpareBackend, backend);
     m_pSpareView = WEBKIT_WEB_VIEW(
         g_object_new(WEBKIT_TYPE_WEB_VIEW, "backend", viewBackend, "web-context", m_pWebContext, nullptr));
-    m_bSpareReady = false;
-    g_signal_connect(m_pSpareView, "load-changed", G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer self) {
-                         if (event == WEBKIT_LOAD_FINISHED)
-                             static_cast<WebKitEnginePort*>(self)->m_bSpareReady = true;
-                     }),
-                     this);
     webkit_web_view_load_uri(m_pSpareView, "about:blank");
 }
 
@@ -446,8 +440,6 @@ void WebKitEnginePort::DropSpareView()
         return;
     WebKitWebView* spare = m_pSpareView;
     m_pSpareView = nullptr;
-    m_bSpareReady = false;
-    g_signal_handlers_disconnect_by_data(spare, this);
     g_object_unref(spare);
 }
 

@@ -73,10 +73,11 @@ public:
     // A view was closed: forget it.
     void ForgetView(int id);
     // Pump thread: a page whose web process was started ahead (null when
-    // none is ready). A new view made related to it shares that process
-    // instead of waiting for one to start; the view then calls
-    // SpareViewTaken, and another spare is started for the next view.
-    WebKitWebView* GetSpareView() const { return m_bSpareReady ? m_pSpareView : nullptr; }
+    // there is none). A new view made related to it shares that process
+    // (however far its start has come) instead of starting one of its own;
+    // the view then calls SpareViewTaken, and another spare is started for
+    // the next view.
+    WebKitWebView* GetSpareView() const { return m_pSpareView; }
     void SpareViewTaken();
 
     // The view showing a page (by WebKit's page identifier), from any
@@ -128,8 +129,6 @@ private:
     WebKitWebContext* m_pWebContext = nullptr;
     std::map<int, std::shared_ptr<WebKitView>> m_Views;
     WebKitWebView* m_pSpareView = nullptr;
-    // The spare page has loaded: its web process runs.
-    bool m_bSpareReady = false;
     std::unique_ptr<WebKitResourceServer> m_pResourceServer;
     std::unique_ptr<WebKitAudioServer> m_pAudioServer;
 
