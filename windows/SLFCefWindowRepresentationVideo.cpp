@@ -129,7 +129,10 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
         // The painted image is as wide as the width truncated (the engine
         // renders whole pixels), so its rows are that many pixels long; a
         // width of 64.5 paints rows of 256 bytes, not 258.
-        const uint64_t sourceRowLength = static_cast<uint64_t>(std::max(frameSize.width, 0.0)) * 4u;
+        // (A width that is not a sane number copies nothing.)
+        const uint64_t pixelsPerRow =
+            frameSize.width > 0 && frameSize.width < 1e9 ? static_cast<uint64_t>(frameSize.width) : 0;
+        const uint64_t sourceRowLength = pixelsPerRow * 4u;
         const size_t destinationStride = pixelBuffer->GetBytesPerRow();
         unsigned char* destination = static_cast<unsigned char*>(pixelBuffer->GetBaseAddress());
         if (destination && data && sourceRowLength > 0) {
