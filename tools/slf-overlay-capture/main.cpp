@@ -49,6 +49,8 @@ int main(int argc, char** argv) {
   app.footer(
       "Prints what arrived: frame count, rate and interval, frame sizes, drops (frames missed by pacing,\n"
       "counted from intervals over 1.5 frame periods, and the shortfall against the requested rate),\n"
+      "the missed frames by cause (dropped by the service: gaps in its frame numbers; the rest not\n"
+      "painted by the page), paint-to-receipt delay of video and audio and the audio-to-video offset,\n"
       "latency (open request to first frame), receive jitter, files written and audio streams.\n"
       "\n"
       "Exit status:\n"
