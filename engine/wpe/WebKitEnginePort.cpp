@@ -386,69 +386,11 @@ void WebKitEnginePort::CreateView(int id, EngineClient* client, const std::strin
     if (EngineLifeSpanHandler* handler = client->GetLifeSpanHandler())
         handler->OnAfterCreated(view);
     view->Open();
-    // The first view starts the first spare (later ones replace the spare they took).
-    if (!m_pSpareView)
-        Post([this]() { PrepareSpareView(); });
 }
 
 void WebKitEnginePort::ForgetView(int id)
 {
     m_Views.erase(id);
-}
-
-namespace {
-
-// The spare page's backend: whatever it paints is given straight back.
-struct SpareBackend {
-    struct wpe_view_backend_exportable_fdo* exportable = nullptr;
-};
-
-void SpareExportShmBuffer(void* data, struct wpe_fdo_shm_exported_buffer* buffer)
-{
-    auto* backend = static_cast<SpareBackend*>(data);
-    wpe_view_backend_exportable_fdo_dispatch_release_shm_exported_buffer(backend->exportable, buffer);
-    wpe_view_backend_exportable_fdo_dispatch_frame_complete(backend->exportable);
-}
-
-void DestroySpareBackend(gpointer data)
-{
-    auto* backend = static_cast<SpareBackend*>(data);
-    wpe_view_backend_exportable_fdo_destroy(backend->exportable);
-    delete backend;
-}
-
-} // namespace
-
-void WebKitEnginePort::PrepareSpareView()
-{
-    if (m_pSpareView || !m_pWebContext || !m_bRunning.load())
-        return;
-    static const struct wpe_view_backend_exportable_fdo_client client = {nullptr, nullptr, SpareExportShmBuffer,
-                                                                          nullptr, nullptr};
-    auto* backend = new SpareBackend;
-    backend->exportable = wpe_view_backend_exportable_fdo_create(&client, backend, 1, 1);
-    WebKitWebViewBackend* viewBackend = webkit_web_view_backend_new(
-        wpe_view_backend_exportable_fdo_get_view_backend(backend->exportable), DestroySpareBackend, backend);
-    m_pSpareView = WEBKIT_WEB_VIEW(
-        g_object_new(WEBKIT_TYPE_WEB_VIEW, "backend", viewBackend, "web-context", m_pWebContext, nullptr));
-    webkit_web_view_load_uri(m_pSpareView, "about:blank");
-}
-
-void WebKitEnginePort::DropSpareView()
-{
-    if (!m_pSpareView)
-        return;
-    WebKitWebView* spare = m_pSpareView;
-    m_pSpareView = nullptr;
-    g_object_unref(spare);
-}
-
-void WebKitEnginePort::SpareViewTaken()
-{
-    // The new page holds the process now; the spare page itself goes, and
-    // the next spare starts once this view's own start is under way.
-    DropSpareView();
-    Post([this]() { PrepareSpareView(); });
 }
 
 void WebKitEnginePort::Shutdown()
@@ -462,7 +404,6 @@ void WebKitEnginePort::Shutdown()
         m_bHasTasks.store(false);
     }
 
-    DropSpareView();
     auto views = m_Views;
     for (auto& entry : views)
         entry.second->Close(false);

@@ -23,7 +23,6 @@
 
 typedef struct _WebKitWebContext WebKitWebContext;
 typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
-typedef struct _WebKitWebView WebKitWebView;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -72,13 +71,6 @@ public:
     bool IsPumpThread() const;
     // A view was closed: forget it.
     void ForgetView(int id);
-    // Pump thread: a page whose web process was started ahead (null when
-    // there is none). A new view made related to it shares that process
-    // (however far its start has come) instead of starting one of its own;
-    // the view then calls SpareViewTaken, and another spare is started for
-    // the next view.
-    WebKitWebView* GetSpareView() const { return m_pSpareView; }
-    void SpareViewTaken();
 
     // The view showing a page (by WebKit's page identifier), from any
     // thread; null when none does.
@@ -108,10 +100,6 @@ private:
     void RunTasks();
     void OnInitializeWebExtensions();
     void CreateView(int id, EngineClient* client, const std::string& url, const EngineBrowserSettings& settings);
-    // Starts a spare page (about:blank) in a web process of its own, unless
-    // one exists; DropSpareView destroys it.
-    void PrepareSpareView();
-    void DropSpareView();
 
     static void InitializeWebExtensionsThunk(WebKitWebContext* context, gpointer self);
     static void SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self);
@@ -128,7 +116,6 @@ private:
     GSource* m_pTaskSource = nullptr;
     WebKitWebContext* m_pWebContext = nullptr;
     std::map<int, std::shared_ptr<WebKitView>> m_Views;
-    WebKitWebView* m_pSpareView = nullptr;
     std::unique_ptr<WebKitResourceServer> m_pResourceServer;
     std::unique_ptr<WebKitAudioServer> m_pAudioServer;
 

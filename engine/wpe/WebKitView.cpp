@@ -152,15 +152,8 @@ void WebKitView::Open()
     // there) instead of being blocked silently.
     webkit_settings_set_javascript_can_open_windows_automatically(settings, TRUE);
 
-    // A page started ahead lends its web process, so that this page need
-    // not wait for one to start.
-    WebKitWebView* spare = m_Port.GetSpareView();
-    if (spare)
-        m_pView = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "backend", viewBackend, "related-view", spare,
-                                               "settings", settings, nullptr));
-    else
-        m_pView = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "backend", viewBackend, "web-context",
-                                               m_Port.GetWebContext(), "settings", settings, nullptr));
+    m_pView = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "backend", viewBackend, "web-context",
+                                           m_Port.GetWebContext(), "settings", settings, nullptr));
     g_object_unref(settings);
 
     if (auto scale = m_Port.GetDeviceScaleFactor())
@@ -229,8 +222,6 @@ void WebKitView::Open()
                      this);
 
     webkit_web_view_load_uri(m_pView, GetURL().c_str());
-    if (spare)
-        m_Port.SpareViewTaken();
 }
 
 void WebKitView::Close(bool notify)
