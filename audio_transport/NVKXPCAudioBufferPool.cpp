@@ -2,9 +2,11 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <mutex>
 #include <new>
+#include <set>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -62,6 +64,47 @@ FreedPoolQuarantine& TheFreedPoolQuarantine()
 {
     static FreedPoolQuarantine* const quarantine = new FreedPoolQuarantine;
     return *quarantine;
+}
+
+// The names of the segments this process created and has not unlinked yet,
+// so that all of them go when the process ends.
+class LiveSegments {
+public:
+    void add(const std::string& name)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (!m_atExitRegistered) {
+            m_atExitRegistered = true;
+            std::atexit([] { NVKXPCAudioBufferPool::unlinkAllSegments(); });
+        }
+        m_names.insert(name);
+    }
+    void remove(const std::string& name)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_names.erase(name);
+    }
+    void unlinkAll()
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        for (const std::string& name : m_names)
+            shm_unlink(name.c_str());
+        m_names.clear();
+    }
+
+private:
+    // Lock order: a leaf. Guards m_names and m_atExitRegistered; nothing
+    // but shm_unlink is called while it is held.
+    std::mutex m_lock;
+    std::set<std::string> m_names;
+    bool m_atExitRegistered = false;
+};
+
+// Never destroyed, like the quarantine: pools freed during exit find it.
+LiveSegments& TheLiveSegments()
+{
+    static LiveSegments* const segments = new LiveSegments;
+    return *segments;
 }
 
 } // namespace
@@ -132,14 +175,30 @@ std::shared_ptr<NVKXPCAudioBufferPool> NVKXPCAudioBufferPool::initWithBufferSize
 bool NVKXPCAudioBufferPool::nvk_createShMemAndReturnSuccess()
 {
     m_isXPCService = true;
-    int fd = shm_open(m_shmemName.c_str(), O_RDWR | O_CREAT, 0666);
+    // Only this user may map the segment (the hosts are the same user). A
+    // name left by an earlier process is taken over: its old segment is
+    // unlinked first, so that nobody else holds the new one open.
+    int fd = shm_open(m_shmemName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    if (fd == -1 && errno == EEXIST) {
+        shm_unlink(m_shmemName.c_str());
+        fd = shm_open(m_shmemName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+    }
     if (fd == -1) {
         NSLog("Couldn't shm_open: %d", errno);
         return false;
     }
     m_shmemFD = fd;
-    int truncated = ftruncate(fd, static_cast<off_t>(m_shmemSize));
-    (void)truncated; // a short segment shows up as a failed or faulting mapping, as it always has
+    // The whole segment is reserved now: on a full /dev/shm the pool fails
+    // here, instead of a later copy into a slot faulting (SIGBUS).
+    const int reserved = posix_fallocate(fd, 0, static_cast<off_t>(m_shmemSize));
+    if (reserved != 0) {
+        close(fd);
+        shm_unlink(m_shmemName.c_str());
+        m_shmemFD = -1;
+        NSLog("Couldn't reserve %llu bytes of shared memory: %d", static_cast<unsigned long long>(m_shmemSize),
+              reserved);
+        return false;
+    }
     void* memory = mmap(nullptr, m_shmemSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     // The mapping keeps the segment alive; the descriptor is not needed any
     // more. Its stale number stays in m_shmemFD.
@@ -151,7 +210,13 @@ bool NVKXPCAudioBufferPool::nvk_createShMemAndReturnSuccess()
         return false;
     }
     m_mappedMemory = memory;
+    TheLiveSegments().add(m_shmemName);
     return true;
+}
+
+void NVKXPCAudioBufferPool::unlinkAllSegments()
+{
+    TheLiveSegments().unlinkAll();
 }
 
 std::shared_ptr<NVKXPCAudioBufferPool> NVKXPCAudioBufferPool::initWithRecord(GVariant* record)
@@ -243,17 +308,20 @@ GVariant* NVKXPCAudioBufferPool::encodeRecord() const
 
 NVKXPCAudioBufferPool::~NVKXPCAudioBufferPool()
 {
+    // The creating side owns the name: it unlinks it when its pool goes
+    // (receivers that mapped the segment keep their mappings). A receiver
+    // never unlinks, so that it cannot take the name from another receiver
+    // that has yet to open it; it only closes its descriptor, so that a
+    // host that sees many streams does not run out of them.
+    if (m_isXPCService && m_mappedMemory) {
+        shm_unlink(m_shmemName.c_str());
+        TheLiveSegments().remove(m_shmemName);
+    } else if (!m_isXPCService && m_shmemFD >= 0) {
+        close(m_shmemFD);
+    }
     if (m_mappedMemory) {
         munmap(m_mappedMemory, m_shmemSize);
         m_mappedMemory = nullptr;
-    }
-    // Only the receiving side unlinks: the creating side's name goes away
-    // when the receiver that opened it lets go (or when its mapping failed).
-    if (!m_isXPCService && m_shmemFD >= 0) {
-        shm_unlink(m_shmemName.c_str());
-        // The receiving side's descriptor is closed too, so that a host that
-        // sees many streams does not run out of descriptors.
-        close(m_shmemFD);
     }
     m_shmemFD = -1;
     // The queued buffers go now: received ones that were never taken run

@@ -28,8 +28,13 @@
 // adopted, or too many waiting) the return block was not attached, or the
 // buffer was not queued: the caller still owns the reply it was going to send
 // (on a full queue the block is attached and runs when the caller drops the
-// buffer). Destroying the receiving pool unmaps the segment, unlinks its name
-// and releases the buffers that were never taken (running their blocks).
+// buffer). Destroying the receiving pool unmaps the segment and releases the
+// buffers that were never taken (running their blocks).
+//
+// Segments are made with mode 0600 and their whole size reserved at once
+// (a full /dev/shm fails the pool instead of a later write). The creating
+// side owns the name: destroying its pool unlinks it, and
+// unlinkAllSegments() (also run at exit) unlinks every name still live.
 //
 // Pool record (GVariant a{sv}):
 //   "NVKBufferBitsPerSample" x, "NVKBufferChannelCount" x,
@@ -122,6 +127,10 @@ public:
     const std::string& shmemName() const { return m_shmemName; }
     uint64_t shmemSize() const { return m_shmemSize; }
     const void* mappedMemory() const { return m_mappedMemory; }
+
+    // Sending side: unlinks the segments of every pool of this process that
+    // is still alive (the process is about to end). Runs at exit() too.
+    static void unlinkAllSegments();
 
     // Whether `name` has the form of this transport's segment names.
     static bool isValidSegmentName(const std::string& name);

@@ -60,7 +60,10 @@ std::vector<uint8_t> Frame(GVariant* value)
 
 void AppendAudioFrame(std::vector<uint8_t>& out, uint32_t kind, uint32_t length, int rate, int channels, int bits)
 {
-    const AudioFrameHeader header = {kind, length, rate, channels, bits, 0};
+    const AudioFrameHeader header = {kind, rate, channels, bits};
+    const uint32_t total = static_cast<uint32_t>(sizeof header + length);
+    const auto* lengthBytes = reinterpret_cast<const uint8_t*>(&total);
+    out.insert(out.end(), lengthBytes, lengthBytes + sizeof total);
     const auto* bytes = reinterpret_cast<const uint8_t*>(&header);
     out.insert(out.end(), bytes, bytes + sizeof header);
     out.insert(out.end(), length, 0x11);
@@ -114,9 +117,9 @@ int main(int argc, char** argv)
     // An audio stream: start, two packets, stop.
     std::vector<uint8_t> audio;
     AppendAudioFrame(audio, AUDIO_FRAME_START, 0, 48000, 2, 16);
-    AppendAudioFrame(audio, AUDIO_FRAME_PACKET, 16, 0, 0, 0);
-    AppendAudioFrame(audio, AUDIO_FRAME_PACKET, 8, 0, 0, 0);
-    AppendAudioFrame(audio, AUDIO_FRAME_STOP, 0, 0, 0, 0);
+    AppendAudioFrame(audio, AUDIO_FRAME_PACKET, 16, 48000, 2, 16);
+    AppendAudioFrame(audio, AUDIO_FRAME_PACKET, 8, 48000, 2, 16);
+    AppendAudioFrame(audio, AUDIO_FRAME_STOP, 0, 48000, 2, 16);
     Write("fuzz_audio_frames", "stream", audio.data(), audio.size());
 
     // Process message arguments and initialisation data, boxed in a variant.

@@ -1,5 +1,6 @@
 #include "service/SLFCefServiceMain.h"
 
+#include "audio_transport/NVKXPCAudioBufferPool.h"
 #include "dbg/NSLog.h"
 #include "service/SLFCefServiceDelegate.h"
 #include "service/SLFCefServiceSocket.h"
@@ -168,6 +169,8 @@ int SLFCefServiceMain(int argc, char** argv)
     // it closes). Only the address is given back, so that the next service
     // can take it at once.
     SLFCefReleaseServiceSocket(socket);
+    // Audio segments are named in /dev/shm: they would outlive the process.
+    NVKXPCAudioBufferPool::unlinkAllSegments();
     fflush(nullptr);
     _exit(0);
 }

@@ -5,10 +5,10 @@
 #include "engine/wpe/WebKitResourceChannel.h"
 #include "engine/wpe/WebKitView.h"
 
-#include <poll.h>
-
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <string>
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -34,7 +34,7 @@ void EndStream(WebKitAudioServer::Stream& stream)
 } // namespace
 
 WebKitAudioServer::WebKitAudioServer(WebKitEnginePort& port)
-    : m_Port(port), m_Server("WebKitAudioServer", "audio thread", "SlfAudio")
+    : m_Port(port), m_Server("WebKitAudioServer", "audio thread", "SlfAudio", kMaxAudioMessageBytes)
 {
 }
 
@@ -51,7 +51,8 @@ bool WebKitAudioServer::Start(const std::string& socketPath)
         stream.pid = pid;
         m_Streams[fd] = stream;
     };
-    handlers.onEvents = [this](int fd, short revents) { return OnEvents(fd, revents); };
+    handlers.onMessage = [this](const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
+                                std::string& error) { return OnMessage(peer, data, size, error); };
     handlers.onClose = [this](int fd) {
         EndStream(m_Streams[fd]);
         m_Streams.erase(fd);
@@ -101,28 +102,68 @@ void WebKitAudioServer::Stop()
     m_Server.Stop();
 }
 
-bool WebKitAudioServer::OnEvents(int fd, short revents)
+bool WebKitAudioServer::OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
+                                  std::string& error)
 {
-    Stream& stream = m_Streams[fd];
+    Stream& stream = m_Streams[peer.fd];
     AudioFrameHeader header = {};
-    uint8_t headerBytes[sizeof(AudioFrameHeader)];
-    bool ok = (revents & POLLIN) && ReadAll(fd, headerBytes, sizeof(headerBytes)) &&
-              DecodeAudioFrameHeader(headerBytes, sizeof(headerBytes), header);
-    if (ok) {
-        m_Payload.resize(header.length);
-        ok = !header.length || ReadAll(fd, m_Payload.data(), header.length);
+    if (!DecodeAudioFrameHeader(data, size, header)) {
+        error = "an audio message of " + std::to_string(size) + " bytes is shorter than its header";
+        return false;
     }
-    if (ok && header.kind == AUDIO_FRAME_START) {
+    const uint8_t* payload = data + sizeof(header);
+    const size_t length = size - sizeof(header);
+
+    switch (header.kind) {
+    case AUDIO_FRAME_PAGE: {
+        uint64_t token = 0;
+        if (length != sizeof(token)) {
+            error = "a page claim of " + std::to_string(length) + " bytes";
+            return false;
+        }
+        std::memcpy(&token, payload, sizeof(token));
+        int holder = 0;
+        if (!m_Port.ClaimPageFromProcess(token, peer.pid, &holder)) {
+            error = holder ? "it claims a page of process " + std::to_string(holder)
+                           : std::string("it claims a page that no view named, beyond the limit of open claims");
+            return false;
+        }
+        break;
+    }
+    case AUDIO_FRAME_START:
+        if (length || !AudioFormatIsValid(header.rate, header.channels, header.bitsPerSample)) {
+            error = "audio format out of range (rate " + std::to_string(header.rate) + ", channels " +
+                    std::to_string(header.channels) + ", bits " + std::to_string(header.bitsPerSample) + ")";
+            return false;
+        }
         EndStream(stream);
-        stream.announced = AudioFrameAnnouncesFormat(header);
+        stream.announced = true;
         stream.rate = header.rate;
         stream.channels = header.channels;
         stream.bits = header.bitsPerSample;
         stream.id = g_nNextStreamId.fetch_add(1);
-    } else if (ok && header.kind == AUDIO_FRAME_STOP) {
+        break;
+    case AUDIO_FRAME_PACKET:
+        if (!stream.announced) {
+            error = "an audio packet outside a stream";
+            return false;
+        }
+        if (length > AudioBytesPerSecond(stream.rate, stream.channels) ||
+            length % (static_cast<size_t>(stream.channels) * (kAudioBitsPerSample / 8)) != 0) {
+            error = "an audio packet of " + std::to_string(length) +
+                    " bytes (more than one second, or not whole sample frames)";
+            return false;
+        }
+        break;
+    case AUDIO_FRAME_STOP:
         EndStream(stream);
+        break;
+    default:
+        error = "an audio message of unknown kind " + std::to_string(header.kind);
+        return false;
     }
-    if (ok && stream.announced && !stream.started) {
+
+    if (stream.announced && !stream.started) {
         // The browser of the process may be known only now.
         stream.view = m_Port.FindViewForProcess(stream.pid);
         if (EngineAudioHandler* handler = HandlerOf(stream)) {
@@ -130,12 +171,11 @@ bool WebKitAudioServer::OnEvents(int fd, short revents)
             stream.started = true;
         }
     }
-    if (ok && header.kind == AUDIO_FRAME_PACKET && stream.started && header.length) {
+    if (header.kind == AUDIO_FRAME_PACKET && stream.started && length) {
         if (EngineAudioHandler* handler = HandlerOf(stream))
-            handler->OnAudioStreamPacket(stream.view, stream.id, m_Payload.data(),
-                                         static_cast<int>(header.length));
+            handler->OnAudioStreamPacket(stream.view, stream.id, payload, static_cast<int>(length));
     }
-    return ok;
+    return true;
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -3,7 +3,9 @@
 // finds the browser by the sending process and calls the client's audio
 // handler: started, packets, stopped. A stream whose browser is not known
 // yet is held back until it is (the web process reports its pages
-// asynchronously).
+// asynchronously, also over this socket). A stream whose format or packets
+// leave the sane ranges, or a process that claims another's page, loses
+// its connection.
 #pragma once
 
 #include "engine/wpe/WebKitSocketServer.h"
@@ -53,15 +55,13 @@ public:
     };
 
 private:
-    bool OnEvents(int fd, short revents);
+    bool OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error);
 
     WebKitEnginePort& m_Port;
     WebKitSocketServer m_Server;
 
     // Audio-thread state: the streams by connection.
     std::map<int, Stream> m_Streams;
-    std::vector<uint8_t> m_Payload;
-
     // Work for the audio thread from other threads. Lock order: a leaf lock.
     std::mutex m_JobMutex;
     std::deque<std::function<void()>> m_Jobs;

@@ -266,10 +266,24 @@ std::shared_ptr<WebKitView> WebKitEnginePort::FindViewForProcess(int pid)
     return found == m_Processes.end() ? nullptr : found->second.lock();
 }
 
-void WebKitEnginePort::RegisterProcess(int pid, const std::shared_ptr<WebKitView>& view)
+void WebKitEnginePort::ClaimPageFromView(uint64_t token, const std::shared_ptr<WebKitView>& view)
 {
     std::lock_guard<std::mutex> lock(m_PageMutex);
-    m_Processes[pid] = view;
+    if (const int pid = m_Claims.FromView(token, view))
+        m_Processes[pid] = view;
+}
+
+bool WebKitEnginePort::ClaimPageFromProcess(uint64_t token, int pid, int* holder)
+{
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    std::shared_ptr<WebKitView> view;
+    if (!m_Claims.FromProcess(token, pid, &view)) {
+        *holder = m_Claims.HolderOf(token);
+        return false;
+    }
+    if (view)
+        m_Processes[pid] = view;
+    return true;
 }
 
 std::vector<int> WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
@@ -282,6 +296,7 @@ std::vector<int> WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
             pids.push_back(entry.first);
         return !known || known.get() == view;
     });
+    m_Claims.Forget(view);
     return pids;
 }
 

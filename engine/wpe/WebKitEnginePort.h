@@ -7,6 +7,7 @@
 #pragma once
 
 #include "engine/port/EnginePort.h"
+#include "engine/wpe/WebKitPageClaims.h"
 
 #include <glib.h>
 
@@ -78,9 +79,14 @@ public:
     void RegisterPage(uint64_t pageId, const std::shared_ptr<WebKitView>& view);
     void UnregisterPage(uint64_t pageId);
     // The view whose page a web process shows, from any thread (the most
-    // recent report wins); null when none is known.
+    // recent claim wins); null when none is known.
     std::shared_ptr<WebKitView> FindViewForProcess(int pid);
-    void RegisterProcess(int pid, const std::shared_ptr<WebKitView>& view);
+    // The two halves of a page claim (see WebKitPageClaims): the view's,
+    // and the process's with the pid from its socket's credentials. The
+    // latter is false when the claim is refused; *holder then names the
+    // process that holds the token (0 when the claims are full).
+    void ClaimPageFromView(uint64_t token, const std::shared_ptr<WebKitView>& view);
+    bool ClaimPageFromProcess(uint64_t token, int pid, int* holder);
     // Forgets the processes known to show the view's page; returns them.
     std::vector<int> UnregisterProcessesOf(const WebKitView* view);
     // Null when resource requests are not offered to the clients.
@@ -124,6 +130,7 @@ private:
     std::mutex m_PageMutex;
     std::map<uint64_t, std::weak_ptr<WebKitView>> m_Pages;
     std::map<int, std::weak_ptr<WebKitView>> m_Processes;
+    WebKitPageClaims<WebKitView> m_Claims;
 
     std::atomic<bool> m_bRunning{false};
     std::atomic<int> m_nNextBrowserId{1};

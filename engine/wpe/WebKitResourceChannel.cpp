@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -45,11 +46,21 @@ bool ReadAll(int fd, void* data, size_t size)
     return true;
 }
 
+bool WriteFrame(int fd, const void* head, size_t headSize, const void* body, size_t bodySize)
+{
+    if (headSize + bodySize > UINT32_MAX)
+        return false;
+    const uint32_t length = static_cast<uint32_t>(headSize + bodySize);
+    return WriteAll(fd, &length, sizeof(length)) && (!headSize || WriteAll(fd, head, headSize)) &&
+           (!bodySize || WriteAll(fd, body, bodySize));
+}
+
 bool WriteResourceFrame(int fd, GVariant* value)
 {
     g_variant_ref_sink(value);
     // The serialised form, taken as it is (storing it behind the length
-    // would misalign it).
+    // would misalign it); one write, so that a non-blocking peer gets the
+    // frame whole or not at all when its buffer is full.
     const gsize size = g_variant_get_size(value);
     std::vector<uint8_t> frame(sizeof(uint32_t) + size);
     const uint32_t length = static_cast<uint32_t>(size);

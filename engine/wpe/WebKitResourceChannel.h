@@ -40,6 +40,10 @@ int ConnectToUnixSocket(const std::string& name);
 bool PeerIsSameUser(int fd, int* pid = nullptr);
 // Reads exactly size bytes (blocking); false when the peer is gone first.
 bool ReadAll(int fd, void* data, size_t size);
+// Writes one message of the engine's sockets: a 4-byte length in host order
+// and then head and body (either may be empty); false when the peer is gone
+// or, on a non-blocking socket, would not take it now.
+bool WriteFrame(int fd, const void* head, size_t headSize, const void* body = nullptr, size_t bodySize = 0);
 
 // Writes value (sunk if floating) as one frame; false when the peer is gone.
 bool WriteResourceFrame(int fd, GVariant* value);

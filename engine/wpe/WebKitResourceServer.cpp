@@ -7,8 +7,6 @@
 #include <libsoup/soup.h>
 #include <wpe/webkit.h>
 
-#include <poll.h>
-
 #include <algorithm>
 
 namespace SLF_ChromiumEmbeddedFramework {
@@ -92,7 +90,7 @@ void FinishRequest(WebKitURISchemeRequest* request, ResourceResult& result)
 } // namespace
 
 WebKitResourceServer::WebKitResourceServer(WebKitEnginePort& port)
-    : m_Port(port), m_Server("WebKitResourceServer", "resource thread", "SlfResources")
+    : m_Port(port), m_Server("WebKitResourceServer", "resource thread", "SlfResources", kMaxFrameBytes)
 {
 }
 
@@ -104,7 +102,8 @@ WebKitResourceServer::~WebKitResourceServer()
 bool WebKitResourceServer::Start(const std::string& socketPath)
 {
     WebKitSocketServer::Handlers handlers;
-    handlers.onEvents = [this](int fd, short revents) { return OnEvents(fd, revents); };
+    handlers.onMessage = [this](const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
+                                std::string& error) { return OnMessage(peer, data, size, error); };
     handlers.onWake = [this] { RunJobs(); };
     return m_Server.Start(socketPath, std::move(handlers));
 }
@@ -152,17 +151,25 @@ void WebKitResourceServer::RunJobs()
         job();
 }
 
-bool WebKitResourceServer::OnEvents(int fd, short revents)
+bool WebKitResourceServer::OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
+                                     std::string& error)
 {
-    GVariant* question = (revents & POLLIN) ? ReadResourceFrame(fd, kQuestionType) : nullptr;
-    if (!question)
+    GVariant* question = DecodeResourceFrame(data, size, kQuestionType);
+    if (!question) {
+        error = "a resource question that is not one";
         return false;
+    }
     guint64 pageId = 0;
     const gchar* url = nullptr;
     g_variant_get(question, "(t&s)", &pageId, &url);
     const uint64_t identifier = Answer(pageId, url);
     g_variant_unref(question);
-    return WriteResourceFrame(fd, g_variant_new(kAnswerType, static_cast<guint64>(identifier)));
+    // The socket does not block: a process that leaves its answers unread
+    // until its buffer is full is cut off.
+    if (WriteResourceFrame(peer.fd, g_variant_new(kAnswerType, static_cast<guint64>(identifier))))
+        return true;
+    error = "the answer could not be sent";
+    return false;
 }
 
 uint64_t WebKitResourceServer::Answer(uint64_t pageId, const std::string& url)

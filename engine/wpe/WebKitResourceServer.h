@@ -55,7 +55,7 @@ private:
     };
 
     void RunJobs();
-    bool OnEvents(int fd, short revents);
+    bool OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error);
     void Queue(std::function<void()> job);
     uint64_t Answer(uint64_t pageId, const std::string& url);
     void Serve(uint64_t identifier, WebKitURISchemeRequest* request);

@@ -4,20 +4,48 @@
 #include "engine/wpe/WebKitResourceChannel.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-WebKitSocketServer::WebKitSocketServer(const char* owner, const char* role, const char* threadName)
-    : m_szOwner(owner), m_szRole(role), m_szThreadName(threadName)
+namespace {
+
+constexpr size_t kLengthBytes = sizeof(uint32_t);
+// One read per connection and poll pass: a peer that sends without pause
+// cannot keep the thread from the others.
+constexpr size_t kReadChunk = 64 * 1024;
+
+int64_t NowMs()
+{
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+} // namespace
+
+struct WebKitSocketServer::Connection {
+    int fd = -1;
+    int pid = 0;
+    // Bytes received and not yet handed over: the start of a message.
+    std::vector<uint8_t> buffer;
+    // When the half-sent message in buffer must be whole; 0 when none is.
+    int64_t deadline = 0;
+};
+
+WebKitSocketServer::WebKitSocketServer(const char* owner, const char* role, const char* threadName,
+                                       size_t maxMessageBytes)
+    : m_szOwner(owner), m_szRole(role), m_szThreadName(threadName), m_nMaxMessageBytes(maxMessageBytes)
 {
 }
 
@@ -35,6 +63,8 @@ bool WebKitSocketServer::Start(const std::string& socketPath, Handlers handlers)
         return false;
     }
     m_strSocketPath = socketPath;
+    // A connection that vanished between poll and accept must not block.
+    fcntl(m_nListenFd, F_SETFL, fcntl(m_nListenFd, F_GETFL) | O_NONBLOCK);
     m_nWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (m_nWakeFd < 0) {
         Stop();
@@ -59,6 +89,8 @@ void WebKitSocketServer::Stop()
         close(m_nListenFd);
     if (m_nWakeFd >= 0)
         close(m_nWakeFd);
+    if (!m_strSocketPath.empty() && m_strSocketPath[0] != '@')
+        unlink(m_strSocketPath.c_str());
     m_nListenFd = m_nWakeFd = -1;
     m_strSocketPath.clear();
 }
@@ -72,23 +104,78 @@ bool WebKitSocketServer::Wake()
     return false;
 }
 
+bool WebKitSocketServer::Receive(Connection& connection, std::string& error, bool& peerEnded)
+{
+    const size_t had = connection.buffer.size();
+    connection.buffer.resize(had + kReadChunk);
+    ssize_t got;
+    do
+        got = read(connection.fd, connection.buffer.data() + had, kReadChunk);
+    while (got < 0 && errno == EINTR);
+    connection.buffer.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    if (got < 0)
+        return errno == EAGAIN || errno == EWOULDBLOCK;
+    if (got == 0) {
+        // A peer that ends mid-message (a crash, say) ends quietly.
+        peerEnded = true;
+        return false;
+    }
+
+    size_t used = 0;
+    bool handed = false;
+    const Peer peer{connection.fd, connection.pid};
+    while (connection.buffer.size() - used >= kLengthBytes) {
+        uint32_t length = 0;
+        std::memcpy(&length, connection.buffer.data() + used, kLengthBytes);
+        if (length > m_nMaxMessageBytes) {
+            error = "a message of " + std::to_string(length) + " bytes is over the limit of " +
+                    std::to_string(m_nMaxMessageBytes);
+            return false;
+        }
+        if (connection.buffer.size() - used < kLengthBytes + length)
+            break;
+        if (!m_Handlers.onMessage(peer, connection.buffer.data() + used + kLengthBytes, length, error))
+            return false;
+        used += kLengthBytes + length;
+        handed = true;
+    }
+    connection.buffer.erase(connection.buffer.begin(), connection.buffer.begin() + static_cast<std::ptrdiff_t>(used));
+    if (connection.buffer.empty()) {
+        connection.deadline = 0;
+        connection.buffer.shrink_to_fit();
+    } else if (handed || !connection.deadline) {
+        // A new message started: its time starts now.
+        connection.deadline = NowMs() + m_nHalfMessageMs;
+    }
+    return true;
+}
+
 void WebKitSocketServer::ThreadMain()
 {
     pthread_setname_np(pthread_self(), m_szThreadName);
-    std::vector<int> clients;
-    auto end = [this, &clients](int fd) {
+    std::vector<Connection> connections;
+    bool fullLogged = false;
+    auto end = [this](Connection& connection, const std::string& error) {
+        if (!error.empty())
+            NSLog("%s - process %d cut off: %s", m_szOwner, connection.pid, error.c_str());
         if (m_Handlers.onClose)
-            m_Handlers.onClose(fd);
-        close(fd);
-        std::erase(clients, fd);
+            m_Handlers.onClose(connection.fd);
+        close(connection.fd);
+        connection.fd = -1;
     };
+    std::vector<pollfd> fds;
     while (!m_bStop.load()) {
-        std::vector<pollfd> fds;
+        fds.clear();
         fds.push_back({m_nWakeFd, POLLIN, 0});
         fds.push_back({m_nListenFd, POLLIN, 0});
-        for (int fd : clients)
-            fds.push_back({fd, POLLIN, 0});
-        if (poll(fds.data(), fds.size(), -1) < 0) {
+        int64_t nearest = 0;
+        for (const Connection& connection : connections) {
+            fds.push_back({connection.fd, POLLIN, 0});
+            if (connection.deadline && (!nearest || connection.deadline < nearest))
+                nearest = connection.deadline;
+        }
+        const int timeout = nearest ? static_cast<int>(std::max<int64_t>(0, nearest - NowMs())) : -1;
+        if (poll(fds.data(), fds.size(), timeout) < 0) {
             if (errno == EINTR)
                 continue;
             NSLog("%s - poll failed: %s", m_szOwner, strerror(errno));
@@ -103,24 +190,41 @@ void WebKitSocketServer::ThreadMain()
             if (m_Handlers.onWake)
                 m_Handlers.onWake();
         }
+        // The connections polled are the first fds.size() - 2 entries;
+        // one accepted now waits for the next pass.
+        const size_t polled = fds.size() - 2;
         if (fds[1].revents & POLLIN) {
-            const int client = accept4(m_nListenFd, nullptr, nullptr, SOCK_CLOEXEC);
+            const int client = accept4(m_nListenFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
             int pid = 0;
-            if (client >= 0 && PeerIsSameUser(client, &pid)) {
-                clients.push_back(client);
+            if (client >= 0 && connections.size() >= kMaxConnections) {
+                if (!fullLogged)
+                    NSLog("%s - %zu connections are open; refusing more", m_szOwner, connections.size());
+                fullLogged = true;
+                close(client);
+            } else if (client >= 0 && PeerIsSameUser(client, &pid)) {
+                fullLogged = false;
+                connections.push_back({client, pid, {}, 0});
                 if (m_Handlers.onAccept)
                     m_Handlers.onAccept(client, pid);
             } else if (client >= 0) {
                 close(client);
             }
         }
-        for (size_t i = 2; i < fds.size(); ++i) {
-            if (fds[i].revents && !m_Handlers.onEvents(fds[i].fd, fds[i].revents))
-                end(fds[i].fd);
+        const int64_t now = NowMs();
+        for (size_t i = 0; i < polled; ++i) {
+            Connection& connection = connections[i];
+            std::string error;
+            bool peerEnded = false;
+            if (fds[i + 2].revents && !Receive(connection, error, peerEnded))
+                end(connection, error);
+            else if (connection.deadline && now >= connection.deadline)
+                end(connection, "a message stayed half-sent for more than " + std::to_string(m_nHalfMessageMs) +
+                                    " ms");
         }
+        std::erase_if(connections, [](const Connection& connection) { return connection.fd < 0; });
     }
-    while (!clients.empty())
-        end(clients.front());
+    for (Connection& connection : connections)
+        end(connection, std::string());
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

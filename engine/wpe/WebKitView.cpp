@@ -905,11 +905,10 @@ bool WebKitView::OnUserMessage(WebKitUserMessage* userMessage)
     // this is the port's own business, not the client's.
     if (name && std::strcmp(name, kPageProcessMessage) == 0) {
         GVariant* parameters = webkit_user_message_get_parameters(userMessage);
-        gint32 pid = 0;
-        if (parameters && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(i)")))
-            g_variant_get(parameters, "(i)", &pid);
-        if (pid > 0)
-            m_Port.RegisterProcess(pid, shared_from_this());
+        guint64 token = 0;
+        if (parameters && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(t)")))
+            g_variant_get(parameters, "(t)", &token);
+        m_Port.ClaimPageFromView(token, shared_from_this());
         return true;
     }
     std::string error;

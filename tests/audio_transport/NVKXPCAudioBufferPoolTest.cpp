@@ -5,7 +5,11 @@
 #include <fcntl.h>
 #include <set>
 #include <string>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -16,7 +20,7 @@
 
 namespace {
 
-// A sending pool whose segment name is removed at the end (a receiver would unlink it).
+// A sending pool in the stream format (its segment goes with it).
 struct SendingPool {
     std::shared_ptr<NVKXPCAudioBufferPool> pool;
     SendingPool(uint64_t size, uint64_t count) : pool(NVKXPCAudioBufferPool::initWithBufferSize(size, count))
@@ -25,7 +29,6 @@ struct SendingPool {
         pool->setChannelCount(2);
         pool->setBitsPerSample(16);
     }
-    ~SendingPool() { shm_unlink(pool->shmemName().c_str()); }
     NVKXPCAudioBufferPool* operator->() { return pool.get(); }
 };
 
@@ -164,7 +167,9 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
     EXPECT_EQ(held->mutableBytes(), nullptr);
     receiver.reset();
     EXPECT_EQ(returns, 2);
-    EXPECT_FALSE(SegmentExists(sender->shmemName()));
+    // The receiver leaves the name to its creator (another host may not have
+    // opened it yet).
+    EXPECT_TRUE(SegmentExists(sender->shmemName()));
 
     // A segment shorter than its record claims.
     const int fd = shm_open("NVKXPCABN_0x5eed", O_RDWR | O_CREAT, 0600);
@@ -183,8 +188,77 @@ TEST(NVKXPCAudioBufferPoolDeathTest, SendingPoolCannotAdoptReceivedBuffers)
     // The dying process made a segment of its own: remove its name first.
     EXPECT_DEATH(
         {
-            shm_unlink(pool->shmemName().c_str());
+            NVKXPCAudioBufferPool::unlinkAllSegments();
             pool->receivedBuffer(buffer, [] {});
         },
         "NVKXPCAudioBuffer:357: !isXPCService");
+}
+
+// Segments are private to the user, reserved whole at creation, and their
+// names go with the creating pool or when the process ends; receivers map
+// them but never unlink.
+TEST(NVKXPCAudioBufferPool, SegmentsArePrivateReservedAndUnlinkedByTheirCreator)
+{
+    auto first = NVKXPCAudioBufferPool::initWithBufferSize(3840, 200);
+    auto second = NVKXPCAudioBufferPool::initWithBufferSize(64, 4);
+    ASSERT_TRUE(first && second);
+    struct stat status = {};
+    ASSERT_EQ(stat(("/dev/shm/" + first->shmemName()).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600u);
+    EXPECT_GE(static_cast<uint64_t>(status.st_blocks) * 512, first->shmemSize()) << "the space was not reserved";
+
+    auto host = NVKXPCAudioBufferPool::initWithRecord(first->encodeRecord());
+    auto otherHost = NVKXPCAudioBufferPool::initWithRecord(first->encodeRecord());
+    ASSERT_TRUE(host && otherHost);
+    host.reset();
+    EXPECT_TRUE(SegmentExists(first->shmemName()));
+    const std::string firstName = first->shmemName();
+    first.reset();
+    EXPECT_FALSE(SegmentExists(firstName));
+    // A host that still maps the segment reads on.
+    ASSERT_NE(otherHost->mappedMemory(), nullptr);
+    EXPECT_EQ(static_cast<const uint8_t*>(otherHost->mappedMemory())[767999], 0);
+
+    // At exit every live segment goes; the pools themselves still work.
+    NVKXPCAudioBufferPool::unlinkAllSegments();
+    EXPECT_FALSE(SegmentExists(second->shmemName()));
+    auto buffer = second->bufferFromPool();
+    ASSERT_TRUE(buffer);
+    buffer->appendBytes("pcm", 3);
+    EXPECT_EQ(buffer->length(), 3u);
+}
+
+// A /dev/shm too full for a pool gives no pool and a log line, never a
+// fault in a later copy; smaller pools still fit. Runs in a child with a
+// private mount namespace holding a 64 KiB /dev/shm.
+TEST(NVKXPCAudioBufferPool, FullSharedMemoryGivesNoPool)
+{
+    constexpr int kCannotMount = 77;
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            mount("tmpfs", "/dev/shm", "tmpfs", MS_NOSUID | MS_NODEV, "size=64k,mode=1777") != 0)
+            _exit(kCannotMount);
+        auto big = NVKXPCAudioBufferPool::initWithBufferSize(3840, 200); // 768000 bytes
+        auto small = NVKXPCAudioBufferPool::initWithBufferSize(3840, 4);
+        bool ok = !big && small;
+        // Filling most of the rest leaves room for no other pool of that size.
+        auto filler = NVKXPCAudioBufferPool::initWithBufferSize(4096, 10);
+        auto another = NVKXPCAudioBufferPool::initWithBufferSize(3840, 4);
+        ok = ok && filler && !another;
+        if (small) {
+            auto slot = small->bufferFromPool();
+            std::vector<uint8_t> pcm(3840, 7);
+            slot->appendBytes(pcm.data(), pcm.size());
+            ok = ok && slot->length() == 3840;
+        }
+        _exit(ok ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == kCannotMount)
+        GTEST_SKIP() << "no private mount namespace here (needs CAP_SYS_ADMIN)";
+    ASSERT_TRUE(WIFEXITED(status)) << "the child died of signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }

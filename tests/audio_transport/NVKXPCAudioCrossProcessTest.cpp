@@ -145,6 +145,8 @@ TEST(NVKXPCAudioCrossProcess, SlotsTravelToAnotherProcessAndComeBack)
     peer.Send('E');
     ASSERT_EQ(peer.Receive(), "D\n");
     EXPECT_EQ(peer.Wait(), 0);
-    EXPECT_EQ(shm_open(pool->shmemName().c_str(), O_RDONLY, 0600), -1);
+    const std::string name = pool->shmemName();
+    pool.reset();
+    EXPECT_EQ(shm_open(name.c_str(), O_RDONLY, 0600), -1);
     EXPECT_EQ(errno, ENOENT);
 }

@@ -11,8 +11,6 @@
 #include <gst/base/gstbasesink.h>
 #include <gst/gst.h>
 
-#include <errno.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -45,29 +43,14 @@ G_DEFINE_TYPE(SlfAudioSink, slf_audio_sink, GST_TYPE_BASE_SINK)
 GstStaticPadTemplate s_SinkTemplate = GST_STATIC_PAD_TEMPLATE(
     "sink", GST_PAD_SINK, GST_PAD_ALWAYS,
     GST_STATIC_CAPS("audio/x-raw, format=(string)S16LE, layout=(string)interleaved, "
-                    "rate=(int)[1, 384000], channels=(int)[1, 32]"));
-
-bool SendAll(int fd, const void* data, size_t size)
-{
-    const auto* bytes = static_cast<const uint8_t*>(data);
-    while (size > 0) {
-        const ssize_t sent = send(fd, bytes, size, MSG_NOSIGNAL);
-        if (sent < 0 && errno == EINTR)
-            continue;
-        if (sent <= 0)
-            return false;
-        bytes += sent;
-        size -= static_cast<size_t>(sent);
-    }
-    return true;
-}
+                    "rate=(int)[8000, 384000], channels=(int)[1, 32]"));
 
 bool SendFrame(SlfAudioSink* sink, AudioFrameKind kind, const void* payload, uint32_t length)
 {
     if (sink->fd < 0)
         return false;
-    AudioFrameHeader header = {kind, length, sink->rate, sink->channels, 16, 0};
-    if (SendAll(sink->fd, &header, sizeof(header)) && (!length || SendAll(sink->fd, payload, length)))
+    const AudioFrameHeader header = {kind, sink->rate, sink->channels, kAudioBitsPerSample};
+    if (WriteFrame(sink->fd, &header, sizeof(header), payload, length))
         return true;
     // The service went away: the page plays on, unheard.
     close(sink->fd);
@@ -132,8 +115,10 @@ GstFlowReturn Render(GstBaseSink* base, GstBuffer* buffer)
     GstMapInfo map;
     if (!gst_buffer_map(buffer, &map, GST_MAP_READ))
         return GST_FLOW_OK;
-    for (gsize offset = 0; offset < map.size && sink->fd >= 0; offset += kMaxAudioPacketBytes) {
-        const gsize length = std::min<gsize>(map.size - offset, kMaxAudioPacketBytes);
+    // The service takes at most one second per packet (whole frames).
+    const gsize second = AudioBytesPerSecond(sink->rate, sink->channels);
+    for (gsize offset = 0; offset < map.size && sink->fd >= 0; offset += second) {
+        const gsize length = std::min<gsize>(map.size - offset, second);
         SendFrame(sink, AUDIO_FRAME_PACKET, map.data + offset, static_cast<uint32_t>(length));
     }
     gst_buffer_unmap(buffer, &map);

@@ -13,9 +13,11 @@
 
 #include <wpe/webkit-web-extension.h>
 
+#include <sys/random.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <memory>
 
@@ -30,6 +32,9 @@ struct WebProcessState {
     std::map<guint64, std::shared_ptr<WebPageBrowser>> pages;
     // Present when the service offers resource requests to its clients.
     std::unique_ptr<WebResourceFilter> resourceFilter;
+    // The connection to the service's audio thread that carries the page
+    // claims; -1 until the first page.
+    int claimFd = -1;
 };
 
 WebProcessState* g_pState = nullptr;
@@ -63,6 +68,37 @@ void OnPageGone(gpointer id, GObject*)
     delete static_cast<guint64*>(id);
 }
 
+// The service learns which process shows the page, to find the browser that
+// this process's audio belongs to (also after a process swap): one random
+// token goes to the page's view and, over the audio socket, to the audio
+// thread, which knows this process by the socket's credentials.
+void ClaimPage(WebKitWebPage* page)
+{
+    guint64 token = 0;
+    while (!token) {
+        if (getrandom(&token, sizeof(token), 0) != static_cast<ssize_t>(sizeof(token)))
+            token = (static_cast<guint64>(g_random_int()) << 32) | g_random_int();
+    }
+    webkit_web_page_send_message_to_view(page, webkit_user_message_new(kPageProcessMessage, g_variant_new("(t)", token)),
+                                         nullptr, nullptr, nullptr);
+    const char* socketName = std::getenv(kAudioSocketVariable);
+    if (!socketName || !*socketName)
+        return;
+    const AudioFrameHeader header = {AUDIO_FRAME_PAGE, 0, 0, 0};
+    // One retry covers a connection the service dropped in between.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (g_pState->claimFd < 0)
+            g_pState->claimFd = ConnectToUnixSocket(socketName);
+        if (g_pState->claimFd >= 0 && WriteFrame(g_pState->claimFd, &header, sizeof(header), &token, sizeof(token)))
+            return;
+        if (g_pState->claimFd >= 0)
+            close(g_pState->claimFd);
+        g_pState->claimFd = -1;
+    }
+    std::fprintf(stderr, "slf web process %d: the service's audio thread is out of reach; page audio goes unheard\n",
+                 static_cast<int>(getpid()));
+}
+
 void OnPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer)
 {
     const guint64 id = webkit_web_page_get_id(page);
@@ -71,11 +107,7 @@ void OnPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer)
     g_signal_connect(page, "user-message-received", G_CALLBACK(OnPageMessage), nullptr);
     if (g_pState->resourceFilter)
         g_pState->resourceFilter->Attach(page);
-    // The service learns which process shows the page, to find the browser
-    // that this process's audio belongs to (also after a process swap).
-    webkit_web_page_send_message_to_view(
-        page, webkit_user_message_new(kPageProcessMessage, g_variant_new("(i)", static_cast<gint32>(getpid()))),
-        nullptr, nullptr, nullptr);
+    ClaimPage(page);
 }
 
 } // namespace
