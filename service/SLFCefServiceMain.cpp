@@ -171,6 +171,9 @@ int SLFCefServiceMain(int argc, char** argv)
     SLFCefReleaseServiceSocket(socket);
     // Audio segments are named in /dev/shm: they would outlive the process.
     NVKXPCAudioBufferPool::unlinkAllSegments();
+#if SLF_HAVE_WPE_ENGINE
+    SLF_ChromiumEmbeddedFramework::WebKitEnginePort::RemoveSocketFolder();
+#endif
     fflush(nullptr);
     _exit(0);
 }

@@ -1,6 +1,7 @@
 #include "engine/wpe/WebKitEnginePort.h"
 
 #include "dbg/NSLog.h"
+#include "engine/CBrowserApp.h"
 #include "engine/wpe/WebKitAudioServer.h"
 #include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitResourceChannel.h"
@@ -58,7 +59,65 @@ std::string ExecutableDirectory()
     return DirectoryOf(path);
 }
 
+// The folder of the engine's path sockets (sandboxed web processes cannot
+// reach abstract ones: they have a network namespace of their own); empty
+// while the sockets are abstract. One engine per process.
+std::string g_strSocketFolder;
+
+// Whether bubblewrap can make the namespaces of WebKit's web-process
+// sandbox on this machine; why not otherwise.
+bool SandboxWorksHere(std::string& why)
+{
+    // WebKit itself never uses bubblewrap inside these (it would not work
+    // in many of them), whatever the context asks for.
+    for (const char* marker : {"/.dockerenv", "/.flatpak-info"}) {
+        if (g_file_test(marker, G_FILE_TEST_EXISTS)) {
+            why = std::string("WebKit does not use bubblewrap in this container (") + marker + " exists)";
+            return false;
+        }
+    }
+    for (const char* program : {"bwrap", "xdg-dbus-proxy"}) {
+        gchar* path = g_find_program_in_path(program);
+        if (!path) {
+            why = std::string(program) + " is not installed";
+            return false;
+        }
+        g_free(path);
+    }
+    const gchar* argv[] = {"bwrap", "--unshare-all", "--die-with-parent", "--ro-bind", "/", "/", "--dev", "/dev",
+                           "--proc", "/proc", "true", nullptr};
+    gchar* errors = nullptr;
+    gint status = 0;
+    GError* error = nullptr;
+    bool works = g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr,
+                              static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL), nullptr,
+                              nullptr, nullptr, &errors, &status, &error);
+    if (!works) {
+        why = std::string("bwrap does not start: ") + error->message;
+        g_error_free(error);
+    } else if (!g_spawn_check_wait_status(status, nullptr)) {
+        works = false;
+        std::string message = errors ? errors : "";
+        if (const size_t end = message.find('\n'); end != std::string::npos)
+            message.resize(end);
+        why = "bwrap cannot make its namespaces here (" + (message.empty() ? std::string("no reason given") : message) +
+              ")";
+    }
+    g_free(errors);
+    return works;
+}
+
 } // namespace
+
+void WebKitEnginePort::RemoveSocketFolder()
+{
+    if (g_strSocketFolder.empty())
+        return;
+    for (const char* name : {"/resources", "/audio"})
+        unlink((g_strSocketFolder + name).c_str());
+    rmdir(g_strSocketFolder.c_str());
+    g_strSocketFolder.clear();
+}
 
 // The GSource that runs queued tasks on the engine context.
 struct TaskSource {
@@ -94,6 +153,7 @@ WebKitEnginePort::~WebKitEnginePort()
         m_pResourceServer->Stop();
     if (m_pAudioServer)
         m_pAudioServer->Stop();
+    RemoveSocketFolder();
     for (auto& entry : m_ExtraInitValues)
         g_variant_unref(entry.second);
 }
@@ -172,11 +232,34 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     g_source_set_name(m_pTaskSource, "SlfEngineTasks");
     g_source_attach(m_pTaskSource, m_pMainContext);
 
-    // The resource and audio threads listen on abstract addresses unique to
-    // this process.
-    gchar* token = g_uuid_string_random();
-    const std::string socketBase = "@slf-engine-" + std::to_string(getpid()) + "-" + token;
-    g_free(token);
+    // Web processes run in WebKit's bubblewrap sandbox where the machine
+    // can make its namespaces. Sandboxed, they have a network namespace of
+    // their own, so the resource and audio threads listen on path sockets
+    // in a private folder that the sandbox shows them; otherwise on
+    // abstract addresses unique to this process.
+    std::string why;
+    m_bSandboxed = SandboxWorksHere(why);
+    if (!m_bSandboxed)
+        NSLog("WebKitEnginePort::Initialize - web processes run without a sandbox: %s", why.c_str());
+    std::string socketBase;
+    if (m_bSandboxed) {
+        GError* error = nullptr;
+        gchar* folder = g_dir_make_tmp("slf-engine-XXXXXX", &error);
+        if (folder) {
+            socketBase = g_strSocketFolder = folder;
+            g_free(folder);
+        } else {
+            NSLog("WebKitEnginePort::Initialize - web processes run without a sandbox: no folder for the sockets: %s",
+                  error->message);
+            g_error_free(error);
+            m_bSandboxed = false;
+        }
+    }
+    if (socketBase.empty()) {
+        gchar* token = g_uuid_string_random();
+        socketBase = "@slf-engine-" + std::to_string(getpid()) + "-" + token;
+        g_free(token);
+    }
 
     // Resource requests of every page are offered to the clients through
     // the resource thread; the web processes learn its socket.
@@ -204,7 +287,13 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     }
 
     m_pWebContext = webkit_web_context_new_ephemeral();
-    webkit_web_context_set_sandbox_enabled(m_pWebContext, FALSE);
+    webkit_web_context_set_sandbox_enabled(m_pWebContext, m_bSandboxed);
+    if (m_bSandboxed) {
+        // What our web processes load and reach from inside the sandbox,
+        // read-only: the extension, the audio sink and the sockets.
+        for (const std::string& path : {m_strExtensionFolder, m_strModuleFolder + "/gstreamer-1.0", socketBase})
+            webkit_web_context_add_path_to_sandbox(m_pWebContext, path.c_str(), TRUE);
+    }
     // One page per view and no page kept for later: a closed view's web
     // process ends instead of waiting in a cache.
     webkit_web_context_set_cache_model(m_pWebContext, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
@@ -284,6 +373,18 @@ bool WebKitEnginePort::ClaimPageFromProcess(uint64_t token, int pid, int* holder
     if (view)
         m_Processes[pid] = view;
     return true;
+}
+
+void WebKitEnginePort::CorrectProcessId(const WebKitView& view, EngineProcessMessage& message)
+{
+    if (!m_bSandboxed || message.GetName() != kResponseGetRenderProcessId || !message.HasArgumentList() ||
+        message.GetArgumentList().empty() || !std::holds_alternative<int>(message.GetArgumentList()[0]))
+        return;
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    for (const auto& [pid, known] : m_Processes) {
+        if (known.lock().get() == &view)
+            message.GetArgumentList()[0] = pid;
+    }
 }
 
 std::vector<int> WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
@@ -427,6 +528,7 @@ void WebKitEnginePort::Shutdown()
         m_pResourceServer->Stop();
     if (m_pAudioServer)
         m_pAudioServer->Stop();
+    RemoveSocketFolder();
 
     if (m_pWebContext) {
         g_signal_handlers_disconnect_by_data(m_pWebContext, this);
@@ -492,30 +594,50 @@ std::vector<int> WebKitEnginePort::RunningWebProcesses()
 std::vector<std::pair<int, bool>> WebKitEnginePort::RunningEngineProcesses()
 {
     std::vector<std::pair<int, bool>> result;
-    DIR* tasks = opendir("/proc/self/task");
-    if (!tasks)
-        return result;
-    while (struct dirent* entry = readdir(tasks)) {
-        if (entry->d_name[0] == '.')
-            continue;
-        std::ifstream children(std::string("/proc/self/task/") + entry->d_name + "/children");
-        int pid = 0;
-        while (children >> pid) {
-            std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-            std::string line;
-            std::getline(stat, line);
-            // "pid (comm) state ...": the engine's helpers are named WPE...
-            const size_t open = line.find('(');
-            const size_t close = line.rfind(')');
-            if (open == std::string::npos || close == std::string::npos || close + 2 >= line.size())
+    // The children of a process, over all its threads.
+    auto childrenOf = [](const std::string& process) {
+        std::vector<int> children;
+        DIR* tasks = opendir(("/proc/" + process + "/task").c_str());
+        if (!tasks)
+            return children;
+        while (struct dirent* entry = readdir(tasks)) {
+            if (entry->d_name[0] == '.')
                 continue;
-            const std::string comm = line.substr(open + 1, close - open - 1);
-            const char state = line[close + 2];
-            if (comm.rfind("WPE", 0) == 0 && state != 'Z' && state != 'X')
-                result.emplace_back(pid, comm.rfind("WPENetwork", 0) == 0);
+            std::ifstream list("/proc/" + process + "/task/" + entry->d_name + "/children");
+            int pid = 0;
+            while (list >> pid)
+                children.push_back(pid);
+        }
+        closedir(tasks);
+        return children;
+    };
+    // The engine's helpers are named WPE...; sandboxed ones run below one
+    // or two bubblewrap processes, which are searched too.
+    std::vector<std::pair<int, int>> pending; // pid, depth
+    for (int pid : childrenOf("self"))
+        pending.emplace_back(pid, 0);
+    while (!pending.empty()) {
+        const auto [pid, depth] = pending.back();
+        pending.pop_back();
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string line;
+        std::getline(stat, line);
+        // "pid (comm) state ..."
+        const size_t open = line.find('(');
+        const size_t close = line.rfind(')');
+        if (open == std::string::npos || close == std::string::npos || close + 2 >= line.size())
+            continue;
+        const std::string comm = line.substr(open + 1, close - open - 1);
+        const char state = line[close + 2];
+        if (state == 'Z' || state == 'X')
+            continue;
+        if (comm.rfind("WPE", 0) == 0) {
+            result.emplace_back(pid, comm.rfind("WPENetwork", 0) == 0);
+        } else if (comm == "bwrap" && depth < 3) {
+            for (int child : childrenOf(std::to_string(pid)))
+                pending.emplace_back(child, depth + 1);
         }
     }
-    closedir(tasks);
     return result;
 }
 

@@ -89,12 +89,23 @@ public:
     bool ClaimPageFromProcess(uint64_t token, int pid, int* holder);
     // Forgets the processes known to show the view's page; returns them.
     std::vector<int> UnregisterProcessesOf(const WebKitView* view);
+    // A sandboxed web process knows its own pid only inside its process
+    // namespace: its answer to the render-process-ID question gets the pid
+    // this process sees (from the page claims) when it is known.
+    void CorrectProcessId(const WebKitView& view, EngineProcessMessage& message);
     // Null when resource requests are not offered to the clients.
     WebKitResourceServer* GetResourceServer() const { return m_pResourceServer.get(); }
     // Null when page audio is not delivered.
     WebKitAudioServer* GetAudioServer() const { return m_pAudioServer.get(); }
 
-    // Process ids of the web processes this process started that still run.
+    // Whether the web processes run in WebKit's sandbox (decided once, at
+    // Initialize: where the machine can run bubblewrap).
+    bool IsSandboxed() const { return m_bSandboxed; }
+    // Removes the engine's socket files (the process is about to end).
+    static void RemoveSocketFolder();
+
+    // Process ids of the web processes this process started that still run
+    // (as this process sees them, also when sandboxed).
     static std::vector<int> RunningWebProcesses();
     // The same for every helper process of the engine: pid, and whether it
     // is the network process.
@@ -132,6 +143,7 @@ private:
     std::map<int, std::weak_ptr<WebKitView>> m_Processes;
     WebKitPageClaims<WebKitView> m_Claims;
 
+    bool m_bSandboxed = false;
     std::atomic<bool> m_bRunning{false};
     std::atomic<int> m_nNextBrowserId{1};
 

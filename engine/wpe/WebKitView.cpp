@@ -918,6 +918,7 @@ bool WebKitView::OnUserMessage(WebKitUserMessage* userMessage)
         NSLog("WebKitView - browser %d: message from the web process dropped: %s", m_nId, error.c_str());
         return true;
     }
+    m_Port.CorrectProcessId(*this, *message);
     return m_pClient->OnProcessMessageReceived(shared_from_this(), message);
 }
 
