@@ -6,7 +6,10 @@
 
 #include <gtest/gtest.h>
 
+#include <glib.h>
 #include <unistd.h>
+
+#include <cstdio>
 
 #include <chrono>
 #include <functional>
@@ -219,6 +222,42 @@ TEST_F(WebKitEnginePortTest, DialogsWheelDoubleClickCursorAndVisibility)
 
     host->CloseBrowser(false);
     EXPECT_TRUE(PumpUntil([&] { return client.closedCount == 1; })) << "a polite close did not close";
+}
+
+// Where the machine runs WebKit's sandbox, a web process lives in a mount
+// namespace of its own, which shows nothing of the user's home, while
+// permitted file pages (Open loads one) still load.
+TEST_F(WebKitEnginePortTest, WebProcessesRunInASandboxThatHidesTheHome)
+{
+    if (!s_pPort->IsSandboxed())
+        GTEST_SKIP() << "no web-process sandbox on this machine (the port logged why)";
+    const std::string probe = std::string(g_get_home_dir()) + "/slf-sandbox-probe-" + std::to_string(getpid());
+    FILE* file = fopen(probe.c_str(), "w");
+    ASSERT_NE(file, nullptr) << probe;
+    fclose(file);
+
+    TestClient client(100, 50);
+    Open(client);
+    const std::vector<int> processes = WebKitEnginePort::RunningWebProcesses();
+    ASSERT_FALSE(processes.empty());
+    auto link = [](const std::string& path) {
+        char target[128] = {};
+        return readlink(path.c_str(), target, sizeof(target) - 1) > 0 ? std::string(target) : std::string();
+    };
+    const std::string ours = link("/proc/self/ns/mnt");
+    ASSERT_FALSE(ours.empty());
+    for (int pid : processes) {
+        const std::string theirs = link("/proc/" + std::to_string(pid) + "/ns/mnt");
+        EXPECT_FALSE(theirs.empty()) << pid;
+        EXPECT_NE(theirs, ours) << "web process " << pid << " shares the service's mount namespace";
+        // The process's own view of the file system.
+        EXPECT_NE(access(("/proc/" + std::to_string(pid) + "/root" + probe).c_str(), F_OK), 0)
+            << "web process " << pid << " sees " << probe;
+    }
+    EXPECT_EQ(access(probe.c_str(), F_OK), 0);
+    unlink(probe.c_str());
+    client.browser->GetHost()->CloseBrowser(true);
+    EXPECT_TRUE(PumpUntil([&] { return client.closedCount == 1; }));
 }
 
 } // namespace
