@@ -5,6 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <set>
+
 #include <signal.h>
 #include <stdlib.h>
 
@@ -122,14 +128,31 @@ TEST(AudioEndToEnd, AWebAudioToneArrivesAsPcmInPooledSlotsThatComeBack)
     // More buffers than the pool has slots: only returned slots carry these.
     EXPECT_TRUE(host.WaitFor([&] { return host.m_buffers > 300; }, 30s)) << "the pool ran dry";
 
-    EXPECT_TRUE(client->CloseBrowser(browserID, &error)) << error;
-    client.reset();
+    // The service's segments (from its mappings) are its user's alone, and
+    // when it is told to end with the stream still playing, they go with it.
+    std::set<std::string> segments;
     if (servicePid > 0) {
+        std::ifstream maps("/proc/" + std::to_string(servicePid) + "/maps");
+        for (std::string line; std::getline(maps, line);) {
+            const size_t at = line.find("/dev/shm/NVKXPCABN_");
+            if (at != std::string::npos)
+                segments.insert(line.substr(at, line.find(' ', at) - at));
+        }
+        EXPECT_FALSE(segments.empty()) << "no audio segment mapped in the service";
+        for (const std::string& segment : segments) {
+            struct stat status = {};
+            EXPECT_EQ(stat(segment.c_str(), &status), 0) << segment;
+            EXPECT_EQ(status.st_mode & 0777, 0600u) << segment;
+        }
         kill(servicePid, SIGTERM);
         for (int i = 0; i < 100 && kill(servicePid, 0) == 0; ++i)
             std::this_thread::sleep_for(50ms);
+        EXPECT_NE(kill(servicePid, 0), 0) << "the service did not end on SIGTERM";
         kill(servicePid, SIGKILL); // no-op once it has ended
+        for (const std::string& segment : segments)
+            EXPECT_NE(access(segment.c_str(), F_OK), 0) << segment << " outlived the service";
     }
+    client.reset();
     std::filesystem::remove_all(dir);
 }
 
