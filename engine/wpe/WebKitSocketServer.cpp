@@ -106,13 +106,13 @@ bool WebKitSocketServer::Wake()
 
 bool WebKitSocketServer::Receive(Connection& connection, std::string& error, bool& peerEnded)
 {
-    const size_t had = connection.buffer.size();
-    connection.buffer.resize(had + kReadChunk);
+    uint8_t chunk[kReadChunk];
     ssize_t got;
     do
-        got = read(connection.fd, connection.buffer.data() + had, kReadChunk);
+        got = read(connection.fd, chunk, sizeof(chunk));
     while (got < 0 && errno == EINTR);
-    connection.buffer.resize(had + static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    if (got > 0)
+        connection.buffer.insert(connection.buffer.end(), chunk, chunk + got);
     if (got < 0)
         return errno == EAGAIN || errno == EWOULDBLOCK;
     if (got == 0) {
