@@ -19,6 +19,7 @@
 #if SLF_HAVE_WPE_ENGINE
 #include "engine/port/EnginePort.h"
 #include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WebKitSandbox.h"
 #endif
 #if SLF_HAVE_GTK_ENGINE
 #include "engine/gtk/GtkEnginePort.h"
@@ -172,7 +173,7 @@ int SLFCefServiceMain(int argc, char** argv)
     // Audio segments are named in /dev/shm: they would outlive the process.
     NVKXPCAudioBufferPool::unlinkAllSegments();
 #if SLF_HAVE_WPE_ENGINE
-    SLF_ChromiumEmbeddedFramework::WebKitEnginePort::RemoveSocketFolder();
+    SLF_ChromiumEmbeddedFramework::RemoveEngineSocketFolder();
 #endif
     fflush(nullptr);
     _exit(0);

@@ -6,6 +6,7 @@
 #include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitResourceChannel.h"
 #include "engine/wpe/WebKitResourceServer.h"
+#include "engine/wpe/WebKitSandbox.h"
 #include "engine/wpe/WebKitVariantCodec.h"
 #include "engine/wpe/WebKitView.h"
 
@@ -59,65 +60,7 @@ std::string ExecutableDirectory()
     return DirectoryOf(path);
 }
 
-// The folder of the engine's path sockets (sandboxed web processes cannot
-// reach abstract ones: they have a network namespace of their own); empty
-// while the sockets are abstract. One engine per process.
-std::string g_strSocketFolder;
-
-// Whether bubblewrap can make the namespaces of WebKit's web-process
-// sandbox on this machine; why not otherwise.
-bool SandboxWorksHere(std::string& why)
-{
-    // WebKit itself never uses bubblewrap inside these (it would not work
-    // in many of them), whatever the context asks for.
-    for (const char* marker : {"/.dockerenv", "/.flatpak-info"}) {
-        if (g_file_test(marker, G_FILE_TEST_EXISTS)) {
-            why = std::string("WebKit does not use bubblewrap in this container (") + marker + " exists)";
-            return false;
-        }
-    }
-    for (const char* program : {"bwrap", "xdg-dbus-proxy"}) {
-        gchar* path = g_find_program_in_path(program);
-        if (!path) {
-            why = std::string(program) + " is not installed";
-            return false;
-        }
-        g_free(path);
-    }
-    const gchar* argv[] = {"bwrap", "--unshare-all", "--die-with-parent", "--ro-bind", "/", "/", "--dev", "/dev",
-                           "--proc", "/proc", "true", nullptr};
-    gchar* errors = nullptr;
-    gint status = 0;
-    GError* error = nullptr;
-    bool works = g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr,
-                              static_cast<GSpawnFlags>(G_SPAWN_SEARCH_PATH | G_SPAWN_STDOUT_TO_DEV_NULL), nullptr,
-                              nullptr, nullptr, &errors, &status, &error);
-    if (!works) {
-        why = std::string("bwrap does not start: ") + error->message;
-        g_error_free(error);
-    } else if (!g_spawn_check_wait_status(status, nullptr)) {
-        works = false;
-        std::string message = errors ? errors : "";
-        if (const size_t end = message.find('\n'); end != std::string::npos)
-            message.resize(end);
-        why = "bwrap cannot make its namespaces here (" + (message.empty() ? std::string("no reason given") : message) +
-              ")";
-    }
-    g_free(errors);
-    return works;
-}
-
 } // namespace
-
-void WebKitEnginePort::RemoveSocketFolder()
-{
-    if (g_strSocketFolder.empty())
-        return;
-    for (const char* name : {"/resources", "/audio"})
-        unlink((g_strSocketFolder + name).c_str());
-    rmdir(g_strSocketFolder.c_str());
-    g_strSocketFolder.clear();
-}
 
 // The GSource that runs queued tasks on the engine context.
 struct TaskSource {
@@ -153,7 +96,7 @@ WebKitEnginePort::~WebKitEnginePort()
         m_pResourceServer->Stop();
     if (m_pAudioServer)
         m_pAudioServer->Stop();
-    RemoveSocketFolder();
+    RemoveEngineSocketFolder();
     for (auto& entry : m_ExtraInitValues)
         g_variant_unref(entry.second);
 }
@@ -238,23 +181,12 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     // in a private folder that the sandbox shows them; otherwise on
     // abstract addresses unique to this process.
     std::string why;
-    m_bSandboxed = SandboxWorksHere(why);
+    m_bSandboxed = WebKitSandboxWorksHere(why);
+    std::string socketBase;
+    if (m_bSandboxed && (socketBase = MakeEngineSocketFolder(why)).empty())
+        m_bSandboxed = false;
     if (!m_bSandboxed)
         NSLog("WebKitEnginePort::Initialize - web processes run without a sandbox: %s", why.c_str());
-    std::string socketBase;
-    if (m_bSandboxed) {
-        GError* error = nullptr;
-        gchar* folder = g_dir_make_tmp("slf-engine-XXXXXX", &error);
-        if (folder) {
-            socketBase = g_strSocketFolder = folder;
-            g_free(folder);
-        } else {
-            NSLog("WebKitEnginePort::Initialize - web processes run without a sandbox: no folder for the sockets: %s",
-                  error->message);
-            g_error_free(error);
-            m_bSandboxed = false;
-        }
-    }
     if (socketBase.empty()) {
         gchar* token = g_uuid_string_random();
         socketBase = "@slf-engine-" + std::to_string(getpid()) + "-" + token;
@@ -528,7 +460,7 @@ void WebKitEnginePort::Shutdown()
         m_pResourceServer->Stop();
     if (m_pAudioServer)
         m_pAudioServer->Stop();
-    RemoveSocketFolder();
+    RemoveEngineSocketFolder();
 
     if (m_pWebContext) {
         g_signal_handlers_disconnect_by_data(m_pWebContext, this);

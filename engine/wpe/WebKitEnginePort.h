@@ -101,8 +101,6 @@ public:
     // Whether the web processes run in WebKit's sandbox (decided once, at
     // Initialize: where the machine can run bubblewrap).
     bool IsSandboxed() const { return m_bSandboxed; }
-    // Removes the engine's socket files (the process is about to end).
-    static void RemoveSocketFolder();
 
     // Process ids of the web processes this process started that still run
     // (as this process sees them, also when sandboxed).
