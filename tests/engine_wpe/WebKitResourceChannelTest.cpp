@@ -56,26 +56,27 @@ TEST(ResourceChannel, IdentifiersRoundTripAndForeignUrlsGiveZero)
     EXPECT_EQ(ResourceIdentifierFromUrl(nullptr), 0u);
 }
 
-TEST(AudioWire, HeadersOfBrokenPeersAndFormatsThatCannotPlayAreRefused)
+TEST(AudioWire, ShortHeadersAndFormatsOutsideTheSaneRangesAreRefused)
 {
-    AudioFrameHeader sent = {AUDIO_FRAME_START, 0, 48000, 2, 16, 0};
+    AudioFrameHeader sent = {AUDIO_FRAME_START, 48000, 2, 16};
     AudioFrameHeader header = {};
     ASSERT_TRUE(DecodeAudioFrameHeader(&sent, sizeof(sent), header));
     EXPECT_TRUE(AudioFrameAnnouncesFormat(header));
-    // Too few bytes, or a payload larger than any packet.
     EXPECT_FALSE(DecodeAudioFrameHeader(&sent, sizeof(sent) - 1, header));
     EXPECT_FALSE(DecodeAudioFrameHeader(nullptr, sizeof(sent), header));
-    sent.length = kMaxAudioPacketBytes + 1;
-    EXPECT_FALSE(DecodeAudioFrameHeader(&sent, sizeof(sent), header));
-    sent.length = kMaxAudioPacketBytes;
-    EXPECT_TRUE(DecodeAudioFrameHeader(&sent, sizeof(sent), header));
-    // A format is announced only by a start frame with every field positive.
-    const AudioFrameHeader unusable[] = {{AUDIO_FRAME_START, 0, 0, 2, 16, 0},
-                                         {AUDIO_FRAME_START, 0, 48000, -2, 16, 0},
-                                         {AUDIO_FRAME_START, 0, 48000, 2, 0, 0},
-                                         {AUDIO_FRAME_PACKET, 0, 48000, 2, 16, 0}};
+    // 16 bits, 8 to 384 kHz, 1 to 32 channels, and only in a start message.
+    const AudioFrameHeader usable[] = {{AUDIO_FRAME_START, 8000, 1, 16}, {AUDIO_FRAME_START, 384000, 32, 16}};
+    for (const AudioFrameHeader& h : usable)
+        EXPECT_TRUE(AudioFrameAnnouncesFormat(h)) << h.rate << " " << h.channels;
+    const AudioFrameHeader unusable[] = {{AUDIO_FRAME_START, 7999, 2, 16},   {AUDIO_FRAME_START, 384001, 2, 16},
+                                         {AUDIO_FRAME_START, 48000, 0, 16},  {AUDIO_FRAME_START, 48000, 33, 16},
+                                         {AUDIO_FRAME_START, 48000, -2, 16}, {AUDIO_FRAME_START, 48000, 2, 8},
+                                         {AUDIO_FRAME_START, 48000, 2, 24},  {AUDIO_FRAME_PACKET, 48000, 2, 16}};
     for (const AudioFrameHeader& h : unusable)
-        EXPECT_FALSE(AudioFrameAnnouncesFormat(h)) << h.kind << " " << h.rate << " " << h.channels;
+        EXPECT_FALSE(AudioFrameAnnouncesFormat(h)) << h.kind << " " << h.rate << " " << h.channels << " "
+                                                   << h.bitsPerSample;
+    // The largest message holds one second of the largest format.
+    EXPECT_EQ(kMaxAudioMessageBytes, sizeof(AudioFrameHeader) + AudioBytesPerSecond(kAudioMaxRate, kAudioMaxChannels));
 }
 
 TEST(ResourceChannel, AbstractAddressesConnectAndLeaveNoFile)
