@@ -140,8 +140,9 @@ bool Running(int pid)
     return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z' && line[close + 2] != 'X';
 }
 
-// The service's web processes that still run.
-std::set<int> WebProcesses(pid_t service)
+// The service's web processes that still run (sandboxed ones run below
+// bubblewrap processes).
+std::set<int> WebProcesses(pid_t service, int depth = 0)
 {
     std::set<int> result;
     std::error_code error;
@@ -154,6 +155,8 @@ std::set<int> WebProcesses(pid_t service)
             std::getline(comm, name);
             if (name.rfind("WPEWebProcess", 0) == 0 && Running(pid))
                 result.insert(pid);
+            else if (name == "bwrap" && depth < 3)
+                result.merge(WebProcesses(pid, depth + 1));
         }
     }
     return result;
