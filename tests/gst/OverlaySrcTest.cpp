@@ -165,7 +165,9 @@ TEST_F(OverlaySrcTest, NegotiatesTheSizeStampsIncreasingTimesFollowsACapsChangeA
     EXPECT_EQ(frame.fpsD, 1);
     EXPECT_EQ(frame.bytes.size(), 400u * 300u * 4u);
     ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(frame.pts));
-    if (GST_CLOCK_TIME_IS_VALID(last)) EXPECT_GT(frame.pts, last);
+    if (GST_CLOCK_TIME_IS_VALID(last)) {
+      EXPECT_GT(frame.pts, last);
+    }
     last = frame.pts;
   }
 
@@ -216,7 +218,9 @@ TEST_F(OverlaySrcTest, AToneGivesAnAudioPadWithTheStreamsFormatAndTheTone) {
     EXPECT_GE(block.channels, 1);
     EXPECT_EQ(block.bytes.size() % (2 * std::max(block.channels, 1)), 0u);
     ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(block.pts));
-    if (GST_CLOCK_TIME_IS_VALID(last)) EXPECT_GT(block.pts, last);
+    if (GST_CLOCK_TIME_IS_VALID(last)) {
+      EXPECT_GT(block.pts, last);
+    }
     last = block.pts;
     int peak = 0;
     for (size_t k = 0; k + 1 < block.bytes.size(); k += 2)
