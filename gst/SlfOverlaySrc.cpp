@@ -559,10 +559,13 @@ static void slf_overlay_src_set_property(GObject* object, guint id, const GValue
       g_free(self->location);
       self->location = g_value_dup_string(value);
       break;
-    case PROP_PERMITTED:
+    case PROP_PERMITTED: {
       g_strfreev(self->permitted);
-      self->permitted = static_cast<gchar**>(g_value_dup_boxed(value));
+      guint count = gst_value_array_get_size(value);
+      self->permitted = g_new0(gchar*, count + 1);
+      for (guint i = 0; i < count; ++i) self->permitted[i] = g_value_dup_string(gst_value_array_get_value(value, i));
       break;
+    }
     case PROP_SETTINGS_DATA:
       if (self->settingsData) g_bytes_unref(self->settingsData);
       self->settingsData = static_cast<GBytes*>(g_value_dup_boxed(value));
@@ -582,7 +585,14 @@ static void slf_overlay_src_get_property(GObject* object, guint id, GValue* valu
   GST_OBJECT_LOCK(self);
   switch (id) {
     case PROP_LOCATION: g_value_set_string(value, self->location); break;
-    case PROP_PERMITTED: g_value_set_boxed(value, self->permitted); break;
+    case PROP_PERMITTED:
+      for (gchar** p = self->permitted; p && *p; ++p) {
+        GValue item = G_VALUE_INIT;
+        g_value_init(&item, G_TYPE_STRING);
+        g_value_set_string(&item, *p);
+        gst_value_array_append_and_take_value(value, &item);
+      }
+      break;
     case PROP_SETTINGS_DATA: g_value_set_boxed(value, self->settingsData); break;
     case PROP_SOCKET: g_value_set_string(value, self->socket); break;
     default: G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
@@ -626,9 +636,12 @@ static void slf_overlay_src_class_init(SlfOverlaySrcClass* klass) {
                                                       flags));
   g_object_class_install_property(
       object, PROP_PERMITTED,
-      g_param_spec_boxed("permitted", "Permitted files",
-                         "File URL prefixes the page may load (default for a file URL: its folder)", G_TYPE_STRV,
-                         flags));
+      gst_param_spec_array("permitted", "Permitted files",
+                           "File URL prefixes the page may load, as <\"file:///a/\",\"file:///b/\"> "
+                           "(default for a file URL: its folder)",
+                           g_param_spec_string("prefix", "Prefix", "A permitted file URL prefix", nullptr,
+                                               GParamFlags(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS)),
+                           flags));
   g_object_class_install_property(
       object, PROP_SETTINGS_DATA,
       g_param_spec_boxed("settings-data", "Settings data", "Bytes answered to the page's settings requests",
