@@ -11,6 +11,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 namespace {
 // How long browser creation and close wait for the engine's notice.
 constexpr int64_t kLifeSpanWaitNanoseconds = 2000LL * 1000 * 1000;
+std::atomic<uint64_t> g_nNextClientInstance{1};
 } // namespace
 
 CBrowserClient::CBrowserClient()
@@ -19,7 +20,8 @@ CBrowserClient::CBrowserClient()
       m_pEnginePort(nullptr),
       m_nMouseButtonFlags(0),
       m_nCursorType(0),
-      m_BrowsersMutex(true)
+      m_BrowsersMutex(true),
+      m_nInstance(g_nNextClientInstance.fetch_add(1))
 {
 }
 
@@ -189,6 +191,11 @@ bool CBrowserClient::StopBrowser(int id)
         host->CloseBrowser(true);
     }
     m_ClosedCondition.Wait(waitMutex, NplTimeout(kLifeSpanWaitNanoseconds));
+
+    // A resource callback that began before the close may still run: the
+    // caller frees the callback context once this returns.
+    std::unique_lock<std::mutex> callLock(m_ServiceCallMutex); // lock order 4
+    m_ServiceCallsEnded.wait(callLock, [&] { return m_mapServiceCalls.count(id) == 0; });
     return true;
 }
 

@@ -12,8 +12,11 @@
 // thread inside ProcessBrowser; audio handlers on the port's own threads.
 //
 // Lock order: CBrowserWrapper::m_ClientMutex, then m_CefStateMutex, then
-// m_BrowsersMutex. Callbacks into the service (frames, audio, URL change) run
-// under m_BrowsersMutex and must not call back into the engine.
+// m_BrowsersMutex, then m_ServiceCallMutex; m_RequestBrowsersMutex is a leaf.
+// Callbacks into the service (frames, audio, URL change) run under
+// m_BrowsersMutex and must not call back into the engine. The resource
+// callbacks run without it, counted per browser, and StopBrowser returns only
+// once the browser's count is back to zero.
 #pragma once
 
 #include "engine/BrowserCallbacks.h"
@@ -23,9 +26,11 @@
 #include "platform/CNplThreadMutex.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <list>
 #include <map>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -70,7 +75,10 @@ public:
                      const CAccessHandlingForRequestSettings* accessSettings);
     // Forced close, then a wait of up to 2000 ms for the engine's notice.
     // The browser's resource and URL-change callbacks are not called from
-    // the close on (its requests are refused). False only for an unknown ID.
+    // the close on (its requests are refused), and a resource callback that
+    // is running then has returned before StopBrowser does (the service side
+    // ends its settings wait when it stops a browser). False only for an
+    // unknown ID.
     bool StopBrowser(int id);
     void PauseBrowser(int id);
     void ResumeBrowser(int id);
@@ -137,7 +145,13 @@ public:
                     const std::string& messageText, const std::string& defaultPromptText,
                     bool& suppressMessage) override;
 
-    // ---- EngineRequestHandler / EngineResourceHandler (resource thread) ------
+    // ---- EngineRequestHandler / EngineResourceHandler ---------------------------
+    // GetResourceHandler may run on one thread while other threads serve
+    // requests. A request is served (ProcessRequest, GetResponseHeaders,
+    // ReadResponse) from start to end on one thread, and the request state
+    // belongs to that thread: each serving thread serves one request at a
+    // time, and a second ProcessRequest on it replaces the first.
+    //
     // The client itself when it answers the request, null when the engine
     // loads it normally.
     EngineResourceHandler* GetResourceHandler(EngineBrowserRef browser, EngineFrameRef frame,
@@ -165,6 +179,18 @@ public:
     virtual bool ForceBlockFileAccessForURLandBrowserID(const std::string& url, int browserId);
 
 private:
+    // The request state of the calling thread for this client.
+    struct RequestState {
+        EngineRequestRef lastRequest;
+        bool requestCancelled = false;
+        std::vector<char> responseData;
+    };
+    RequestState& ThreadRequestState();
+    // A copy of a browser's record for calls into the service side: while it
+    // lives, the browser's StopBrowser does not return (unless the record was
+    // closing already when it was copied, and then no call may be made).
+    class RecordForServiceCall;
+
     // Callers hold m_BrowsersMutex. The first record with this ID, or null.
     CBrowser* FindBrowserRecord(int id);
     EngineBrowserRef GetBrowser(int id);
@@ -177,7 +203,7 @@ private:
     EnginePort* m_pEnginePort;
     int m_nMouseButtonFlags;
     std::atomic<int> m_nCursorType;
-    // Lock order 3 (innermost): the browser list, the per-browser maps and the
+    // Lock order 3: the browser list, the per-browser maps and the
     // mouse button flags. Recursive: the input operations look the host up
     // with GetBrowserHost while holding it.
     CNplThreadMutex m_BrowsersMutex;
@@ -191,15 +217,19 @@ private:
     // Browsers asked for their web process's ID; only their answers are taken.
     std::map<int, bool> m_mapRenderProcessIdRequested;
 
-    // Request state: one set for the whole client, so one taken-over request
-    // is served at a time and a second ProcessRequest replaces the first.
-    // Not locked: only the port's single resource thread touches it.
-    EngineRequestRef m_lastRequest;
-    bool m_bRequestCancelled = false;
-    std::vector<char> m_responseData;
+    // Tells this client's per-thread request state from other clients'.
+    const uint64_t m_nInstance;
+    // Lock order 4 (after m_BrowsersMutex, a leaf): browser ID -> resource
+    // callbacks into the service side running now.
+    std::mutex m_ServiceCallMutex;
+    std::condition_variable m_ServiceCallsEnded;
+    std::map<int, int> m_mapServiceCalls;
     // Request identifier -> the browser that issued it, from
-    // GetResourceHandler until the response headers were produced.
+    // GetResourceHandler until the response headers were produced. Under
+    // m_RequestBrowsersMutex (a leaf lock; nothing is called while held).
+    std::mutex m_RequestBrowsersMutex;
     std::map<uint64_t, EngineBrowserRef> m_requestBrowsers;
+    EngineBrowserRef RequestBrowser(uint64_t requestId);
 };
 
 } // namespace SLF_ChromiumEmbeddedFramework

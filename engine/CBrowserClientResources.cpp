@@ -4,9 +4,11 @@
 // and then serves the requests it took over.
 //
 // A taken-over request runs GetResourceHandler -> ProcessRequest ->
-// GetResponseHeaders -> ReadResponse (until the body is out). All of these
-// run on the port's one resource thread, which is why the request state is
-// not locked.
+// GetResponseHeaders -> ReadResponse (until the body is out). The port asks
+// GetResourceHandler on its resource thread and serves each request from
+// ProcessRequest on, start to end, on one thread (one per browser): the
+// request state belongs to the serving thread, and the table of request
+// browsers, shared by all of them, has a lock of its own.
 #include "engine/CBrowserClient.h"
 
 #include "engine/CBrowserHelper.h"
@@ -24,52 +26,113 @@ namespace {
 constexpr int64_t kMaxTextFileBytes = 0x1400000; // 20 MiB
 } // namespace
 
+class CBrowserClient::RecordForServiceCall {
+public:
+    RecordForServiceCall(CBrowserClient& client, int64_t id) : m_Client(client)
+    {
+        CNplThreadMutexLock browsersLock(client.m_BrowsersMutex); // lock order 3
+        for (const CBrowser& candidate : client.m_Browsers) {
+            if (candidate.id == id) {
+                record = candidate;
+                found = true;
+                break;
+            }
+        }
+        // Counted under the browsers lock, in one step with the look at the
+        // closing flag that StopBrowser raises under the same lock.
+        if (found && !record.m_bClosing) {
+            std::lock_guard<std::mutex> callLock(client.m_ServiceCallMutex); // lock order 4
+            ++client.m_mapServiceCalls[record.id];
+            m_bCounted = true;
+        }
+    }
+    ~RecordForServiceCall()
+    {
+        if (!m_bCounted)
+            return;
+        std::lock_guard<std::mutex> callLock(m_Client.m_ServiceCallMutex); // lock order 4
+        auto entry = m_Client.m_mapServiceCalls.find(record.id);
+        if (entry != m_Client.m_mapServiceCalls.end() && --entry->second <= 0)
+            m_Client.m_mapServiceCalls.erase(entry);
+        m_Client.m_ServiceCallsEnded.notify_all();
+    }
+    RecordForServiceCall(const RecordForServiceCall&) = delete;
+    RecordForServiceCall& operator=(const RecordForServiceCall&) = delete;
+
+    CBrowser record;
+    bool found = false;
+
+private:
+    CBrowserClient& m_Client;
+    bool m_bCounted = false;
+};
+
+CBrowserClient::RequestState& CBrowserClient::ThreadRequestState()
+{
+    // Entries go with their thread; a client's instance number is never
+    // reused, so a later client at the same address starts afresh.
+    thread_local std::map<uint64_t, RequestState> states;
+    return states[m_nInstance];
+}
+
+EngineBrowserRef CBrowserClient::RequestBrowser(uint64_t requestId)
+{
+    std::lock_guard<std::mutex> lock(m_RequestBrowsersMutex);
+    // A missing key creates a null entry, as the table always did.
+    return m_requestBrowsers[requestId];
+}
+
 EngineResourceHandler* CBrowserClient::GetResourceHandler(EngineBrowserRef browser, EngineFrameRef frame,
                                                           EngineRequestRef request)
 {
     if (!browser || !frame || !request)
         return nullptr;
 
-    bool found = false;
-    const CBrowser record = GetCBrowserForCEFID(browser->GetIdentifier(), found);
-    if (!found)
-        return nullptr;
-
-    const uint64_t requestId = request->GetIdentifier();
-    m_requestBrowsers[requestId] = browser;
-
     bool takeOver = false;
-    if (record.accessSettings.accessControlEnabled && record.HandleAccessForRequestURL(request->GetURL()))
-        takeOver = true;
-    else if (IsTextRequest(request))
-        takeOver = true;
-    else if (HandleAccessForRequest(request))
-        takeOver = true;
+    const uint64_t requestId = request->GetIdentifier();
+    {
+        RecordForServiceCall call(*this, browser->GetIdentifier());
+        if (!call.found)
+            return nullptr;
+        const CBrowser& record = call.record;
+        {
+            std::lock_guard<std::mutex> lock(m_RequestBrowsersMutex);
+            m_requestBrowsers[requestId] = browser;
+        }
+        if (record.accessSettings.accessControlEnabled && record.HandleAccessForRequestURL(request->GetURL()))
+            takeOver = true;
+    }
+    if (!takeOver)
+        takeOver = IsTextRequest(request) || HandleAccessForRequest(request);
 
     if (takeOver)
         return this;
+    std::lock_guard<std::mutex> lock(m_RequestBrowsersMutex);
     m_requestBrowsers.erase(requestId);
     return nullptr;
 }
 
 bool CBrowserClient::HandleAccessForRequest(EngineRequestRef request)
 {
-    auto entry = m_requestBrowsers.find(request->GetIdentifier());
-    if (entry == m_requestBrowsers.end() || !entry->second)
-        return true;
-    const EngineBrowserRef browser = entry->second;
+    EngineBrowserRef browser;
+    {
+        std::lock_guard<std::mutex> lock(m_RequestBrowsersMutex);
+        auto entry = m_requestBrowsers.find(request->GetIdentifier());
+        if (entry == m_requestBrowsers.end() || !entry->second)
+            return true;
+        browser = entry->second;
+    }
 
     const std::string url = request->GetURL();
-    bool found = false;
-    const CBrowser record = GetCBrowserForCEFID(browser->GetIdentifier(), found);
+    RecordForServiceCall call(*this, browser->GetIdentifier());
 
     if (ForceBlockFileAccessForURLandBrowserID(url, browser->GetIdentifier()))
         return true;
     if (IsTextRequest(request))
         return true;
-    if (!found)
+    if (!call.found)
         return false;
-    return record.HandleAccessForRequestURL(url);
+    return call.record.HandleAccessForRequestURL(url);
 }
 
 bool CBrowserClient::ForceBlockFileAccessForURLandBrowserID(const std::string& url, int browserId)
@@ -118,8 +181,9 @@ std::string CBrowserClient::GetFilenameFromRequest(EngineRequestRef request)
 
 bool CBrowserClient::ProcessRequest(EngineRequestRef request, EngineCallbackRef callback)
 {
-    m_lastRequest = request;
-    m_bRequestCancelled = false;
+    RequestState& state = ThreadRequestState();
+    state.lastRequest = request;
+    state.requestCancelled = false;
     if (callback)
         callback->Continue();
     return true;
@@ -129,31 +193,34 @@ void CBrowserClient::GetResponseHeaders(EngineResponseRef response, int64_t& res
 {
     (void)redirectUrl;
     responseLength = -1;
-    if (!m_lastRequest)
+    RequestState& state = ThreadRequestState();
+    const EngineRequestRef lastRequest = state.lastRequest;
+    if (!lastRequest)
         return;
 
-    const uint64_t requestId = m_lastRequest->GetIdentifier();
-    const EngineBrowserRef browser = m_requestBrowsers[requestId];
-    if (response && !m_bRequestCancelled && browser) {
-        bool found = false;
-        const CBrowser record = GetCBrowserForCEFID(browser->GetIdentifier(), found);
+    const uint64_t requestId = lastRequest->GetIdentifier();
+    const EngineBrowserRef browser = RequestBrowser(requestId);
+    if (response && !state.requestCancelled && browser) {
+        RecordForServiceCall call(*this, browser->GetIdentifier());
+        const CBrowser& record = call.record;
         // A closing browser's requests are refused without asking (the
         // service side may already have let go of the callback context).
         const bool serviceAnswers =
-            found && !record.m_bClosing && record.HandleAccessForRequestURL(m_lastRequest->GetURL());
+            call.found && !record.m_bClosing && record.HandleAccessForRequestURL(lastRequest->GetURL());
         if (serviceAnswers) {
             // The status the service side writes is not applied to the
             // response, nor is a MIME type: the page receives the body and
             // its length.
             int status = 500;
-            record.GetReponseHeadersRequestURL(m_lastRequest->GetURL(), m_responseData, responseLength, status);
-        } else if (IsTextRequest(m_lastRequest)) {
+            record.GetReponseHeadersRequestURL(lastRequest->GetURL(), state.responseData, responseLength, status);
+        } else if (IsTextRequest(lastRequest)) {
             GetFileloadResponseHeadersForLastRequest(response, responseLength);
         } else {
             // The length stays -1: the request gets no body and stays open.
             response->SetStatus(403);
         }
     }
+    std::lock_guard<std::mutex> lock(m_RequestBrowsersMutex);
     m_requestBrowsers.erase(requestId);
 }
 
@@ -163,22 +230,24 @@ bool CBrowserClient::GetFileloadResponseHeadersForLastRequest(EngineResponseRef 
         return false;
     response->SetStatus(500);
     length = 0;
-    if (!m_lastRequest)
+    RequestState& state = ThreadRequestState();
+    const EngineRequestRef lastRequest = state.lastRequest;
+    if (!lastRequest)
         return false;
 
-    const EngineBrowserRef browser = m_requestBrowsers[m_lastRequest->GetIdentifier()];
+    const EngineBrowserRef browser = RequestBrowser(lastRequest->GetIdentifier());
     if (!browser)
         return false;
-    if (!m_responseData.empty()) {
+    if (!state.responseData.empty()) {
         response->SetStatus(500);
         return false;
     }
-    if (!IsTextRequest(m_lastRequest)) {
+    if (!IsTextRequest(lastRequest)) {
         response->SetStatus(403);
         return false;
     }
 
-    const std::string fileName = GetFilenameFromTextRequest(m_lastRequest);
+    const std::string fileName = GetFilenameFromTextRequest(lastRequest);
     if (!NplFile_FileExists(fileName)) {
         response->SetStatus(404);
         return false;
@@ -209,35 +278,37 @@ bool CBrowserClient::GetFileloadResponseHeadersForLastRequest(EngineResponseRef 
     bool hasBOM = false;
     const std::string text = CBrowserHelper::GetUTF8StringWithBOM(buffer.get(), static_cast<size_t>(size), hasBOM);
     length = static_cast<int64_t>(text.size());
-    m_responseData.assign(text.begin(), text.end());
+    state.responseData.assign(text.begin(), text.end());
     buffer.reset();
 
-    if (!m_responseData.empty()) {
+    if (!state.responseData.empty()) {
         response->SetStatus(200);
         return true;
     }
     response->SetStatus(403);
-    m_responseData.clear();
+    state.responseData.clear();
     return false;
 }
 
 bool CBrowserClient::ReadResponse(void* dataOut, int bytesToRead, int& bytesRead, EngineCallbackRef callback)
 {
     (void)callback;
-    if (m_lastRequest && !m_bRequestCancelled && !m_responseData.empty()) {
-        const size_t available = m_responseData.size();
+    RequestState& state = ThreadRequestState();
+    std::vector<char>& data = state.responseData;
+    if (state.lastRequest && !state.requestCancelled && !data.empty()) {
+        const size_t available = data.size();
         const size_t count = std::min(static_cast<size_t>(std::max(bytesToRead, 0)), available);
         bytesRead = static_cast<int>(count);
-        std::memcpy(dataOut, m_responseData.data(), count);
+        std::memcpy(dataOut, data.data(), count);
         if (available <= count)
-            m_responseData.clear();
+            data.clear();
         else
-            m_responseData.erase(m_responseData.begin(), m_responseData.begin() + static_cast<ptrdiff_t>(count));
+            data.erase(data.begin(), data.begin() + static_cast<ptrdiff_t>(count));
         return true;
     }
-    if (m_bRequestCancelled) {
-        m_responseData.clear();
-        m_bRequestCancelled = false;
+    if (state.requestCancelled) {
+        data.clear();
+        state.requestCancelled = false;
         return false;
     }
     // Nothing to hand out now and nothing cancelled: the caller reads again
@@ -247,7 +318,7 @@ bool CBrowserClient::ReadResponse(void* dataOut, int bytesToRead, int& bytesRead
 
 void CBrowserClient::Cancel()
 {
-    m_bRequestCancelled = true;
+    ThreadRequestState().requestCancelled = true;
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -111,7 +111,8 @@ int main(int argc, char** argv)
     // Resource frames: a question and an answer.
     auto question = Frame(g_variant_new(kQuestionType, guint64(3), "http://streamloft/settings"));
     Write("fuzz_resource_frame", "question", question.data(), question.size());
-    auto answer = Frame(g_variant_new(kAnswerType, guint64(42)));
+    auto answer = Frame(g_variant_new(kAnswerType, guint8(kTakenOver),
+                                      ResourceUrlForToken("0123456789abcdef0123456789abcdef").c_str()));
     Write("fuzz_resource_frame", "answer", answer.data(), answer.size());
 
     // An audio stream: start, two packets, stop.

@@ -32,13 +32,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         guint64 pageId = 0;
         const gchar* url = nullptr;
         g_variant_get(question, "(t&s)", &pageId, &url);
-        (void)ResourceIdentifierFromUrl(url);
+        const std::string token = ResourceTokenFromUrl(url);
+        FUZZ_CHECK(token.empty() || (IsResourceUrl(url) && ResourceUrlForToken(token) == url));
         g_variant_unref(question);
     }
     if (GVariant* answer = Decode(data, size, kAnswerType)) {
-        guint64 identifier = 0;
-        g_variant_get(answer, "(t)", &identifier);
-        FUZZ_CHECK(ResourceIdentifierFromUrl(ResourceUrlForIdentifier(identifier).c_str()) == identifier);
+        guint8 verdict = 0;
+        const gchar* url = nullptr;
+        g_variant_get(answer, "(y&s)", &verdict, &url);
+        const std::string token = ResourceTokenFromUrl(url);
+        FUZZ_CHECK(token.empty() || ResourceTokenFromUrl(ResourceUrlForToken(token).c_str()) == token);
         g_variant_unref(answer);
     }
     return 0;

@@ -84,7 +84,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const std::string url = FuzzText(data, size);
 
     // The decode calls.
-    (void)ResourceIdentifierFromUrl(url.c_str());
+    const std::string token = ResourceTokenFromUrl(url.c_str());
+    FUZZ_CHECK(token.empty() || IsResourceUrl(url.c_str()));
     auto request = std::make_shared<Request>(url);
     const std::string fileName = client->GetFilenameFromTextRequest(request);
     FUZZ_CHECK(fileName.empty() || client->IsTextRequest(request));

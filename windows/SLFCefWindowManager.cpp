@@ -124,6 +124,10 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::stopBrowserWithID(int browser
     CBrowserWrapper* wrapper = _browserWrapper.load();
     if (wrapper && browserID >= 0) {
         wrapper->EnableReceivingFrames(browserID, false);
+        // The stop waits for the browser's running callbacks; a settings
+        // fetch among them gives up instead of polling on.
+        if (representation)
+            representation->endSettingsWaits();
         wrapper->StopBrowser(browserID);
     }
 #endif

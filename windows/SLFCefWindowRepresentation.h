@@ -14,6 +14,7 @@
 
 class NVKXPCAudioBufferPool;
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -96,6 +97,11 @@ public:
     bool wantsToHandleBrowserURL(const std::string& url);
     bool writeStatusCode(int* statusCode, std::vector<char>* responseData, const std::string& requestURL,
                          const std::string& browserStartURL);
+    // The browser is being stopped: a settings fetch that waits for its host
+    // gives up now, and later ones do not wait. The engine's stop returns
+    // only after every callback into this object has, so it must not wait
+    // out the polls.
+    void endSettingsWaits();
 
 protected:
     // The object's own monitor lock: receivers, reply table, size and the
@@ -136,6 +142,11 @@ protected:
     std::optional<NplPixelBufferPoolAuxAttributes> m_pixelBufferCreationAuxAttributes;
     // Frames that reached the pool stage; touched by the one painting thread.
     int64_t m_numPixelBuffersArrivedSoFar = 0;
+    // Lock order: a leaf lock. Guards m_settingsWaitsEnded, which
+    // endSettingsWaits raises and signals to the waiting settings fetches.
+    std::mutex m_settingsWaitLock;
+    std::condition_variable m_settingsWaitCondition;
+    bool m_settingsWaitsEnded = false;
     // One pool per audio stream, from its first data block to its end.
     // Touched only on the engine's audio thread, so it has no lock.
     AudioBufferPoolMap m_audioBufferPools;

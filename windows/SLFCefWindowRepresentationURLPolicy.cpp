@@ -4,8 +4,11 @@
 // internal settings URL is answered with data fetched from the host while
 // the request waits.
 //
-// Both methods run on the engine's resource thread and block it; the
-// settings fetch for up to 120 seconds.
+// Both methods run on the engine's threads: the first on the thread that
+// answers the web processes' questions, the second on the serving thread of
+// this browser, which the settings fetch blocks for up to 120 seconds
+// (other browsers' requests are served on threads of their own). Stopping
+// the browser ends that wait at once (endSettingsWaits).
 #include "windows/SLFCefWindowRepresentation.h"
 
 #include "dbg/NSLog.h"
@@ -15,7 +18,7 @@
 
 #include <chrono>
 #include <cstring>
-#include <thread>
+#include <mutex>
 
 namespace {
 
@@ -133,10 +136,18 @@ bool SLFCefWindowRepresentation::wantsToHandleBrowserURL(const std::string& url)
     if (parts.path.find("/../") != std::string::npos || EndsWith(parts.path, "/.."))
         return true;
     for (const std::string& permitted : permittedFileURLStrings()) {
-        if (url.compare(0, permitted.size(), permitted) == 0)
+        // An empty string is no prefix of anything: it permits nothing.
+        if (!permitted.empty() && url.compare(0, permitted.size(), permitted) == 0)
             return false;
     }
     return true;
+}
+
+void SLFCefWindowRepresentation::endSettingsWaits()
+{
+    std::lock_guard<std::mutex> waitLock(m_settingsWaitLock);
+    m_settingsWaitsEnded = true;
+    m_settingsWaitCondition.notify_all();
 }
 
 bool SLFCefWindowRepresentation::writeStatusCode(int* statusCode, std::vector<char>* responseData,
@@ -168,7 +179,11 @@ bool SLFCefWindowRepresentation::writeStatusCode(int* statusCode, std::vector<ch
     const double start = static_cast<double>(static_cast<int64_t>(SecondsSinceReferenceDate()));
     SLFCefDataRef data = settingsData();
     while (!data && HasReceivers(receiverProxies()) && SecondsSinceReferenceDate() - start < 120.0) {
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+        // Polls once a second; only a stop of the browser cuts a pause short.
+        std::unique_lock<std::mutex> waitLock(m_settingsWaitLock);
+        if (m_settingsWaitCondition.wait_for(waitLock, std::chrono::seconds(1), [this] { return m_settingsWaitsEnded; }))
+            break;
+        waitLock.unlock();
         data = settingsData();
     }
 

@@ -289,21 +289,37 @@ std::shared_ptr<WebKitView> WebKitEnginePort::FindViewForProcess(int pid)
 
 void WebKitEnginePort::ClaimPageFromView(uint64_t token, const std::shared_ptr<WebKitView>& view)
 {
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    if (const int pid = m_Claims.FromView(token, view))
-        m_Processes[pid] = view;
+    int claimed = 0;
+    {
+        std::lock_guard<std::mutex> lock(m_PageMutex);
+        if ((claimed = m_Claims.FromView(token, view))) {
+            m_Processes[claimed] = view;
+            m_ProcessViews.emplace(claimed, view.get());
+        }
+    }
+    // Questions of that process may have been waiting for this claim.
+    if (claimed && m_pResourceServer)
+        m_pResourceServer->PagesChanged();
 }
 
 bool WebKitEnginePort::ClaimPageFromProcess(uint64_t token, int pid, int* holder)
 {
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    std::shared_ptr<WebKitView> view;
-    if (!m_Claims.FromProcess(token, pid, &view)) {
-        *holder = m_Claims.HolderOf(token);
-        return false;
+    bool complete = false;
+    {
+        std::lock_guard<std::mutex> lock(m_PageMutex);
+        std::shared_ptr<WebKitView> view;
+        if (!m_Claims.FromProcess(token, pid, &view)) {
+            *holder = m_Claims.HolderOf(token);
+            return false;
+        }
+        if (view) {
+            m_Processes[pid] = view;
+            m_ProcessViews.emplace(pid, view.get());
+            complete = true;
+        }
     }
-    if (view)
-        m_Processes[pid] = view;
+    if (complete && m_pResourceServer)
+        m_pResourceServer->PagesChanged();
     return true;
 }
 
@@ -322,15 +338,28 @@ void WebKitEnginePort::CorrectProcessId(const WebKitView& view, EngineProcessMes
 std::vector<int> WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
 {
     std::vector<int> pids;
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    std::erase_if(m_Processes, [view, &pids](const auto& entry) {
-        auto known = entry.second.lock();
-        if (known && known.get() == view)
-            pids.push_back(entry.first);
-        return !known || known.get() == view;
-    });
-    m_Claims.Forget(view);
+    {
+        std::lock_guard<std::mutex> lock(m_PageMutex);
+        std::erase_if(m_Processes, [view, &pids](const auto& entry) {
+            auto known = entry.second.lock();
+            if (known && known.get() == view)
+                pids.push_back(entry.first);
+            return !known || known.get() == view;
+        });
+        std::erase_if(m_ProcessViews, [view](const auto& entry) { return entry.second == view; });
+        m_Claims.Forget(view);
+    }
+    if (m_pResourceServer)
+        m_pResourceServer->PagesChanged();
     return pids;
+}
+
+bool WebKitEnginePort::ProcessShowsPage(int pid, uint64_t pageId)
+{
+    std::lock_guard<std::mutex> lock(m_PageMutex);
+    auto page = m_Pages.find(pageId);
+    const std::shared_ptr<WebKitView> view = page == m_Pages.end() ? nullptr : page->second.lock();
+    return view && m_ProcessViews.count({pid, view.get()}) != 0;
 }
 
 void WebKitEnginePort::OnInitializeWebExtensions()

@@ -18,6 +18,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -93,6 +94,9 @@ public:
     // namespace: its answer to the render-process-ID question gets the pid
     // this process sees (from the page claims) when it is known.
     void CorrectProcessId(const WebKitView& view, EngineProcessMessage& message);
+    // True when the web process pid has claimed the page (every completed
+    // claim counts, also one before a process swap), from any thread.
+    bool ProcessShowsPage(int pid, uint64_t pageId);
     // Null when resource requests are not offered to the clients.
     WebKitResourceServer* GetResourceServer() const { return m_pResourceServer.get(); }
     // Null when page audio is not delivered.
@@ -140,6 +144,8 @@ private:
     std::map<uint64_t, std::weak_ptr<WebKitView>> m_Pages;
     std::map<int, std::weak_ptr<WebKitView>> m_Processes;
     WebKitPageClaims<WebKitView> m_Claims;
+    // Every completed (process, view) claim, until the view closes.
+    std::set<std::pair<int, const WebKitView*>> m_ProcessViews;
 
     bool m_bSandboxed = false;
     std::atomic<bool> m_bRunning{false};

@@ -1,6 +1,7 @@
 #include "engine/wpe/WebKitResourceChannel.h"
 
 #include <errno.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -13,6 +14,8 @@
 namespace SLF_ChromiumEmbeddedFramework {
 
 namespace {
+
+constexpr size_t kResourceTokenBytes = 16;
 
 bool WriteAll(int fd, const void* data, size_t size)
 {
@@ -155,26 +158,51 @@ bool PeerIsSameUser(int fd, int* pid)
     return true;
 }
 
-std::string ResourceUrlForIdentifier(uint64_t identifier)
+std::string NewResourceToken()
 {
-    return std::string(kResourceScheme) + ":" + std::to_string(identifier);
+    uint8_t bytes[kResourceTokenBytes];
+    size_t filled = 0;
+    while (filled < sizeof(bytes)) {
+        const ssize_t got = getrandom(bytes + filled, sizeof(bytes) - filled, 0);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            return std::string();
+        filled += static_cast<size_t>(got);
+    }
+    static const char kHex[] = "0123456789abcdef";
+    std::string token;
+    token.reserve(2 * sizeof(bytes));
+    for (uint8_t byte : bytes) {
+        token.push_back(kHex[byte >> 4]);
+        token.push_back(kHex[byte & 0xF]);
+    }
+    return token;
 }
 
-uint64_t ResourceIdentifierFromUrl(const char* url)
+bool IsResourceUrl(const char* url)
 {
-    if (!url)
-        return 0;
     const size_t schemeLength = std::strlen(kResourceScheme);
-    if (std::strncmp(url, kResourceScheme, schemeLength) != 0 || url[schemeLength] != ':')
-        return 0;
-    const char* digits = url + schemeLength + 1;
-    if (*digits < '0' || *digits > '9')
-        return 0;
-    char* end = nullptr;
-    const unsigned long long value = std::strtoull(digits, &end, 10);
-    if (!end || *end != '\0')
-        return 0;
-    return value;
+    return url && g_ascii_strncasecmp(url, kResourceScheme, schemeLength) == 0 && url[schemeLength] == ':';
+}
+
+std::string ResourceUrlForToken(const std::string& token)
+{
+    return std::string(kResourceScheme) + ":" + token;
+}
+
+std::string ResourceTokenFromUrl(const char* url)
+{
+    if (!IsResourceUrl(url))
+        return std::string();
+    const std::string token = url + std::strlen(kResourceScheme) + 1;
+    if (token.size() != 2 * kResourceTokenBytes)
+        return std::string();
+    for (char c : token) {
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f')))
+            return std::string();
+    }
+    return token;
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -3,8 +3,11 @@
 // Each frame is a 4-byte length in host order followed by a serialised
 // GVariant. GLib only, so both sides share it.
 //   question (ts): page identifier, request URL
-//   answer   (t):  identifier of the taken-over request, 0 to load normally
-// A request taken over is loaded from "slfcef-resource:<identifier>".
+//   answer   (ys): verdict (kLoadNormally, kTakenOver, kRefused) and, when
+//                  taken over, the URL the request loads from instead
+// A request taken over is loaded from "slfcef-resource:<token>", where the
+// token is 128 random bits in hex: it cannot be guessed, and the service
+// serves it only to the view whose request it answers.
 #pragma once
 
 #include <glib.h>
@@ -21,7 +24,8 @@ namespace SLF_ChromiumEmbeddedFramework {
 inline constexpr const char* kResourceScheme = "slfcef-resource";
 inline constexpr const char* kResourceSocketKey = "resource-socket";
 inline constexpr const char* kQuestionType = "(ts)";
-inline constexpr const char* kAnswerType = "(t)";
+inline constexpr const char* kAnswerType = "(ys)";
+enum ResourceVerdict : guint8 { kLoadNormally = 0, kTakenOver = 1, kRefused = 2 };
 // No frame of this wire comes near this; a larger length is a broken peer.
 inline constexpr uint32_t kMaxFrameBytes = 1024 * 1024;
 
@@ -57,9 +61,14 @@ GVariant* ReadResourceFrame(int fd, const char* type);
 // bytes are copied; the result is owned.
 GVariant* DecodeResourceFrame(const void* data, size_t size, const char* type);
 
-// The URL of a taken-over request, and the identifier read back from one
-// (0 when the URL is not one of ours).
-std::string ResourceUrlForIdentifier(uint64_t identifier);
-uint64_t ResourceIdentifierFromUrl(const char* url);
+// A fresh token for a taken-over request: 128 bits from the kernel's
+// random source, as 32 lower-case hex digits; "" when none could be had.
+std::string NewResourceToken();
+// True when url has the internal scheme (in any case), well formed or not.
+bool IsResourceUrl(const char* url);
+// The URL of a taken-over request, and the token read back from one ("" when
+// the URL is not one of ours or its token is malformed).
+std::string ResourceUrlForToken(const std::string& token);
+std::string ResourceTokenFromUrl(const char* url);
 
 } // namespace SLF_ChromiumEmbeddedFramework

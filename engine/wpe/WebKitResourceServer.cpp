@@ -4,8 +4,13 @@
 #include "engine/wpe/WebKitResourceChannel.h"
 #include "engine/wpe/WebKitView.h"
 
+#include "dbg/NSLog.h"
+
 #include <libsoup/soup.h>
 #include <wpe/webkit.h>
+
+#include <pthread.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 
@@ -14,6 +19,14 @@ namespace SLF_ChromiumEmbeddedFramework {
 namespace {
 
 constexpr int kReadChunk = 64 * 1024;
+// A question about a page waits this long for the asking process to report
+// that it shows the page; then it is refused.
+constexpr int64_t kOwnerReportWaitMicroseconds = 30 * G_USEC_PER_SEC;
+// Questions a process may have waiting at once; more ends its connection.
+constexpr size_t kMaxWaitingQuestions = 64;
+// A taken-over request whose scheme request never came (the page went away
+// first) is forgotten after this long.
+constexpr int64_t kPendingLifetimeMicroseconds = 600 * G_USEC_PER_SEC;
 // A body larger than this is cut off; no internal resource comes near it.
 constexpr size_t kMaxBodyBytes = 256 * 1024 * 1024;
 
@@ -43,8 +56,8 @@ public:
     std::vector<std::pair<std::string, std::string>> m_Headers;
 };
 
-// The handler runs synchronously on the resource thread; there is nothing
-// to resume later.
+// The handler runs synchronously on its view's serving thread; there is
+// nothing to resume later.
 class ResourceCallback : public EngineCallback {
 public:
     void Continue() override {}
@@ -59,6 +72,13 @@ struct ResourceResult {
     std::vector<std::pair<std::string, std::string>> headers;
     std::vector<uint8_t> body;
 };
+
+void FailRequest(WebKitURISchemeRequest* request, const char* why)
+{
+    GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_FAILED, why);
+    webkit_uri_scheme_request_finish_error(request, error);
+    g_error_free(error);
+}
 
 void FinishRequest(WebKitURISchemeRequest* request, ResourceResult& result)
 {
@@ -101,9 +121,15 @@ WebKitResourceServer::~WebKitResourceServer()
 
 bool WebKitResourceServer::Start(const std::string& socketPath)
 {
+    {
+        std::lock_guard<std::mutex> lock(m_LaneMutex);
+        m_bLanesStopped = false;
+    }
     WebKitSocketServer::Handlers handlers;
+    handlers.onAccept = [this](int fd, int pid) { OnAccept(fd, pid); };
     handlers.onMessage = [this](const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
                                 std::string& error) { return OnMessage(peer, data, size, error); };
+    handlers.onClose = [this](int fd) { m_Connections.erase(fd); };
     handlers.onWake = [this] { RunJobs(); };
     return m_Server.Start(socketPath, std::move(handlers));
 }
@@ -111,7 +137,11 @@ bool WebKitResourceServer::Start(const std::string& socketPath)
 void WebKitResourceServer::Stop()
 {
     m_Server.Stop();
+    // No new work reaches the serving threads once the resource thread has
+    // ended; the running ones finish what they serve.
+    StopLanes();
     m_Pending.clear();
+    m_Connections.clear();
     std::lock_guard<std::mutex> lock(m_JobMutex);
     m_Jobs.clear();
 }
@@ -127,9 +157,11 @@ void WebKitResourceServer::Queue(std::function<void()> job)
 
 void WebKitResourceServer::OnSchemeRequest(WebKitURISchemeRequest* request)
 {
-    const uint64_t identifier = ResourceIdentifierFromUrl(webkit_uri_scheme_request_get_uri(request));
+    const std::string token = ResourceTokenFromUrl(webkit_uri_scheme_request_get_uri(request));
+    WebKitWebView* webView = webkit_uri_scheme_request_get_web_view(request);
+    const uint64_t pageId = webView ? webkit_web_view_get_page_id(webView) : 0;
     g_object_ref(request);
-    Queue([this, identifier, request] { Serve(identifier, request); });
+    Queue([this, token, pageId, request] { Serve(token, pageId, request); });
 }
 
 void WebKitResourceServer::CancelRequests(const std::vector<EngineResourceHandler*>& handlers)
@@ -138,6 +170,11 @@ void WebKitResourceServer::CancelRequests(const std::vector<EngineResourceHandle
         for (EngineResourceHandler* handler : handlers)
             handler->Cancel();
     });
+}
+
+void WebKitResourceServer::PagesChanged()
+{
+    Queue([this] { AnswerAllWaiting(); });
 }
 
 void WebKitResourceServer::RunJobs()
@@ -151,56 +188,132 @@ void WebKitResourceServer::RunJobs()
         job();
 }
 
+void WebKitResourceServer::OnAccept(int fd, int pid)
+{
+    m_Connections[fd] = Connection{pid, {}};
+}
+
 bool WebKitResourceServer::OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
                                      std::string& error)
 {
+    auto connection = m_Connections.find(peer.fd);
     GVariant* question = DecodeResourceFrame(data, size, kQuestionType);
-    if (!question) {
+    if (!question || connection == m_Connections.end()) {
         error = "a resource question that is not one";
+        if (question)
+            g_variant_unref(question);
         return false;
     }
     guint64 pageId = 0;
     const gchar* url = nullptr;
     g_variant_get(question, "(t&s)", &pageId, &url);
-    const uint64_t identifier = Answer(pageId, url);
+    connection->second.questions.push_back(Question{pageId, url, g_get_monotonic_time()});
     g_variant_unref(question);
+    if (connection->second.questions.size() > kMaxWaitingQuestions) {
+        error = "too many questions without waiting for the answers";
+        return false;
+    }
     // The socket does not block: a process that leaves its answers unread
     // until its buffer is full is cut off.
-    if (WriteResourceFrame(peer.fd, g_variant_new(kAnswerType, static_cast<guint64>(identifier))))
+    if (AnswerQuestions(peer.fd, connection->second))
         return true;
     error = "the answer could not be sent";
     return false;
 }
 
-uint64_t WebKitResourceServer::Answer(uint64_t pageId, const std::string& url)
+bool WebKitResourceServer::AnswerQuestions(int fd, Connection& connection)
 {
+    while (!connection.questions.empty()) {
+        const Question& question = connection.questions.front();
+        ResourceVerdictAndUrl answer(kRefused, std::string());
+        if (!m_Port.FindViewForPage(question.pageId)) {
+            // No such page (any more): its view closed, or the process
+            // names a page that never existed.
+        } else if (m_Port.ProcessShowsPage(connection.pid, question.pageId)) {
+            answer = Answer(question.pageId, question.url);
+        } else if (g_get_monotonic_time() - question.asked < kOwnerReportWaitMicroseconds) {
+            // The process's report of the page may still be on its way to
+            // the engine context: the question waits for it.
+            return true;
+        } else {
+            NSLog("WebKitResourceServer - web process %d asked about page %llu, which it does not show; refused",
+                  connection.pid, static_cast<unsigned long long>(question.pageId));
+        }
+        connection.questions.pop_front();
+        if (!WriteResourceFrame(fd, g_variant_new(kAnswerType, answer.first, answer.second.c_str())))
+            return false;
+    }
+    return true;
+}
+
+void WebKitResourceServer::AnswerAllWaiting()
+{
+    std::vector<int> broken;
+    for (auto& [fd, connection] : m_Connections) {
+        if (!connection.questions.empty() && !AnswerQuestions(fd, connection))
+            broken.push_back(fd);
+    }
+    // A peer that is gone shows up as a hang-up on its next poll.
+    for (int fd : broken)
+        shutdown(fd, SHUT_RDWR);
+}
+
+ResourceVerdictAndUrl WebKitResourceServer::Answer(uint64_t pageId, const std::string& url)
+{
+    // Only the service makes these URLs, and only as the answer to a
+    // question; a page that loads one itself gets nothing.
+    if (IsResourceUrl(url.c_str()))
+        return {kRefused, std::string()};
     std::shared_ptr<WebKitView> view = m_Port.FindViewForPage(pageId);
     if (!view)
-        return 0;
+        return {kRefused, std::string()};
     EngineRequestHandler* requestHandler = view->GetClient()->GetRequestHandler();
     if (!requestHandler)
-        return 0;
-    const uint64_t identifier = m_nNextIdentifier++;
+        return {kLoadNormally, std::string()};
+
+    const int64_t now = g_get_monotonic_time();
+    std::erase_if(m_Pending, [now](const auto& entry) {
+        return now - entry.second.created > kPendingLifetimeMicroseconds;
+    });
+    std::string token = NewResourceToken();
+    if (token.empty() || m_Pending.count(token)) {
+        NSLog("WebKitResourceServer - no random token for a request of page %llu; refused",
+              static_cast<unsigned long long>(pageId));
+        return {kRefused, std::string()};
+    }
+    // The request identifier (for the handler's own bookkeeping) is taken
+    // from the token; it is never shown to a page.
+    const uint64_t identifier = g_ascii_strtoull(token.substr(0, 16).c_str(), nullptr, 16);
     auto request = std::make_shared<ResourceRequest>(identifier, url);
     EngineResourceHandler* handler = requestHandler->GetResourceHandler(view, view, request);
     if (!handler)
-        return 0;
-    m_Pending[identifier] = Pending{view, request, handler};
-    return identifier;
+        return {kLoadNormally, std::string()};
+    m_Pending[token] = Pending{view, pageId, request, handler, now};
+    return {kTakenOver, ResourceUrlForToken(token)};
 }
 
-void WebKitResourceServer::Serve(uint64_t identifier, WebKitURISchemeRequest* request)
+void WebKitResourceServer::Serve(const std::string& token, uint64_t loadingPageId, WebKitURISchemeRequest* request)
 {
-    auto result = std::make_shared<ResourceResult>();
-    std::shared_ptr<WebKitView> view;
-    EngineResourceHandler* handler = nullptr;
+    auto found = token.empty() ? m_Pending.end() : m_Pending.find(token);
+    if (found == m_Pending.end() || found->second.pageId != loadingPageId) {
+        // A token that was never given out, was used already, or belongs
+        // to another view: the load fails, and another view's pending
+        // response stays where it is.
+        NSLog("WebKitResourceServer - page %llu loaded %s, which is not one of its taken-over requests; refused",
+              static_cast<unsigned long long>(loadingPageId), webkit_uri_scheme_request_get_uri(request));
+        m_Port.Post([request]() {
+            FailRequest(request, "not a request of this view");
+            g_object_unref(request);
+        });
+        return;
+    }
+    Pending pending = std::move(found->second);
+    m_Pending.erase(found);
 
-    auto found = m_Pending.find(identifier);
-    if (found != m_Pending.end()) {
-        Pending pending = std::move(found->second);
-        m_Pending.erase(found);
-        view = pending.view;
-        handler = pending.handler;
+    const uint64_t pageId = pending.pageId;
+    Dispatch(pageId, [this, pending = std::move(pending), request]() mutable {
+        auto result = std::make_shared<ResourceResult>();
+        EngineResourceHandler* handler = pending.handler;
         auto callback = std::make_shared<ResourceCallback>();
         if (handler->ProcessRequest(pending.request, callback)) {
             auto response = std::make_shared<ResourceResponse>();
@@ -232,18 +345,88 @@ void WebKitResourceServer::Serve(uint64_t identifier, WebKitURISchemeRequest* re
             if (length > 0 && result->body.size() > static_cast<size_t>(length))
                 result->body.resize(static_cast<size_t>(length));
         }
-    }
 
-    m_Port.Post([view, handler, request, result]() {
-        if (result->kind == ResourceResult::Open && view && view->KeepRequestOpen(request, handler)) {
+        // The view goes to the engine context with the result: its last
+        // reference is let go of there.
+        m_Port.Post([view = std::move(pending.view), handler, request, result]() {
+            if (result->kind == ResourceResult::Open && view->KeepRequestOpen(request, handler)) {
+                g_object_unref(request);
+                return;
+            }
+            if (result->kind == ResourceResult::Open)
+                result->kind = ResourceResult::Failed;
+            FinishRequest(request, *result);
             g_object_unref(request);
-            return;
-        }
-        if (result->kind == ResourceResult::Open)
-            result->kind = ResourceResult::Failed;
-        FinishRequest(request, *result);
-        g_object_unref(request);
+        });
     });
+}
+
+void WebKitResourceServer::Dispatch(uint64_t pageId, std::function<void()> job)
+{
+    std::vector<std::thread> finished;
+    {
+        std::lock_guard<std::mutex> lock(m_LaneMutex);
+        if (m_bLanesStopped)
+            return;
+        // Lanes that have nothing to serve go; their threads have ended or
+        // are about to, and are joined below.
+        for (auto lane = m_Lanes.begin(); lane != m_Lanes.end();) {
+            if (lane->first != pageId && !lane->second.running) {
+                finished.push_back(std::move(lane->second.thread));
+                lane = m_Lanes.erase(lane);
+            } else {
+                ++lane;
+            }
+        }
+        Lane& lane = m_Lanes[pageId];
+        lane.jobs.push_back(std::move(job));
+        if (!lane.running) {
+            finished.push_back(std::move(lane.thread));
+            lane.running = true;
+            lane.thread = std::thread([this, pageId] { RunLane(pageId); });
+        }
+    }
+    for (std::thread& thread : finished) {
+        if (thread.joinable())
+            thread.join();
+    }
+}
+
+void WebKitResourceServer::RunLane(uint64_t pageId)
+{
+    pthread_setname_np(pthread_self(), "SlfServe");
+    for (;;) {
+        std::function<void()> job;
+        {
+            std::lock_guard<std::mutex> lock(m_LaneMutex);
+            Lane& lane = m_Lanes[pageId];
+            if (lane.jobs.empty()) {
+                lane.running = false;
+                return;
+            }
+            job = std::move(lane.jobs.front());
+            lane.jobs.pop_front();
+        }
+        job();
+    }
+}
+
+void WebKitResourceServer::StopLanes()
+{
+    std::vector<std::thread> threads;
+    {
+        std::lock_guard<std::mutex> lock(m_LaneMutex);
+        m_bLanesStopped = true;
+        for (auto& lane : m_Lanes)
+            threads.push_back(std::move(lane.second.thread));
+    }
+    // A lane serves what it was given before it ends.
+    for (std::thread& thread : threads) {
+        if (thread.joinable())
+            thread.join();
+    }
+    std::lock_guard<std::mutex> lock(m_LaneMutex);
+    m_Lanes.clear();
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

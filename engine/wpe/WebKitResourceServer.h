@@ -1,11 +1,25 @@
 // The service's side of resource requests. Each web process asks, for every
-// request of its pages, whether the service answers it; one resource thread
-// takes these questions from a private Unix socket and asks the browser's
-// request handler (GetResourceHandler). A request taken over comes back to
-// the engine as "slfcef-resource:<identifier>"; the scheme handler hands it
-// to the same thread, which runs the resource handler (ProcessRequest,
-// GetResponseHeaders, ReadResponse) and then finishes the request on the
-// engine context with the status, the headers and the body.
+// request of its pages, whether the service answers it; the answer is
+// "load normally", "refused" or the URL "slfcef-resource:<token>" that the
+// request loads from instead. The token is random and belongs to the view
+// whose request it answers: the scheme handler serves it to that view only,
+// once, and fails every other load of the scheme.
+//
+// Threads:
+// - The resource thread (the socket thread) accepts web processes, answers
+//   their questions at once (GetResourceHandler, which asks the service's
+//   URL policy), keeps the taken-over requests until their scheme request
+//   arrives and checks each scheme request against them. A question that
+//   names a page is answered only for a process that reported showing that
+//   page (its peer pid, from the socket's credentials); one that arrives
+//   before the report waits for it, without holding anyone else up.
+// - One serving thread per view, while the view has taken-over requests to
+//   serve: it runs the resource handler (ProcessRequest,
+//   GetResponseHeaders, ReadResponse) for that view's requests one after
+//   the other. A settings request that waits for its host (up to 120 s)
+//   holds up only the later taken-over requests of the same view.
+// - The engine context receives the scheme requests and finishes each one
+//   with the status, the headers and the body.
 #pragma once
 
 #include "engine/port/EnginePort.h"
@@ -18,6 +32,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
@@ -26,6 +42,8 @@ namespace SLF_ChromiumEmbeddedFramework {
 
 class WebKitEnginePort;
 class WebKitView;
+
+using ResourceVerdictAndUrl = std::pair<uint8_t, std::string>;
 
 class WebKitResourceServer {
 public:
@@ -46,30 +64,67 @@ public:
     // Engine context: a view closed with requests that never ended; their
     // handlers are told on the resource thread.
     void CancelRequests(const std::vector<EngineResourceHandler*>& handlers);
+    // Any thread: the pages shown by the web processes changed; questions
+    // that wait for their page's report are looked at again.
+    void PagesChanged();
 
 private:
+    // A taken-over request waiting for its scheme request.
     struct Pending {
         std::shared_ptr<WebKitView> view;
+        uint64_t pageId = 0;
         EngineRequestRef request;
         EngineResourceHandler* handler = nullptr;
+        int64_t created = 0; // monotonic microseconds
+    };
+    struct Question {
+        uint64_t pageId = 0;
+        std::string url;
+        int64_t asked = 0; // monotonic microseconds
+    };
+    // The questions of one web process, answered in order.
+    struct Connection {
+        int pid = 0;
+        std::deque<Question> questions;
+    };
+    // The serving thread of one view and its queue.
+    struct Lane {
+        std::deque<std::function<void()>> jobs;
+        std::thread thread;
+        bool running = false;
     };
 
     void RunJobs();
+    void OnAccept(int fd, int pid);
     bool OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error);
+    // Answers the questions of fd that can be answered now; false when the
+    // connection is to end.
+    bool AnswerQuestions(int fd, Connection& connection);
+    void AnswerAllWaiting();
     void Queue(std::function<void()> job);
-    uint64_t Answer(uint64_t pageId, const std::string& url);
-    void Serve(uint64_t identifier, WebKitURISchemeRequest* request);
+    // The verdict for a question, and the URL to load when taken over.
+    ResourceVerdictAndUrl Answer(uint64_t pageId, const std::string& url);
+    void Serve(const std::string& token, uint64_t loadingPageId, WebKitURISchemeRequest* request);
+    void Dispatch(uint64_t pageId, std::function<void()> job);
+    void RunLane(uint64_t pageId);
+    void StopLanes();
 
     WebKitEnginePort& m_Port;
     WebKitSocketServer m_Server;
 
     // Resource-thread state.
-    uint64_t m_nNextIdentifier = 1;
-    std::map<uint64_t, Pending> m_Pending;
+    std::map<std::string, Pending> m_Pending;
+    std::map<int, Connection> m_Connections;
 
     // Jobs for the resource thread. Lock order: a leaf lock.
     std::mutex m_JobMutex;
     std::deque<std::function<void()>> m_Jobs;
+
+    // Serving threads by page identifier. Lock order: a leaf lock; no job
+    // runs while it is held.
+    std::mutex m_LaneMutex;
+    std::map<uint64_t, Lane> m_Lanes;
+    bool m_bLanesStopped = false;
 };
 
 } // namespace SLF_ChromiumEmbeddedFramework

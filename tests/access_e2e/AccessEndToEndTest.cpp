@@ -1,18 +1,22 @@
 // Access control and the settings resource through the real service, web
 // engine and host library: a page in a permitted folder loads a permitted
 // image, is refused one outside the folder, reads an empty text file and gets
-// its settings from the host. The page reports what it saw by asking for a
-// refused file URL, which the service logs as blocked.
+// its settings from the host. Two browsers side by side: one waits for a
+// late settings answer while the other probes the internal scheme for it,
+// loads and paints. The pages report what they saw by asking for a refused
+// file URL, which the service logs as blocked.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <sstream>
 #include <thread>
@@ -126,6 +130,146 @@ TEST(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheHos
   EXPECT_EQ(host.RequestedFor(), std::vector<int>{*id});
 
   client->CloseBrowser(*id);
+  host.client_ = nullptr;
+  client.reset();
+  if (service > 0) {
+    kill(service, SIGTERM);
+    for (int i = 0; i < 200 && kill(service, 0) == 0; ++i) std::this_thread::sleep_for(50ms);
+    kill(service, SIGKILL);  // no-op once it has ended
+  }
+  std::filesystem::remove_all(dir);
+}
+
+// Answers the victim's settings only when the test says so, everyone
+// else's at once; counts each browser's frames.
+class TwoBrowserHost : public streamloft::OverlayCallbacks {
+ public:
+  void BrowserDidStart(int id) override {
+    std::lock_guard<std::mutex> guard(lock_);
+    started_.push_back(id);
+    changed_.notify_all();
+  }
+  void BrowserReceivedVideoFrame(int id, std::shared_ptr<const streamloft::VideoFrame>) override {
+    std::lock_guard<std::mutex> guard(lock_);
+    ++frames_[id];
+  }
+  void RequestSettingsDataForBrowser(int id) override {
+    std::unique_lock<std::mutex> guard(lock_);
+    requestedFor_.push_back(id);
+    changed_.notify_all();
+    if (id == heldBrowser_) return;  // answered later, by the test
+    guard.unlock();
+    Answer(id, kProberSettings);
+  }
+  void Answer(int id, const std::string& text) {
+    std::string error;
+    streamloft::OverlayClient* client = client_.load();
+    if (client && !client->UpdateBrowserSettingsData(id, {text.begin(), text.end()}, &error))
+      ADD_FAILURE() << "UpdateBrowserSettingsData: " << error;
+  }
+  // The ID of the next browser that starts (up to 30 s), or -1.
+  int WaitForStart(size_t count) {
+    std::unique_lock<std::mutex> guard(lock_);
+    changed_.wait_for(guard, 30s, [&] { return started_.size() >= count; });
+    return started_.size() >= count ? started_[count - 1] : -1;
+  }
+  bool WaitForRequestFrom(int id) {
+    std::unique_lock<std::mutex> guard(lock_);
+    return changed_.wait_for(guard, 30s, [&] {
+      return std::find(requestedFor_.begin(), requestedFor_.end(), id) != requestedFor_.end();
+    });
+  }
+  void Hold(int id) {
+    std::lock_guard<std::mutex> guard(lock_);
+    heldBrowser_ = id;
+  }
+  int Frames(int id) {
+    std::lock_guard<std::mutex> guard(lock_);
+    return frames_[id];
+  }
+
+  static constexpr const char* kProberSettings = "prober-own";
+  std::atomic<streamloft::OverlayClient*> client_{nullptr};
+
+ private:
+  std::mutex lock_;
+  std::condition_variable changed_;
+  std::vector<int> started_;
+  std::vector<int> requestedFor_;
+  std::map<int, int> frames_;
+  int heldBrowser_ = -1;
+};
+
+// Waits (up to `limit`) for the log line that contains needle.
+std::string WaitForLogLine(const std::string& log, const std::string& needle, std::chrono::seconds limit) {
+  std::string line;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (line.empty() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(100ms);
+    line = FindLogLine(ReadFile(log), needle);
+  }
+  return line;
+}
+
+// The victim's settings answer is held back until the prober has reported
+// (or a minute has passed): with the host that slow, the prober's page must
+// still load, paint, get its own settings and find nothing of the victim's.
+TEST(AccessEndToEnd, ABrowserWaitingForSettingsHoldsUpNoNeighbourAndLeaksNothingToIt) {
+  char pattern[] = "/tmp/slf-isolation-e2e-XXXXXX";
+  ASSERT_NE(mkdtemp(pattern), nullptr);
+  const std::string dir = pattern;
+  const std::string pageDir = dir + "/page";
+  std::filesystem::create_directories(pageDir);
+  std::filesystem::create_directories(dir + "/secret");
+  for (const char* page : {"isolation_victim.html", "isolation_prober.html"})
+    std::filesystem::copy_file(kPages + "/" + page, pageDir + "/" + page);
+  std::ofstream(pageDir + "/allowed.svg") << kSvg;
+  std::ofstream(dir + "/secret/blocked.svg") << kSvg;
+
+  TwoBrowserHost host;
+  streamloft::ConnectOptions options;
+  options.socketPath = dir + "/overlay-helper.sock";
+  options.helperPath = SLF_TEST_HELPER_PATH;
+  options.startTimeout = 20s;
+  std::string error;
+  auto client = streamloft::OverlayClient::Connect(host, options, &error);
+  ASSERT_TRUE(client) << error;
+  host.client_ = client.get();
+  const pid_t service = client->ServiceProcessID();
+  const std::string log = options.socketPath + ".log";
+  const std::string permitted = "file://" + pageDir + "/";
+  const std::string secret = "token-of-the-victim-0123456789";
+
+  // The victim's permitted list also holds an empty entry, which permits
+  // nothing: its refused image stays refused.
+  ASSERT_TRUE(client->OpenBrowser(permitted + "isolation_victim.html", 64, 64, 30, {"", permitted}, &error)) << error;
+  const int victim = host.WaitForStart(1);
+  ASSERT_GT(victim, 0);
+  host.Hold(victim);
+  ASSERT_TRUE(host.WaitForRequestFrom(victim)) << ReadFile(log);
+
+  ASSERT_TRUE(client->OpenBrowser(permitted + "isolation_prober.html", 64, 64, 30, {permitted}, &error)) << error;
+  const int prober = host.WaitForStart(2);
+  ASSERT_GT(prober, 0);
+  const std::string proberReport = WaitForLogLine(log, "Blocked URL file:///slf-prober-report/", 60s);
+  const int proberFramesWhileVictimWaited = host.Frames(prober);
+  host.Answer(victim, secret);
+  const std::string victimReport = WaitForLogLine(log, "Blocked URL file:///slf-victim-report/", 30s);
+  const std::string text = ReadFile(log);
+
+  // leaks / own settings / permitted images loaded / tries
+  EXPECT_NE(proberReport.find("file:///slf-prober-report/0/" + std::string(TwoBrowserHost::kProberSettings) + "/5/"),
+            std::string::npos)
+      << "the prober did not report in time, or saw something: " << proberReport << "\n" << text;
+  EXPECT_GT(proberFramesWhileVictimWaited, 0);
+  // The pages' own loads of the scheme stop in their web process.
+  EXPECT_NE(text.find("loads the internal URL slfcef-resource:"), std::string::npos) << text;
+  // settings / permitted image / refused image
+  EXPECT_NE(victimReport.find("file:///slf-victim-report/" + secret + "/loaded/error "), std::string::npos)
+      << victimReport << "\n" << text;
+
+  client->CloseBrowser(prober);
+  client->CloseBrowser(victim);
   host.client_ = nullptr;
   client.reset();
   if (service > 0) {

@@ -9,6 +9,8 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <thread>
 
 namespace SLF_ChromiumEmbeddedFramework {
 namespace {
@@ -258,6 +260,83 @@ TEST_F(BrowserClientResources, ARefusedRequestStaysOpenAndACancelEndsOneRead)
     EXPECT_EQ(bytesRead, 0); // the rest was dropped
     m_Service.body = "next";
     EXPECT_EQ(Serve("http://streamloft/settings").body, "next");
+}
+
+// The service side as the window manager has it: an object on the heap that
+// is freed as soon as StopBrowser returns. One of its two callbacks is held
+// mid-way until the test lets it go on; then it reads its own fields.
+struct HeldService {
+    enum Hold { InTakeOver, InResponse } hold;
+    std::promise<void>* entered; // both belong to the test
+    std::shared_future<void> release;
+    std::string body = "settings-body";
+
+    static HeldService* Self(const void* context) { return static_cast<HeldService*>(const_cast<void*>(context)); }
+    void Wait(Hold where)
+    {
+        if (hold != where)
+            return;
+        entered->set_value();
+        release.wait();
+    }
+    static bool Handle(const std::string&, const void* context)
+    {
+        Self(context)->Wait(InTakeOver);
+        return !Self(context)->body.empty();
+    }
+    static bool Respond(const std::string&, const std::string&, std::vector<char>* data, int64_t* length, int*,
+                        const void* context)
+    {
+        Self(context)->Wait(InResponse);
+        data->assign(Self(context)->body.begin(), Self(context)->body.end());
+        *length = static_cast<int64_t>(data->size());
+        return true;
+    }
+};
+
+// Under AddressSanitizer a callback that runs on after StopBrowser returned
+// reads freed memory; without it, the stop returning early is seen directly.
+TEST_F(BrowserClientResources, StopBrowserReturnsOnlyAfterTheBrowsersRunningCallbackReturned)
+{
+    for (const HeldService::Hold hold : {HeldService::InTakeOver, HeldService::InResponse}) {
+        SCOPED_TRACE(hold == HeldService::InTakeOver ? "held while deciding" : "held while answering");
+        std::promise<void> entering, release;
+        std::future<void> entered = entering.get_future();
+        auto* service = new HeldService{hold, &entering, release.get_future().share()};
+        CAccessHandlingForRequestSettings access{.handleRequestURL = &HeldService::Handle,
+                                                 .getResponseHeadersForURL = &HeldService::Respond,
+                                                 .accessControlEnabled = true};
+        const int id = m_Engine->Wrapper().StartBrowser("https://overlay.test/", 320, 240, 30, &CallbackRecorder::Frame,
+                                                        &CallbackRecorder::Audio, service, &access, nullptr, false);
+        ASSERT_GT(id, 0);
+
+        // The port's serving thread.
+        std::thread serving([&, id] {
+            EngineRequestRef request = Request("http://streamloft/settings");
+            EngineResourceHandler* handler = Handler(request, id);
+            if (!handler)
+                return;
+            handler->ProcessRequest(request, nullptr);
+            int64_t length = 0;
+            std::string redirect;
+            handler->GetResponseHeaders(std::make_shared<TestResponse>(), length, redirect);
+        });
+        ASSERT_EQ(entered.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+
+        // The window manager: stop, then let go of the context.
+        std::atomic<bool> stopReturned{false};
+        std::thread stopping([&, id, service] {
+            EXPECT_TRUE(Client().StopBrowser(id));
+            stopReturned = true;
+            delete service;
+        });
+        EXPECT_FALSE(WaitUntil([&] { return stopReturned.load(); }, 1500))
+            << "StopBrowser returned while a callback into the service side was running";
+        release.set_value(); // the callback goes on
+        serving.join();
+        stopping.join();
+        EXPECT_TRUE(stopReturned);
+    }
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <set>
 #include <string>
 
 using namespace SLF_ChromiumEmbeddedFramework;
@@ -43,17 +44,35 @@ TEST(ResourceChannel, FramesCrossTheWireAndBrokenPeersAreRefused)
     ASSERT_EQ(write(fds[0], &promised, sizeof(promised)), ssize_t(sizeof(promised)));
     close(fds[0]);
     EXPECT_EQ(ReadResourceFrame(fds[1], kAnswerType), nullptr);
-    EXPECT_FALSE(WriteResourceFrame(fds[1], g_variant_new(kAnswerType, guint64(1))));
+    EXPECT_FALSE(WriteResourceFrame(fds[1], g_variant_new(kAnswerType, guint8(kLoadNormally), "")));
     close(fds[1]);
 }
 
-TEST(ResourceChannel, IdentifiersRoundTripAndForeignUrlsGiveZero)
+// Tokens are what keeps one view from loading another's response: fresh
+// each time, 128 bits, and read back only in the exact form they were made.
+TEST(ResourceChannel, TokensAreFreshAndOnlyTheirExactFormIsRead)
 {
-    EXPECT_EQ(ResourceIdentifierFromUrl(ResourceUrlForIdentifier(17).c_str()), 17u);
-    for (const char* url : {"slfcef-resource:", "slfcef-resource:17x", "slfcef-resource:-3", "slfcef-resourcex:17",
-                            "http://streamloft/settings"})
-        EXPECT_EQ(ResourceIdentifierFromUrl(url), 0u) << url;
-    EXPECT_EQ(ResourceIdentifierFromUrl(nullptr), 0u);
+    std::set<std::string> tokens;
+    for (int i = 0; i < 1000; ++i) {
+        const std::string token = NewResourceToken();
+        ASSERT_EQ(token.size(), 32u);
+        EXPECT_EQ(ResourceTokenFromUrl(ResourceUrlForToken(token).c_str()), token);
+        tokens.insert(token);
+    }
+    EXPECT_EQ(tokens.size(), 1000u);
+
+    const std::string token = *tokens.begin();
+    for (const std::string& url : {std::string("slfcef-resource:17"), std::string("slfcef-resource:"),
+                                   "slfcef-resource:" + token + "0", "slfcef-resource:" + token.substr(1),
+                                   "slfcef-resource:" + token.substr(0, 31) + "G",
+                                   "slfcef-resourcex:" + token, std::string("http://streamloft/settings")})
+        EXPECT_EQ(ResourceTokenFromUrl(url.c_str()), "") << url;
+    EXPECT_EQ(ResourceTokenFromUrl(nullptr), "");
+    // Every spelling of the scheme counts as ours, well formed or not.
+    for (const char* url : {"slfcef-resource:1", "SLFCEF-Resource:x", "slfcef-resource:"})
+        EXPECT_TRUE(IsResourceUrl(url)) << url;
+    for (const char* url : {"slfcef-resourcex:1", "http://slfcef-resource:1/", "slfcef-resource", ""})
+        EXPECT_FALSE(IsResourceUrl(url)) << url;
 }
 
 TEST(AudioWire, ShortHeadersAndFormatsOutsideTheSaneRangesAreRefused)

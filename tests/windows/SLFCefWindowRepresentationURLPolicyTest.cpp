@@ -77,6 +77,11 @@ TEST_F(URLPolicy, DecidesWhichRequestsAreTakenOver)
     m_rep->setPermittedFileURLStrings({});
     EXPECT_TRUE(Wants("file:///Users/x/overlay/index.html"));
     EXPECT_FALSE(SLFCefHandleRequestURL("file:///etc/passwd", nullptr));
+    // An empty entry is no prefix: it permits nothing, the others still do.
+    m_rep->setPermittedFileURLStrings({"", "file:///tmp/other/"});
+    EXPECT_TRUE(Wants("file:///etc/passwd"));
+    EXPECT_TRUE(Wants("file:///Users/x/overlay/index.html"));
+    EXPECT_FALSE(Wants("file:///tmp/other/a.png"));
 }
 
 TEST_F(URLPolicy, RefusedFilesGet404AndALogLineOtherURLsAreLeftAlone)
@@ -148,6 +153,29 @@ TEST_F(URLPolicy, SettingsComeFromTheHostWhileTheRequestWaits)
         }
         m_rep->removeReceiverProxiesObject(proxy);
     }
+}
+
+// A stop of the browser ends a fetch whose host stays silent (the engine's
+// stop waits for it), and later fetches do not wait at all.
+TEST_F(URLPolicy, StoppingTheBrowserEndsTheSettingsWait)
+{
+    auto proxy = SLFCefCallbackProxy::Create(nullptr);
+    m_rep->addReceiverProxiesObject(proxy, nullptr);
+    std::thread stopper([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        m_rep->endSettingsWaits();
+    });
+    testing::internal::CaptureStderr();
+    const auto start = Clock::now();
+    const Answer first = Respond(kSettings);
+    const Answer second = Respond(kSettings);
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    testing::internal::GetCapturedStderr();
+    stopper.join();
+    EXPECT_EQ(std::make_pair(first.handled, first.status), std::make_pair(false, 408));
+    EXPECT_EQ(std::make_pair(second.handled, second.status), std::make_pair(false, 408));
+    EXPECT_LT(elapsed, 60.0); // far below the 120 s a silent host would cost
+    m_rep->removeReceiverProxiesObject(proxy);
 }
 
 } // namespace

@@ -13,7 +13,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 
 namespace {
 
-// Schemes whose loads never leave the web process or are ours already.
+// Schemes whose loads never leave the web process.
 bool IsLocalToThePage(const char* uri)
 {
     static const char* const prefixes[] = {"data:", "blob:", "about:", "javascript:"};
@@ -21,7 +21,7 @@ bool IsLocalToThePage(const char* uri)
         if (g_str_has_prefix(uri, prefix))
             return true;
     }
-    return ResourceIdentifierFromUrl(uri) != 0;
+    return false;
 }
 
 } // namespace
@@ -54,7 +54,19 @@ bool WebResourceFilter::Connect()
 bool WebResourceFilter::Filter(WebKitWebPage* page, WebKitURIRequest* request)
 {
     const char* uri = webkit_uri_request_get_uri(request);
-    if (!uri || IsLocalToThePage(uri))
+    if (!uri)
+        return false;
+    // The internal scheme's URLs are made only below, by rewriting a request
+    // while it is being sent; WebKit does not offer a rewritten request here
+    // again (only a redirect would, and the service never redirects). So a
+    // request that arrives here with one is the page's own (a fetch, a link,
+    // a reload, a redirect from a server) and is stopped.
+    if (IsResourceUrl(uri)) {
+        std::fprintf(stderr, "slf web process %d: page %llu loads the internal URL %s itself; request stopped\n",
+                     static_cast<int>(getpid()), static_cast<unsigned long long>(webkit_web_page_get_id(page)), uri);
+        return true;
+    }
+    if (IsLocalToThePage(uri))
         return false;
 
     GVariant* answer = nullptr;
@@ -75,12 +87,16 @@ bool WebResourceFilter::Filter(WebKitWebPage* page, WebKitURIRequest* request)
                      static_cast<int>(getpid()), uri);
         return true;
     }
-    guint64 identifier = 0;
-    g_variant_get(answer, kAnswerType, &identifier);
+    guint8 verdict = kRefused;
+    const gchar* replacement = nullptr;
+    g_variant_get(answer, "(y&s)", &verdict, &replacement);
+    bool stop = false;
+    if (verdict == kTakenOver && IsResourceUrl(replacement))
+        webkit_uri_request_set_uri(request, replacement);
+    else
+        stop = verdict != kLoadNormally;
     g_variant_unref(answer);
-    if (identifier)
-        webkit_uri_request_set_uri(request, ResourceUrlForIdentifier(identifier).c_str());
-    return false;
+    return stop;
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework
