@@ -21,7 +21,7 @@ namespace {
 constexpr int kReadChunk = 64 * 1024;
 // A question about a page waits this long for the asking process to report
 // that it shows the page; then it is refused.
-constexpr int64_t kOwnerReportWaitMicroseconds = 30 * G_USEC_PER_SEC;
+constexpr int64_t kOwnerReportWaitMicroseconds = 10 * G_USEC_PER_SEC;
 // Questions a process may have waiting at once; more ends its connection.
 constexpr size_t kMaxWaitingQuestions = 64;
 // A taken-over request whose scheme request never came (the page went away
@@ -125,6 +125,7 @@ bool WebKitResourceServer::Start(const std::string& socketPath)
         std::lock_guard<std::mutex> lock(m_LaneMutex);
         m_bLanesStopped = false;
     }
+    m_pRunning = std::make_shared<std::atomic<bool>>(true);
     WebKitSocketServer::Handlers handlers;
     handlers.onAccept = [this](int fd, int pid) { OnAccept(fd, pid); };
     handlers.onMessage = [this](const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
@@ -136,6 +137,7 @@ bool WebKitResourceServer::Start(const std::string& socketPath)
 
 void WebKitResourceServer::Stop()
 {
+    m_pRunning->store(false);
     m_Server.Stop();
     // No new work reaches the serving threads once the resource thread has
     // ended; the running ones finish what they serve.
@@ -233,17 +235,48 @@ bool WebKitResourceServer::AnswerQuestions(int fd, Connection& connection)
             answer = Answer(question.pageId, question.url);
         } else if (g_get_monotonic_time() - question.asked < kOwnerReportWaitMicroseconds) {
             // The process's report of the page may still be on its way to
-            // the engine context: the question waits for it.
+            // the engine context: the question waits for it, and is looked
+            // at again when the wait is over.
+            if (!connection.retryScheduled) {
+                connection.retryScheduled = true;
+                ScheduleRetry();
+            }
             return true;
         } else {
             NSLog("WebKitResourceServer - web process %d asked about page %llu, which it does not show; refused",
                   connection.pid, static_cast<unsigned long long>(question.pageId));
         }
         connection.questions.pop_front();
+        connection.retryScheduled = false;
         if (!WriteResourceFrame(fd, g_variant_new(kAnswerType, answer.first, answer.second.c_str())))
             return false;
     }
     return true;
+}
+
+void WebKitResourceServer::ScheduleRetry()
+{
+    // A timer on the engine context; it does nothing once this server has
+    // stopped (the flag outlives the server).
+    std::shared_ptr<std::atomic<bool>> running = m_pRunning;
+    m_Port.Post([this, running] {
+        GSource* timer = g_timeout_source_new(static_cast<guint>(kOwnerReportWaitMicroseconds / 1000 + 50));
+        auto* data = new std::pair<WebKitResourceServer*, std::shared_ptr<std::atomic<bool>>>(this, running);
+        g_source_set_callback(
+            timer,
+            +[](gpointer pair) -> gboolean {
+                auto* entry = static_cast<std::pair<WebKitResourceServer*, std::shared_ptr<std::atomic<bool>>>*>(pair);
+                if (entry->second->load())
+                    entry->first->PagesChanged();
+                return G_SOURCE_REMOVE;
+            },
+            data,
+            +[](gpointer pair) {
+                delete static_cast<std::pair<WebKitResourceServer*, std::shared_ptr<std::atomic<bool>>>*>(pair);
+            });
+        g_source_attach(timer, m_Port.GetMainContext());
+        g_source_unref(timer);
+    });
 }
 
 void WebKitResourceServer::AnswerAllWaiting()

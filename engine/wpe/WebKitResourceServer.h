@@ -25,6 +25,7 @@
 #include "engine/port/EnginePort.h"
 #include "engine/wpe/WebKitSocketServer.h"
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -86,6 +87,7 @@ private:
     struct Connection {
         int pid = 0;
         std::deque<Question> questions;
+        bool retryScheduled = false;
     };
     // The serving thread of one view and its queue.
     struct Lane {
@@ -101,6 +103,9 @@ private:
     // connection is to end.
     bool AnswerQuestions(int fd, Connection& connection);
     void AnswerAllWaiting();
+    // Looks at the waiting questions again once a report can no longer be
+    // on its way.
+    void ScheduleRetry();
     void Queue(std::function<void()> job);
     // The verdict for a question, and the URL to load when taken over.
     ResourceVerdictAndUrl Answer(uint64_t pageId, const std::string& url);
@@ -111,6 +116,9 @@ private:
 
     WebKitEnginePort& m_Port;
     WebKitSocketServer m_Server;
+
+    // True from Start to Stop; shared with the retry timers.
+    std::shared_ptr<std::atomic<bool>> m_pRunning = std::make_shared<std::atomic<bool>>(false);
 
     // Resource-thread state.
     std::map<std::string, Pending> m_Pending;

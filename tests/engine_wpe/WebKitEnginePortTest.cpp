@@ -3,10 +3,13 @@
 // per process: one port serves every case, pumped by the test thread.
 #include "engine/CBrowserApp.h"
 #include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WebKitResourceServer.h"
 
 #include <gtest/gtest.h>
 
 #include <glib.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -256,6 +259,35 @@ TEST_F(WebKitEnginePortTest, WebProcessesRunInASandboxThatHidesTheHome)
     }
     EXPECT_EQ(access(probe.c_str(), F_OK), 0);
     unlink(probe.c_str());
+}
+
+// A process that asks the resource thread about pages it does not show (a
+// web process lying about its page) gets refusals, never an answer meant
+// for the page's own process; questions about pages nobody shows are
+// refused at once.
+TEST_F(WebKitEnginePortTest, QuestionsAboutPagesOfAnotherProcessAreRefused)
+{
+    TestClient client(50, 50);
+    Open(client);
+    WebKitResourceServer* server = s_pPort->GetResourceServer();
+    ASSERT_NE(server, nullptr);
+    const int fd = ConnectToUnixSocket(server->GetSocketPath());
+    ASSERT_GE(fd, 0);
+    // Page identifiers are small numbers; this browser's is among these.
+    for (guint64 page = 1; page <= 12; ++page) {
+        SCOPED_TRACE(page);
+        ASSERT_TRUE(WriteResourceFrame(fd, g_variant_new(kQuestionType, page, "http://streamloft/settings")));
+        pollfd readable{fd, POLLIN, 0};
+        ASSERT_TRUE(PumpUntil([&] { return poll(&readable, 1, 0) > 0; }, 40000)) << "no answer";
+        GVariant* answer = ReadResourceFrame(fd, kAnswerType);
+        ASSERT_NE(answer, nullptr);
+        guint8 verdict = kLoadNormally;
+        const gchar* url = nullptr;
+        g_variant_get(answer, "(y&s)", &verdict, &url);
+        EXPECT_EQ(verdict, kRefused) << url;
+        g_variant_unref(answer);
+    }
+    close(fd);
     client.browser->GetHost()->CloseBrowser(true);
     EXPECT_TRUE(PumpUntil([&] { return client.closedCount == 1; }));
 }
