@@ -295,8 +295,11 @@ ResourceVerdictAndUrl WebKitResourceServer::Answer(uint64_t pageId, const std::s
 {
     // Only the service makes these URLs, and only as the answer to a
     // question; a page that loads one itself gets nothing.
-    if (IsResourceUrl(url.c_str()))
+    if (IsResourceUrl(url.c_str())) {
+        NSLog("WebKitResourceServer - page %llu loads the internal URL %s itself; refused",
+              static_cast<unsigned long long>(pageId), url.c_str());
         return {kRefused, std::string()};
+    }
     std::shared_ptr<WebKitView> view = m_Port.FindViewForPage(pageId);
     if (!view)
         return {kRefused, std::string()};
