@@ -20,16 +20,18 @@ CNplThread::CNplThread(bool autoDelete)
       m_bCreated(false),
       m_bRunning(false),
       m_bTerminationRequested(false),
-      m_nThreadId(-1)
+      m_nThreadId(-1),
+      m_nLiveProcedures(0)
 {
 }
 
 CNplThread::~CNplThread()
 {
-    // Waits up to 10 s for a thread that is still inside its function; one
-    // that does not end is reported and abandoned, never forced. Anything
-    // thrown on the way ends the process (destructors are noexcept).
-    if (m_bRunning.load(std::memory_order_acquire))
+    // Waits up to 10 s for a thread that is still to start or inside its
+    // function; one that does not end is reported and abandoned, never
+    // forced. Anything thrown on the way ends the process (destructors are
+    // noexcept).
+    if (m_nLiveProcedures.load(std::memory_order_acquire) > 0)
         StopThread(10000, true, false);
 }
 
@@ -51,10 +53,13 @@ bool CNplThread::CreateThread(NplThreadFunc function, void* argument, const char
     // be gone by the time pthread_create returns, so nothing of it is
     // touched afterwards unless the create failed.
     m_bCreated = true;
+    m_nLiveProcedures.fetch_add(1, std::memory_order_relaxed);
     const int rc = pthread_create(&m_hThread, &attr, &CNplThread::ThreadProc_Static, this);
     pthread_attr_destroy(&attr);
-    if (rc != 0)
+    if (rc != 0) {
         m_bCreated = false;
+        m_nLiveProcedures.fetch_sub(1, std::memory_order_relaxed);
+    }
     return rc == 0;
 }
 
@@ -78,15 +83,18 @@ bool CNplThread::StopThread(int timeoutMs, bool breakIfNotStopped, bool forceKil
     RequestTermination();
 
     const int64_t timeout = (timeoutMs < 0) ? 0x7FFFFFFF : timeoutMs;
+    // A thread counts as running from CreateThread until its procedure has
+    // finished with the object, so a stop before the thread has started
+    // waits for it like for a running one.
+    auto finished = [this] { return m_nLiveProcedures.load(std::memory_order_acquire) == 0; };
     if (timeout > 0) {
-        // A poll of the running flag every 10 ms; nothing is signalled.
+        // A poll every 10 ms; nothing is signalled.
         const int64_t startMs = NplTime_GetMonotonicNanoseconds() / 1000000;
-        while (m_bRunning.load(std::memory_order_acquire) &&
-               NplTime_GetMonotonicNanoseconds() / 1000000 - startMs < timeout)
+        while (!finished() && NplTime_GetMonotonicNanoseconds() / 1000000 - startMs < timeout)
             usleep(10000);
     }
 
-    bool stopped = !m_bRunning.load(std::memory_order_acquire);
+    bool stopped = finished();
     const int id = m_nThreadId.load(std::memory_order_relaxed);
     if (!stopped)
         NPL_DBGPRINTF(NplDebugModule(), 1, "NPL thread %d (0x%04X) (%s) could not be stopped.", id,
@@ -148,9 +156,9 @@ void* CNplThread::ThreadProc_Static(void* argument)
         return nullptr;
     }
     CNplThread* self = static_cast<CNplThread*>(argument);
-    // Read before the user function runs: once ThreadProc has cleared the
-    // running flag, an owner may already have destroyed a non-auto-delete
-    // object.
+    // Read before the user function runs: once ThreadProc has given the
+    // object up, an owner may already have destroyed a non-auto-delete
+    // object. Until then the owner waits (m_nLiveProcedures).
     const bool autoDelete = self->m_bAutoDelete;
     void* result = self->ThreadProc();
     if (autoDelete)
@@ -165,5 +173,7 @@ void* CNplThread::ThreadProc()
     void* result = m_pfnThreadFunc ? m_pfnThreadFunc(m_pThreadArg) : nullptr;
     m_nThreadId.store(-1, std::memory_order_relaxed);
     m_bRunning.store(false, std::memory_order_release);
+    // The last touch of the object by this thread.
+    m_nLiveProcedures.fetch_sub(1, std::memory_order_release);
     return result;
 }

@@ -1,5 +1,20 @@
 // A detached POSIX thread running one user function, with a cooperative stop.
-#pragma once
+//
+// Lifetime rules:
+// - An object that is not auto-delete may be stopped or destroyed at any
+//   moment after CreateThread, also before its thread has started to run.
+//   StopThread waits (up to its time-out) until the thread procedure has
+//   left the object, whether it is still to start or inside the user
+//   function, and returns true only then; a stop requested before the thread
+//   runs is seen by the user function through IsTerminationRequested as soon
+//   as it starts. The destructor does the same with a 10 s wait. Only a
+//   thread that does not end within the wait is abandoned (reported, never
+//   killed); it must then not touch the object any more.
+// - An auto-delete object belongs to its thread from CreateThread on: it
+//   deletes itself when the user function returns, so nobody else may stop,
+//   destroy or otherwise touch it after a successful CreateThread.
+// - StopThread and the destructor must not be called from the object's own
+//   thread (the wait would be for itself).
 
 #include <atomic>
 #include <pthread.h>
@@ -47,13 +62,16 @@ private:
     void* m_pThreadArg;
     bool m_bAutoDelete;
     bool m_bCreated;
-    // Flags polled across threads without a lock (StopThread polls
-    // m_bRunning every 10 ms, the user function polls
-    // m_bTerminationRequested). The store that clears m_bRunning is the
-    // thread's last touch of the object and is a release, so an owner that
-    // sees it cleared may delete the object.
+    // Flags read across threads without a lock (IsRunning, and the user
+    // function polls m_bTerminationRequested).
     std::atomic<bool> m_bRunning;
     std::atomic<bool> m_bTerminationRequested;
     std::atomic<int> m_nThreadId;
     std::string m_strName;
+    // Thread procedures started by CreateThread that have not yet finished
+    // with the object: counted up before pthread_create, down as the
+    // procedure's last touch (a release), whether or not the user function
+    // ever ran. A stop or the destructor waits for it to reach 0, so an
+    // object is never freed under a thread that is still to start.
+    std::atomic<int> m_nLiveProcedures;
 };

@@ -150,6 +150,40 @@ TEST(CNplThread, StopOfAWorkerThatIgnoresTheRequest)
     }
 }
 
+// Stopped or destroyed right after CreateThread, mostly before the new thread
+// has run at all: the stop and the destructor wait for the thread procedure
+// to leave the object (the ASan run sees any read of freed memory), and a
+// stop reports true only once the user function has returned.
+TEST(CNplThread, StopAndDestructionBeforeTheThreadRuns)
+{
+    LogCapture log;
+    for (int i = 0; i < 50; ++i) {
+        CNplThread thread(false);
+        Worker worker;
+        worker.thread = &thread;
+        ASSERT_TRUE(thread.CreateThread(&Worker::Run, &worker, "early"));
+        EXPECT_TRUE(thread.StopThread(5000, false, false));
+        EXPECT_TRUE(worker.finished) << "round " << i;
+
+        // Without a wait the stop cannot report a thread that has yet to end.
+        Worker held;
+        ASSERT_TRUE(thread.CreateThread(&Worker::Run, &held, "held"));
+        EXPECT_FALSE(thread.StopThread(0, false, false)) << "round " << i;
+        held.release = true;
+        EXPECT_TRUE(thread.StopThread(5000, false, false));
+        EXPECT_TRUE(held.finished);
+    }
+    for (int i = 0; i < 100; ++i) {
+        auto* thread = new CNplThread(false);
+        Worker worker;
+        worker.thread = thread;
+        ASSERT_TRUE(thread->CreateThread(&Worker::Run, &worker, "doomed"));
+        delete thread;
+        EXPECT_TRUE(worker.finished) << "round " << i;
+    }
+    EXPECT_TRUE(log.Matching("Debugger").empty());
+}
+
 struct AutoDeleteThread : CNplThread {
     explicit AutoDeleteThread(std::atomic<bool>* destroyed) : CNplThread(true), m_destroyed(destroyed) {}
     ~AutoDeleteThread() override { *m_destroyed = true; }
