@@ -2,6 +2,7 @@
 
 #include <gio/gio.h>
 #include <gio/gunixfdlist.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,7 +71,7 @@ struct OpenReplyTracker {
   std::set<guint32> pending;
   std::deque<OpenReply> arrived;
   GMainContext* context = nullptr;  // the client's context, referenced
-  OverlayCallbacks* callbacks = nullptr;
+  OverlayCallbacks* callbacks = nullptr;  // null once the client is being destroyed
   SurfaceMappingCache* surfaces = nullptr;  // used on the client's thread only
 };
 
@@ -85,7 +86,8 @@ gboolean DeliverOpenReplies(gpointer data) {
     SurfaceMappingCache* surfaces;
     {
       std::lock_guard<std::mutex> guard(tracker.lock);
-      if (tracker.arrived.empty()) break;
+      // No callbacks once the client is being destroyed.
+      if (tracker.arrived.empty() || !tracker.callbacks) break;
       reply = std::move(tracker.arrived.front());
       tracker.arrived.pop_front();
       callbacks = tracker.callbacks;
@@ -159,6 +161,25 @@ class OverlayClient::Impl {
     socketPath_ = options_.socketPath.empty() ? DefaultServiceSocketPath() : options_.socketPath;
   }
 
+  // Ends the client: from the client's own thread (inside a callback) the
+  // thread cannot be joined, so it is detached, finishes the dispatch in
+  // progress without calling back, and deletes this object as its last act.
+  // From any other thread: waits for a callback in progress, then deletes.
+  void Destroy() {
+    closing_ = true;
+    {
+      std::lock_guard<std::mutex> guard(tracker_.lock);
+      tracker_.callbacks = nullptr;
+    }
+    if (thread_.joinable() && thread_.get_id() == std::this_thread::get_id()) {
+      deleteWhenThreadEnds_ = true;
+      thread_.detach();
+      g_main_loop_quit(loop_);
+      return;
+    }
+    delete this;
+  }
+
   ~Impl() {
     if (thread_.joinable()) {
       // Queued rather than a direct quit, which would be lost if the loop
@@ -180,7 +201,11 @@ class OverlayClient::Impl {
   bool Start(std::string* error) {
     auto ready = std::make_shared<std::promise<std::string>>();
     std::future<std::string> result = ready->get_future();
-    thread_ = std::thread([this, ready] { Run(ready); });
+    thread_ = std::thread([this, ready] {
+      Run(ready);
+      // Set on this thread only, by Destroy inside a callback.
+      if (deleteWhenThreadEnds_) delete this;
+    });
     std::string failure = result.get();
     if (failure.empty()) return true;
     thread_.join();
@@ -251,6 +276,7 @@ class OverlayClient::Impl {
   }
 
   void Run(std::shared_ptr<std::promise<std::string>> ready) {
+    pthread_setname_np(pthread_self(), "slf-overlay");
     g_main_context_push_thread_default(context_);
     std::string failure;
     if (Establish(&failure)) {
@@ -323,9 +349,9 @@ class OverlayClient::Impl {
       std::string folder = socketPath_.substr(0, socketPath_.rfind('/'));
       g_mkdir_with_parents(folder.c_str(), 0700);
     }
+    const std::string listenPath = options_.socketPath.empty() ? std::string() : socketPath_;
     std::string spawnError;
-    pid_t pid = StartServiceProcess(helper, options_.socketPath.empty() ? std::string() : socketPath_, log,
-                                    &spawnError);
+    pid_t pid = StartServiceProcess(helper, listenPath, log, &spawnError);
     if (pid < 0) {
       *failure = "cannot reach the overlay service at " + socketPath_ + " (" + firstError + ") and " + spawnError;
       return nullptr;
@@ -351,6 +377,16 @@ class OverlayClient::Impl {
                      " before it answered at " + socketPath_ + " (its log: " + log + ")";
           return nullptr;
         }
+      } else if (ended) {
+        // The other instance does not answer either: it was ending (an
+        // idle exit gives the address up before it is gone). Start one
+        // again; it takes the address once the other has let it go.
+        pid = StartServiceProcess(helper, listenPath, log, &spawnError);
+        if (pid < 0) {
+          *failure = "cannot reach the overlay service at " + socketPath_ + " (" + lastError + ") and " + spawnError;
+          return nullptr;
+        }
+        ended = false;
       }
       if (std::chrono::steady_clock::now() >= deadline) {
         if (!ended) ReapServiceProcessWhenItEnds(pid);
@@ -385,12 +421,18 @@ class OverlayClient::Impl {
     auto* self = static_cast<Impl*>(data);
     self->connected_ = false;
     self->audio_.Clear();
-    self->callbacks_.ConnectionDidClose();
+    if (!self->closing_) self->callbacks_.ConnectionDidClose();
   }
 
   static void HandleMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
                                GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data) {
     auto* self = static_cast<Impl*>(data);
+    if (self->closing_) {
+      // The client is being destroyed: nothing is delivered any more, and a
+      // frame or buffer is let go at once.
+      SendEmptyReply(invocation);
+      return;
+    }
     const std::string name = method;
     if (name == "BrowserReceivedVideoFrame") {
       self->ReceiveVideoFrame(parameters, invocation);
@@ -491,6 +533,11 @@ class OverlayClient::Impl {
   guint filter_ = 0;
   gulong closedHandler_ = 0;
   std::atomic<bool> connected_{false};
+  // Set by Destroy: no callback is made from then on.
+  std::atomic<bool> closing_{false};
+  // Destroy ran on the client's own thread, which deletes the object when
+  // it ends.
+  bool deleteWhenThreadEnds_ = false;
   pid_t servicePid_ = -1;
   bool startedService_ = false;
   OpenReplyTracker tracker_;
@@ -510,7 +557,7 @@ std::string OverlayClient::DefaultSocketPath() { return DefaultServiceSocketPath
 std::string OverlayClient::DefaultHelperPath() { return ResolveServiceExecutable({}); }
 
 OverlayClient::OverlayClient(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
-OverlayClient::~OverlayClient() = default;
+OverlayClient::~OverlayClient() { impl_.release()->Destroy(); }
 
 bool OverlayClient::OpenBrowser(const std::string& url, double width, double height, double framerate,
                                 const std::vector<std::string>& permittedFileURLStrings, std::string* error) {

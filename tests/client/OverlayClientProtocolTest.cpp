@@ -7,6 +7,8 @@
 
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <thread>
 
 #include "audio_transport/NVKXPCAudioBuffer.h"
 #include "audio_transport/NVKXPCAudioBufferPool.h"
@@ -200,6 +202,132 @@ TEST_F(OverlayClientProtocolTest, AudioBuffersAreReadFromSharedMemoryReturnedWhe
   for (auto token : {stopped, badPool, afterBadPool}) EXPECT_TRUE(service_->waitForReply(token));
   EXPECT_NE(callbacks_.WaitFor("problem the pool of audio stream 4"), "");
   EXPECT_EQ(callbacks_.WaitFor("audio-buffer", 100ms, 2), "");
+}
+
+// Whether the library thread of some client of this process still runs.
+bool ClientThreadRuns() {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    std::ifstream comm(task.path() / "comm");
+    std::string name;
+    if (std::getline(comm, name) && name == "slf-overlay") return true;
+  }
+  return false;
+}
+
+bool ClientThreadEnds() {
+  for (auto deadline = std::chrono::steady_clock::now() + 5s; ClientThreadRuns();) {
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(5ms);
+  }
+  return true;
+}
+
+// A host that destroys its own client inside one of its callbacks: when the
+// browser starts, or when the open request's reply comes (the reply queue).
+class SelfDestroyingHost : public RecordingCallbacks {
+ public:
+  explicit SelfDestroyingHost(std::string at) : at_(std::move(at)) {}
+  void BrowserDidStart(int id) override {
+    RecordingCallbacks::BrowserDidStart(id);
+    if (at_ == "start") DestroyClient();
+  }
+  void OpenBrowserDidReply(int id) override {
+    RecordingCallbacks::OpenBrowserDidReply(id);
+    if (at_ == "open-reply") DestroyClient();
+  }
+  void DestroyClient() {
+    // The test hands the client over before it lets the callback go on.
+    while (!armed) std::this_thread::sleep_for(1ms);
+    owned.reset();
+    Add("destroyed");
+  }
+  std::atomic<bool> armed{false};
+  std::unique_ptr<OverlayClient> owned;
+
+ private:
+  std::string at_;
+};
+
+class OverlayClientLifetimeTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/slf-client-test-XXXXXX";
+    dir_ = mkdtemp(pattern);
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+  // A stand-in service for one host, and that host's client.
+  std::unique_ptr<OverlayClient> Connect(RecordingCallbacks& host) {
+    service_ = std::make_unique<FakeOverlayService>(dir_ + "/overlay-" + std::to_string(++services_) + ".sock");
+    streamloft::ConnectOptions options;
+    options.socketPath = service_->socketPath();
+    options.startOnDemand = false;
+    std::string error;
+    auto client = OverlayClient::Connect(host, options, &error);
+    EXPECT_TRUE(client) << error;
+    EXPECT_TRUE(service_->waitForHost());
+    return client;
+  }
+
+  std::string dir_;
+  int services_ = 0;
+  std::unique_ptr<FakeOverlayService> service_;
+};
+
+TEST_F(OverlayClientLifetimeTest, DestroyedInsideItsOwnCallbackTheClientEndsWithoutCallingBack) {
+  for (const std::string at : {"start", "open-reply"}) {
+    SCOPED_TRACE(at);
+    SelfDestroyingHost host(at);
+    auto client = Connect(host);
+    ASSERT_TRUE(client);
+    OverlayClient* raw = client.get();
+    host.owned = std::move(client);
+    ASSERT_TRUE(raw->OpenBrowser("https://example.org/", 64, 64, 30, {}));
+    if (at == "open-reply") {
+      ASSERT_EQ(host.WaitFor("start "), "start 7");
+      ASSERT_TRUE(raw->CloseBrowser(7));
+    }
+    host.armed = true;
+    ASSERT_EQ(host.WaitFor("destroyed"), "destroyed");
+    // The library thread ends on its own; nothing the service sends later
+    // reaches the host, not even the connection's end.
+    EXPECT_TRUE(ClientThreadEnds());
+    service_->callHost("BrowserDidStart", g_variant_new("(i)", 8));
+    EXPECT_EQ(host.WaitFor("start 8", 200ms), "");
+    EXPECT_EQ(host.WaitFor("closed", 0ms), "");
+    service_.reset();
+  }
+}
+
+// Destroyed from another thread while a callback runs: the destructor waits
+// for that callback, and nothing is called back after it has returned.
+TEST_F(OverlayClientLifetimeTest, DestroyedFromAnotherThreadDuringACallbackWaitsForIt) {
+  struct SlowHost : RecordingCallbacks {
+    void BrowserReceivedVideoFrame(int id, std::shared_ptr<const streamloft::VideoFrame>) override {
+      Add("frame-begin " + std::to_string(id));
+      std::this_thread::sleep_for(300ms);
+      Add("frame-end " + std::to_string(id));
+    }
+  } host;
+  auto client = Connect(host);
+  ASSERT_TRUE(client);
+  ASSERT_TRUE(client->OpenBrowser("https://example.org/", 64, 64, 30, {}));
+  ASSERT_EQ(host.WaitFor("start "), "start 7");
+  int fd = MakeSurface(4, 4, 64);
+  for (int i = 0; i < 5; ++i)
+    service_->callHost("BrowserReceivedVideoFrame", FrameCall(4, 4, 64, 1, 256), fd);
+  close(fd);
+  ASSERT_NE(host.WaitFor("frame-begin"), "");
+  client.reset();
+  size_t events;
+  {
+    std::lock_guard<std::mutex> guard(host.lock);
+    events = host.events.size();
+    EXPECT_EQ(host.events.back(), "frame-end 7") << "the destructor returned during a callback";
+  }
+  EXPECT_TRUE(ClientThreadEnds());
+  std::this_thread::sleep_for(200ms);
+  std::lock_guard<std::mutex> guard(host.lock);
+  EXPECT_EQ(host.events.size(), events) << host.events.back();
 }
 
 }  // namespace

@@ -14,6 +14,14 @@
 // up every later callback of that client, so hand long work to another thread.
 // The request methods may be called from any thread; requests are sent in the
 // order they are made.
+//
+// Destruction: an OverlayClient may be destroyed from any thread, also from
+// inside one of its own callbacks. From another thread the destructor waits
+// for a callback in progress to return (so a callback must not wait for the
+// thread that destroys its client) and no callback is made after it has
+// returned. Inside a callback the destructor returns at once; the callback in
+// progress runs to its end, no further callback is made, and the library
+// thread then ends on its own.
 #pragma once
 
 #include <sys/types.h>
@@ -97,8 +105,8 @@ class SLF_OVERLAY_EXPORT OverlayClient {
   static std::string DefaultSocketPath();
   static std::string DefaultHelperPath();
 
-  // Disconnects and joins the library thread. Frames and buffers the host
-  // still holds stay valid.
+  // Disconnects and ends the library thread (see "Destruction" above).
+  // Frames and buffers the host still holds stay valid.
   ~OverlayClient();
   OverlayClient(const OverlayClient&) = delete;
   OverlayClient& operator=(const OverlayClient&) = delete;
