@@ -18,28 +18,34 @@ constexpr double kMaximumFramerate = 1000;
 // The reply owed to one OpenBrowser request. Answered at most once; when it
 // is released unanswered (the connection went away), the request is dropped
 // without a reply.
+//
+// It owns the invocation's one reference, the one GDBus hands to the method
+// handler: answering consumes it, and so does dropping the request. The
+// invocation holds its message and thereby the connection, so a reference
+// kept past both would keep the connection's socket open for good.
 class SLFCefDeferredReply {
 public:
     explicit SLFCefDeferredReply(GDBusMethodInvocation* invocation)
-        : m_invocation(G_DBUS_METHOD_INVOCATION(g_object_ref(invocation)))
+        : m_invocation(invocation)
     {
     }
-    ~SLFCefDeferredReply() { g_object_unref(m_invocation); }
+    ~SLFCefDeferredReply()
+    {
+        if (GDBusMethodInvocation* invocation = m_invocation.exchange(nullptr))
+            g_object_unref(invocation);
+    }
     SLFCefDeferredReply(const SLFCefDeferredReply&) = delete;
     SLFCefDeferredReply& operator=(const SLFCefDeferredReply&) = delete;
 
     void reply(int browserID)
     {
-        if (m_answered.exchange(true))
-            return;
-        // return_value takes a reference of its own.
-        g_dbus_method_invocation_return_value(G_DBUS_METHOD_INVOCATION(g_object_ref(m_invocation)),
-                                              g_variant_new("(i)", browserID));
+        // return_value consumes the reference.
+        if (GDBusMethodInvocation* invocation = m_invocation.exchange(nullptr))
+            g_dbus_method_invocation_return_value(invocation, g_variant_new("(i)", browserID));
     }
 
 private:
-    GDBusMethodInvocation* m_invocation;
-    std::atomic<bool> m_answered{false};
+    std::atomic<GDBusMethodInvocation*> m_invocation;
 };
 
 bool IsValidLength(double value, double maximum)
@@ -317,7 +323,7 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
             return;
         }
         // Answered when this connection closes the browser; dropped unanswered
-        // if the connection goes first.
+        // if the connection goes first. Takes over the invocation.
         auto pending = std::make_shared<SLFCefDeferredReply>(invocation);
         object->openBrowserWithURL(url, NSSize{width, height}, framerate, permittedList,
                                    [pending](int browserID) { pending->reply(browserID); });
