@@ -5,6 +5,7 @@
 #include "service/SLFCefServiceDelegate.h"
 #include "service/SLFCefServiceSocket.h"
 #include "service/SLFCefXPCListener.h"
+#include "windows/SLFCefWindowManager.h"
 
 #if __has_include("dbg/dbg.h")
 #include "dbg/dbg.h"
@@ -108,6 +109,7 @@ int SLFCefServiceMain(int argc, char** argv)
                  "StreamloftCEFOverlayHelper");
     std::string listenPath;
     std::vector<std::string> logCommands;
+    unsigned idleExitSeconds = 60;
     app.add_option("--listen", listenPath,
                    "Listen on this Unix socket path (default: a socket handed over by systemd, else "
                    "$XDG_RUNTIME_DIR/streamloft/overlay-helper.sock)");
@@ -115,6 +117,10 @@ int SLFCefServiceMain(int argc, char** argv)
                    "Apply a log configuration command (repeatable; also STREAMLOFT_LOG, commands separated "
                    "by ';')")
         ->allow_extra_args(false);
+    app.add_option("--idle-exit", idleExitSeconds,
+                   "Exit after this many seconds without a host connection; 0 never exits (default 60). The host "
+                   "library, or systemd socket activation, starts the service again on the next connect")
+        ->check(CLI::NonNegativeNumber);
     app.set_version_flag("--version", std::string("StreamloftCEFOverlayHelper ") + SLF_VERSION);
     try {
         app.parse(argc, argv);
@@ -162,13 +168,34 @@ int SLFCefServiceMain(int argc, char** argv)
     listener->setDelegate(delegate);
     g_unix_signal_add(SIGTERM, OnTerminate, listener.get());
     g_unix_signal_add(SIGINT, OnTerminate, listener.get());
-    // Runs until the process is told to end.
+    bool idleExit = false;
+    listener->setIdleHandler(idleExitSeconds, [&] {
+        NSLog("No host connection for %u s: the service ends", idleExitSeconds);
+        idleExit = true;
+        // The address goes first, in this order: no new connection is
+        // accepted, the socket file goes (a host that connects from now on
+        // finds nothing and starts a new service), connections still queued
+        // on the socket are refused (their hosts start one too), and the lock
+        // is given up so that the new service can take the address while
+        // this one is still ending.
+        listener->stopAccepting();
+        SLFCefReleaseServiceSocket(socket);
+        listener->quit();
+    });
+    // Runs until the process is told to end, or has been idle long enough.
     listener->resume();
 
-    // Nothing is torn down at the end: browsers, connections and the engine
-    // go with the process (the web processes end when their connection to
-    // it closes). Only the address is given back, so that the next service
-    // can take it at once.
+    if (idleExit) {
+        // No connection is left, so no browser either: the engine is stopped
+        // (its web processes end within the engine's bound), and with it
+        // every audio pool, whose segment is unlinked as the pool goes.
+        listener->stop();
+        SLFCefWindowManager::sharedManager()->shutdownBrowser();
+    }
+    // When told to end, nothing is torn down: browsers, connections and the
+    // engine go with the process (the web processes end when their
+    // connection to it closes). Only the address is given back, so that the
+    // next service can take it at once.
     SLFCefReleaseServiceSocket(socket);
     // Audio segments are named in /dev/shm: they would outlive the process.
     NVKXPCAudioBufferPool::unlinkAllSegments();

@@ -23,21 +23,34 @@ std::string SystemError(const std::string& what, int error)
 SLFCefServiceSocketResult TakeLock(SLFCefServiceSocket& socket, std::string& error)
 {
     socket.lockPath = socket.socketPath + ".lock";
-    int fd = open(socket.lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        error = SystemError("cannot open the lock file " + socket.lockPath, errno);
-        return SLFCefServiceSocketResult::Failed;
-    }
-    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
-        int lockError = errno;
+    // A service that ends removes its lock file while it still holds the
+    // lock. A lock taken on a file that has been removed since it was opened
+    // keeps nobody out, so the file at the path is opened again until the
+    // lock is on it.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        int fd = open(socket.lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            error = SystemError("cannot open the lock file " + socket.lockPath, errno);
+            return SLFCefServiceSocketResult::Failed;
+        }
+        if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+            int lockError = errno;
+            close(fd);
+            if (lockError == EWOULDBLOCK)
+                return SLFCefServiceSocketResult::AlreadyServed;
+            error = SystemError("cannot lock " + socket.lockPath, lockError);
+            return SLFCefServiceSocketResult::Failed;
+        }
+        struct stat locked = {}, atPath = {};
+        if (fstat(fd, &locked) == 0 && stat(socket.lockPath.c_str(), &atPath) == 0 && locked.st_dev == atPath.st_dev &&
+            locked.st_ino == atPath.st_ino) {
+            socket.lockFd = fd;
+            return SLFCefServiceSocketResult::Ready;
+        }
         close(fd);
-        if (lockError == EWOULDBLOCK)
-            return SLFCefServiceSocketResult::AlreadyServed;
-        error = SystemError("cannot lock " + socket.lockPath, lockError);
-        return SLFCefServiceSocketResult::Failed;
     }
-    socket.lockFd = fd;
-    return SLFCefServiceSocketResult::Ready;
+    error = "the lock file " + socket.lockPath + " keeps being replaced";
+    return SLFCefServiceSocketResult::Failed;
 }
 
 SLFCefServiceSocketResult UseActivatedSocket(SLFCefServiceSocket& socket, std::string& error)
@@ -161,7 +174,10 @@ void SLFCefReleaseServiceSocket(SLFCefServiceSocket& socket)
     if (socket.createdByUs && socket.lockFd >= 0)
         unlink(socket.socketPath.c_str());
     socket.createdByUs = false;
-    if (socket.lockFd >= 0)
+    if (socket.lockFd >= 0) {
+        // Removed while still held (see TakeLock), then released.
+        unlink(socket.lockPath.c_str());
         close(socket.lockFd);
+    }
     socket.lockFd = -1;
 }

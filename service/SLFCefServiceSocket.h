@@ -6,6 +6,8 @@
 // $XDG_RUNTIME_DIR/streamloft/overlay-helper.sock in a folder of mode 0700.
 // A lock file next to the socket ("<socket>.lock", flock) is held for the
 // life of the service; a second service for the same address finds it taken.
+// The service removes the lock file (while it holds the lock) when it gives
+// the address up.
 #pragma once
 
 #include <string>
@@ -34,6 +36,8 @@ std::string SLFCefDefaultSocketPath();
 // says why.
 SLFCefServiceSocketResult SLFCefOpenServiceSocket(const std::string& listenPath, SLFCefServiceSocket& socket,
                                                   std::string& error);
-// Removes a socket file made by this process, then drops the lock. The
+// Removes a socket file made by this process (a socket handed over by
+// systemd stays), then removes the lock file and drops the lock. The
 // listening descriptor belongs to the listener by then and is not touched.
+// Safe to call more than once.
 void SLFCefReleaseServiceSocket(SLFCefServiceSocket& socket);

@@ -2,6 +2,8 @@
 
 #include "dbg/NSLog.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <unistd.h>
 
@@ -40,6 +42,8 @@ std::shared_ptr<SLFCefXPCListener> SLFCefXPCListener::CreateWithListeningSocket(
 SLFCefXPCListener::~SLFCefXPCListener()
 {
     stop();
+    m_idleHandler = nullptr;
+    updateIdleWait();
     if (m_service) {
         g_signal_handlers_disconnect_by_data(m_service, this);
         g_socket_listener_close(G_SOCKET_LISTENER(m_service));
@@ -56,7 +60,69 @@ SLFCefXPCListener::~SLFCefXPCListener()
 
 void SLFCefXPCListener::start()
 {
+    if (!m_service)
+        return;
     g_socket_service_start(m_service);
+    m_accepting = true;
+    updateIdleWait();
+}
+
+void SLFCefXPCListener::stopAccepting()
+{
+    m_accepting = false;
+    updateIdleWait();
+    if (!m_service)
+        return;
+    g_socket_service_stop(m_service);
+    g_signal_handlers_disconnect_by_data(m_service, this);
+    // Closes the listening socket: the kernel resets connections queued on
+    // it that were never accepted.
+    g_socket_listener_close(G_SOCKET_LISTENER(m_service));
+    g_object_unref(m_service);
+    m_service = nullptr;
+}
+
+void SLFCefXPCListener::setIdleHandler(unsigned seconds, std::function<void()> handler)
+{
+    m_idleSeconds = seconds;
+    m_idleHandler = std::move(handler);
+    // Started afresh with the new period.
+    if (m_idleSource) {
+        g_source_destroy(m_idleSource);
+        g_source_unref(m_idleSource);
+        m_idleSource = nullptr;
+    }
+    updateIdleWait();
+}
+
+void SLFCefXPCListener::updateIdleWait()
+{
+    const bool idle = m_accepting && m_idleHandler && m_idleSeconds > 0 && m_connections.empty() &&
+                      m_handshakes == 0;
+    if (idle && !m_idleSource) {
+        // Millisecond timing: a whole-second source may fire up to a second
+        // late.
+        m_idleSource = g_timeout_source_new(
+            static_cast<guint>(std::min<uint64_t>(uint64_t(m_idleSeconds) * 1000u, G_MAXUINT)));
+        g_source_set_callback(m_idleSource, OnIdleTimeout, this, nullptr);
+        g_source_attach(m_idleSource, g_main_context_default());
+    } else if (!idle && m_idleSource) {
+        g_source_destroy(m_idleSource);
+        g_source_unref(m_idleSource);
+        m_idleSource = nullptr;
+    }
+}
+
+gboolean SLFCefXPCListener::OnIdleTimeout(gpointer data)
+{
+    auto* listener = static_cast<SLFCefXPCListener*>(data);
+    g_source_unref(listener->m_idleSource);
+    listener->m_idleSource = nullptr;
+    // Accepting and the handshakes' ends run on this thread too, so nothing
+    // can have arrived since the wait was armed without disarming it.
+    if (listener->m_idleHandler)
+        listener->m_idleHandler();
+    return G_SOURCE_REMOVE;
 }
 
 void SLFCefXPCListener::resume()
@@ -106,6 +172,10 @@ gboolean SLFCefXPCListener::OnAllowMechanism(GDBusAuthObserver*, const gchar* me
 gboolean SLFCefXPCListener::OnIncoming(GSocketService*, GSocketConnection* connection, GObject*, gpointer data)
 {
     auto* listener = static_cast<SLFCefXPCListener*>(data);
+    // A connection from its first byte: the service does not go idle while a
+    // host is in its handshake.
+    ++listener->m_handshakes;
+    listener->updateIdleWait();
     auto flags = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_SERVER |
                                                    G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_REQUIRE_SAME_USER |
                                                    G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING);
@@ -123,10 +193,14 @@ void SLFCefXPCListener::OnConnectionReady(GObject*, GAsyncResult* result, gpoint
     delete handshake;
     GError* error = nullptr;
     GDBusConnection* connection = g_dbus_connection_new_finish(result, &error);
+    if (listener)
+        --listener->m_handshakes;
     if (!connection) {
         if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
             NSLog("%s - Refused a host connection: %s", "-[SLFCefXPCListener accept]", error->message);
         g_error_free(error);
+        if (listener)
+            listener->updateIdleWait();
         return;
     }
     if (listener)
@@ -134,6 +208,8 @@ void SLFCefXPCListener::OnConnectionReady(GObject*, GAsyncResult* result, gpoint
     else
         g_dbus_connection_close(connection, nullptr, nullptr, nullptr);
     g_object_unref(connection);
+    if (listener)
+        listener->updateIdleWait();
 }
 
 void SLFCefXPCListener::accept(GDBusConnection* connection)
@@ -182,4 +258,5 @@ void SLFCefXPCListener::reap(SLFCefXPCConnection* connection)
     std::shared_ptr<SLFCefXPCConnection> ended = std::move(entry->second);
     m_connections.erase(entry);
     ended->join();
+    updateIdleWait();
 }

@@ -15,6 +15,7 @@
 
 #include <gio/gio.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 
@@ -36,6 +37,18 @@ public:
     // Stops accepting, closes every connection (each runs its invalidation)
     // and waits for their threads.
     void stop();
+    // Stops accepting for good and closes the listening socket: connections
+    // still waiting in its queue are refused, so no host is left with a
+    // connection nobody will serve.
+    void stopAccepting();
+
+    // Calls `handler` (on the main thread) once there has been no connection
+    // for `seconds`, counting connections still in their handshake; 0 (or no
+    // handler) turns it off. The wait starts again whenever the last
+    // connection goes. The handler runs with no connection in existence; a
+    // listener that keeps accepting arms the wait again at the next end of
+    // its last connection.
+    void setIdleHandler(unsigned seconds, std::function<void()> handler);
 
     size_t numberOfConnections() const { return m_connections.size(); }
 
@@ -47,6 +60,9 @@ private:
     static gboolean OnAllowMechanism(GDBusAuthObserver* observer, const gchar* mechanism, gpointer data);
     void accept(GDBusConnection* connection);
     void reap(SLFCefXPCConnection* connection);
+    // Arms the idle wait when nothing is connected, disarms it otherwise.
+    void updateIdleWait();
+    static gboolean OnIdleTimeout(gpointer data);
 
     GSocketService* m_service = nullptr;
     GDBusAuthObserver* m_authObserver = nullptr;
@@ -56,4 +72,10 @@ private:
     SLFCefXPCListenerDelegate* m_delegate = nullptr;
     // Live connections; touched on the main thread only.
     std::map<SLFCefXPCConnection*, std::shared_ptr<SLFCefXPCConnection>> m_connections;
+    // Main thread only: connections accepted whose handshake has not ended.
+    size_t m_handshakes = 0;
+    bool m_accepting = false;
+    unsigned m_idleSeconds = 0;
+    std::function<void()> m_idleHandler;
+    GSource* m_idleSource = nullptr;
 };

@@ -152,6 +152,9 @@ TEST_F(OverlayServiceTest, ServiceCommandLineAndUnusableAddresses) {
     const char* output;  // expected in stdout when it exits with 0, else in stderr
   } cases[] = {{"--help", 0, "--listen"},
                {"--help", 0, "--log"},
+               {"--help", 0, "--idle-exit"},
+               {"--idle-exit=soon", 2, "--idle-exit"},
+               {"--idle-exit=-5", 2, "--idle-exit"},
                {"--version", 0, "StreamloftCEFOverlayHelper"},
                {"--bogus", 2, "--bogus"},
                {"stray", 2, ""},
