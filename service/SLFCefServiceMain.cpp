@@ -190,7 +190,13 @@ int SLFCefServiceMain(int argc, char** argv)
         // (its web processes end within the engine's bound), and with it
         // every audio pool, whose segment is unlinked as the pool goes.
         listener->stop();
+        // This thread owns the main context again (the loop has let it go),
+        // so the engine's stop runs here directly.
+        GMainContext* mainContext = g_main_context_default();
+        const bool owner = g_main_context_acquire(mainContext);
         SLFCefWindowManager::sharedManager()->shutdownBrowser();
+        if (owner)
+            g_main_context_release(mainContext);
     }
     // When told to end, nothing is torn down: browsers, connections and the
     // engine go with the process (the web processes end when their

@@ -113,6 +113,13 @@ Holdings Steady(pid_t pid) {
   return last;
 }
 
+std::set<std::string> AudioSegmentNames() {
+  std::set<std::string> names;
+  for (const auto& entry : std::filesystem::directory_iterator("/dev/shm"))
+    if (entry.path().filename().string().rfind("NVKXPCABN_", 0) == 0) names.insert(entry.path().filename().string());
+  return names;
+}
+
 bool ProcessIsGone(pid_t pid) {
   if (kill(pid, 0) != 0) return errno == ESRCH;
   std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
@@ -299,14 +306,19 @@ TEST(ServiceLifetimeChild, HoldFramesAndAudioUntilKilled) {
 // With --idle-exit=2 and no connection the service ends by itself and takes
 // its socket and lock file with it; the next Connect starts a new one.
 TEST_F(ServiceLifetimeTest, AnIdleServiceExitsAndTheNextConnectStartsAnother) {
+  const std::set<std::string> segmentsBefore = AudioSegmentNames();
   const pid_t idle = StartService({"--listen=" + socket_, "--idle-exit=2"});
   ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(socket_); }, 20s));
   {
-    // A connection holds it up; its end starts the wait again.
+    // A connection holds it up (here it also starts the engine, which the
+    // exit stops); its end starts the wait again.
     RecordingCallbacks host;
     auto client = Connect(host, false);
     ASSERT_TRUE(client);
     EXPECT_EQ(client->ServiceProcessID(), idle);
+    ASSERT_TRUE(client->OpenBrowser("file://" + kPages + "/av_overlay.html", 64, 48, 30, {"file://" + kPages + "/"}));
+    ASSERT_GT(Id(host.WaitFor("start ", 30s)), 0);
+    ASSERT_NE(host.WaitFor("audio-buffer ", 30s), "");
     std::this_thread::sleep_for(2500ms);
     EXPECT_TRUE(client->IsConnected());
     std::string error;
@@ -317,6 +329,11 @@ TEST_F(ServiceLifetimeTest, AnIdleServiceExitsAndTheNextConnectStartsAnother) {
   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
   EXPECT_FALSE(std::filesystem::exists(socket_));
   EXPECT_FALSE(std::filesystem::exists(socket_ + ".lock"));
+  // The audio pool's segment was unlinked.
+  EXPECT_EQ(AudioSegmentNames(), segmentsBefore);
+  std::ifstream log(socket_ + ".log");
+  std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+  EXPECT_NE(text.find("No host connection for 2 s: the service ends"), std::string::npos) << text;
 
   RecordingCallbacks host;
   auto client = Connect(host);
