@@ -228,11 +228,15 @@ TEST_F(ServiceLifetimeTest, ManyHostConnectionsLeaveNothingBehind) {
   constexpr int kSessions = 60;
   for (int i = 0; i < kSessions && !HasFailure(); ++i) HostSession(i % 3, url);
   ASSERT_FALSE(HasFailure());
-  const Holdings after = SettleTo(service, before);
-  EXPECT_LE(after.descriptors, before.descriptors) << "before: " << before.Describe() << "; after " << kSessions
+  // A slack of two: the engine opens a descriptor or starts a thread of its
+  // own now and then (timers, its memory monitor); what one connection
+  // leaves behind would show up 20 to 60 times over.
+  constexpr size_t kSlack = 2;
+  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0});
+  EXPECT_LE(after.descriptors, before.descriptors + kSlack) << "before: " << before.Describe() << "; after " << kSessions
                                                    << " host sessions: " << after.Describe() << "\n"
                                                    << DescribeDescriptors(service);
-  EXPECT_LE(after.threads, before.threads) << "before: " << before.Describe() << "; after: " << after.Describe();
+  EXPECT_LE(after.threads, before.threads + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
   // The service is whole: the anchor still gets a browser.
   ASSERT_TRUE(client->OpenBrowser(url, 64, 48, 30, {"file://" + kPages + "/"}));
   EXPECT_GT(Id(anchor.WaitFor("start ", 30s)), 0);
