@@ -279,11 +279,13 @@ TEST_F(ServiceLifetimeTest, AHostKilledWhileHoldingFramesAndAudioGivesEverything
   EXPECT_GE(holding.surfaces, 25u) << holding.Describe();
   EXPECT_GT(holding.audioSegments, 0u) << holding.Describe();
 
-  const Holdings after = SettleTo(service, before);
+  // The same slack as above for what the engine opens on its own.
+  constexpr size_t kSlack = 2;
+  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0});
   EXPECT_EQ(after.surfaces, 0u) << after.Describe();
   EXPECT_EQ(after.audioSegments, 0u) << after.Describe();
-  EXPECT_LE(after.descriptors, before.descriptors) << "before: " << before.Describe() << "; after: " << after.Describe();
-  EXPECT_LE(after.threads, before.threads) << "before: " << before.Describe() << "; after: " << after.Describe();
+  EXPECT_LE(after.descriptors, before.descriptors + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
+  EXPECT_LE(after.threads, before.threads + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
 }
 
 // The body of the killed host above; skipped when run on its own. It holds
