@@ -193,8 +193,8 @@ Pacing TimerBaseline(double fps, double seconds)
 {
     const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
     const long period = static_cast<long>(1e9 / fps);
-    struct itimerspec spec = {{period / 1000000000, period % 1000000000}, {period / 1000000000, period % 1000000000}};
-    timerfd_settime(fd, 0, &spec, nullptr);
+    struct itimerspec every = {{period / 1000000000, period % 1000000000}, {period / 1000000000, period % 1000000000}};
+    timerfd_settime(fd, 0, &every, nullptr);
     std::vector<Clock::time_point> times;
     const auto end = Clock::now() + std::chrono::duration<double>(seconds);
     while (Clock::now() < end) {
