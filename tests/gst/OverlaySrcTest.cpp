@@ -148,7 +148,7 @@ class OverlaySrcTest : public ::testing::Test {
 TEST_F(OverlaySrcTest, NegotiatesTheSizeStampsIncreasingTimesFollowsACapsChangeAndClosesOnEndOfStream) {
   ASSERT_TRUE(Launch(Source("client_overlay.html") +
                      " ! capsfilter name=filter caps=video/x-raw,width=400,height=300,framerate=30/1"
-                     " ! appsink name=sink sync=false max-buffers=4 drop=true"));
+                     " ! appsink name=sink sync=false max-buffers=4 drop=true wait-on-eos=false"));
   ASSERT_NE(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
   int browser = WaitForBrowserMessage(pipeline_, "slf-browser-started", 60);
   ASSERT_GT(browser, 0);
