@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -186,6 +187,13 @@ TEST_F(OverlaySrcTest, NegotiatesTheSizeStampsIncreasingTimesFollowsACapsChangeA
   // End of stream closes the browser and reaches the sink.
   gst_element_send_event(pipeline_, gst_event_new_eos());
   EXPECT_EQ(WaitForBrowserMessage(pipeline_, "slf-browser-closed", 30), browser);
+  // The sink holds end of stream behind the frames still queued in it.
+  for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+       !gst_app_sink_is_eos(GST_APP_SINK(sink)) && std::chrono::steady_clock::now() < deadline;) {
+    if (GstSample* queued = gst_app_sink_try_pull_sample(GST_APP_SINK(sink), GST_SECOND / 10))
+      gst_sample_unref(queued);
+  }
+  EXPECT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(sink)));
   GstMessage* eos = WaitForMessage(pipeline_, GST_MESSAGE_EOS, 30);
   EXPECT_TRUE(eos);
   if (eos) gst_message_unref(eos);
