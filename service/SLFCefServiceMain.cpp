@@ -1,6 +1,7 @@
 #include "service/SLFCefServiceMain.h"
 
 #include "audio_transport/NVKXPCAudioBufferPool.h"
+#include "dbg/FlowLog.h"
 #include "dbg/NSLog.h"
 #include "dbg/dbg.h"
 #include "engine/EngineLog.h"
@@ -59,6 +60,8 @@ void ConfigureLog(const std::vector<std::string>& commands)
     // flags over the command's.
     NplDebugModule();
     SLF_ChromiumEmbeddedFramework::EngineLog_GetModuleIndex();
+    FramesLog_GetModuleIndex();
+    AudioLog_GetModuleIndex();
     if (const char* environment = getenv("STREAMLOFT_LOG")) {
         std::stringstream list(environment);
         std::string command;
