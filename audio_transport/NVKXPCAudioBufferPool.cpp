@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "audio_transport/NVKXPCRecord.h"
+#include "dbg/FlowLog.h"
 #include "dbg/NSLog.h"
 
 namespace {
@@ -338,7 +339,10 @@ bool NVKXPCAudioBufferPool::ownsBuffer(const NVKXPCAudioBuffer& buffer) const
 std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBufferPool::bufferFromPool()
 {
     std::shared_ptr<NVKXPCAudioBuffer> buffer = m_freeBuffers.Dequeue();
+    if (m_isXPCService && !buffer)
+        SLF_AUDIO_LOG("%s: no free slot", m_shmemName.c_str());
     if (m_isXPCService && buffer) {
+        SLF_AUDIO_LOG("%s: slot at %llu taken", m_shmemName.c_str(), static_cast<unsigned long long>(buffer->offset()));
         buffer->setLength(0);
         buffer->setBitsPerSample(m_bitsPerSample);
         buffer->setSampleRate(m_sampleRate);
@@ -371,6 +375,7 @@ void NVKXPCAudioBufferPool::returnBuffer(const std::shared_ptr<NVKXPCAudioBuffer
             --m_buffersInUseCount;
         }
     }
+    SLF_AUDIO_LOG("%s: slot at %llu returned", m_shmemName.c_str(), static_cast<unsigned long long>(buffer->offset()));
     m_freeBuffers.Enqueue(buffer);
 }
 

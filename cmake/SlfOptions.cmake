@@ -48,8 +48,10 @@ endif()
 # slf_add_test(NAME SOURCES... LIBS...) builds one GoogleTest binary and
 # registers its cases with CTest. LABELS: "unit" runs everywhere (also under
 # the sanitizers), "integration" needs the real service and engine.
+# TEST_FILTER (a GoogleTest filter) keeps cases out of CTest, such as the body
+# of a child process that a test starts.
 function(slf_add_test name)
-  cmake_parse_arguments(T "" "LABEL;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "" "LABEL;TIMEOUT;TEST_FILTER" "SOURCES;LIBS" ${ARGN})
   if(NOT T_LABEL)
     set(T_LABEL unit)
   endif()
@@ -58,7 +60,11 @@ function(slf_add_test name)
   endif()
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main slf_warnings)
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT})
+  if(NOT T_TEST_FILTER)
+    set(T_TEST_FILTER "*")
+  endif()
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_FILTER ${T_TEST_FILTER}
+                       PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT})
 endfunction()
 
 # The second engine port, over WebKitGTK: built only when asked for (it needs

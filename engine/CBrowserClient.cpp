@@ -1,5 +1,6 @@
 #include "engine/CBrowserClient.h"
 
+#include "dbg/FlowLog.h"
 #include "engine/CBrowserApp.h"
 #include "engine/EngineLog.h"
 #include "platform/NplTypes.h"
@@ -437,15 +438,24 @@ void CBrowserClient::OnPaint(EngineBrowserRef browser, const void* buffer, int w
             continue;
         if (record.m_bSkipNextPaint) {
             record.m_bSkipNextPaint = false;
+            SLF_FRAMES_LOG("browser %d: frame %dx%d painted, skipped (the last before a reload)", id, width, height);
             continue;
+        }
+        if (!record.m_bReceivingFrames || !record.frameCallback) {
+            SLF_FRAMES_LOG("browser %d: frame %dx%d painted, dropped: delivery is off", id, width, height);
+            break;
         }
         // A frame of another size than the record's is stale (painted before
         // a resize) and is dropped.
-        if (record.m_bReceivingFrames && record.frameCallback && width >= 0 && height >= 0 &&
-            static_cast<unsigned int>(width) == record.width && static_cast<unsigned int>(height) == record.height) {
+        if (width >= 0 && height >= 0 && static_cast<unsigned int>(width) == record.width &&
+            static_cast<unsigned int>(height) == record.height) {
             const unsigned int byteCount = static_cast<unsigned int>(width) * static_cast<unsigned int>(height) * 4u;
+            SLF_FRAMES_LOG("browser %d: frame %dx%d painted, handed over", id, width, height);
             record.frameCallback(static_cast<unsigned char*>(const_cast<void*>(buffer)), byteCount,
                                  record.callbackContext);
+        } else {
+            SLF_FRAMES_LOG("browser %d: frame %dx%d painted, dropped for size (the browser is %ux%u)", id, width,
+                           height, record.width, record.height);
         }
         break;
     }
@@ -606,6 +616,8 @@ void CBrowserClient::OnAudioStreamStarted(EngineBrowserRef browser, int audioStr
     CBrowser* record = FindBrowserRecord(browser->GetIdentifier());
     if (!record)
         return;
+    SLF_AUDIO_LOG("browser %d: stream %d started (%d Hz, %d channels, %d bits)%s", record->id, audioStreamId,
+                  sampleRate, channels, bitsPerSample, record->m_bReceivingFrames ? "" : ", delivery is off");
     // The format is kept even while delivery is off, so packets after
     // enabling carry it.
     record->audioStreams[audioStreamId] = CAudioStream{audioStreamId, sampleRate, bitsPerSample, channels};
@@ -630,13 +642,21 @@ void CBrowserClient::OnAudioStreamPacket(EngineBrowserRef browser, int audioStre
         stream = record->audioStreams.at(audioStreamId);
     } catch (const std::out_of_range&) {
         // A packet of a stream that never started is dropped.
+        SLF_AUDIO_LOG("browser %d: stream %d: block of %d bytes dropped: the stream never started", record->id,
+                      audioStreamId, dataLength);
         return;
     }
-    if (record->m_bReceivingFrames && record->audioCallback)
-        record->audioCallback(audioStreamId, static_cast<unsigned char*>(const_cast<void*>(data)),
-                              static_cast<unsigned int>(dataLength), static_cast<unsigned int>(stream.m_nSampleRate),
-                              static_cast<unsigned int>(stream.m_nChannels),
-                              static_cast<unsigned int>(stream.m_nBitsPerSample), record->callbackContext);
+    if (!record->m_bReceivingFrames || !record->audioCallback) {
+        SLF_AUDIO_LOG("browser %d: stream %d: block of %d bytes dropped: delivery is off", record->id, audioStreamId,
+                      dataLength);
+        return;
+    }
+    SLF_AUDIO_LOG("browser %d: stream %d: block of %d bytes from the engine, handed over", record->id, audioStreamId,
+                  dataLength);
+    record->audioCallback(audioStreamId, static_cast<unsigned char*>(const_cast<void*>(data)),
+                          static_cast<unsigned int>(dataLength), static_cast<unsigned int>(stream.m_nSampleRate),
+                          static_cast<unsigned int>(stream.m_nChannels),
+                          static_cast<unsigned int>(stream.m_nBitsPerSample), record->callbackContext);
 }
 
 void CBrowserClient::OnAudioSteamStopped(EngineBrowserRef browser, int audioStreamId)
@@ -649,6 +669,7 @@ void CBrowserClient::OnAudioSteamStopped(EngineBrowserRef browser, int audioStre
     CBrowser* record = FindBrowserRecord(browser->GetIdentifier());
     if (!record)
         return;
+    SLF_AUDIO_LOG("browser %d: stream %d stopped", record->id, audioStreamId);
     // The stream's entry stays; a stop signal carries zeros for size and format.
     if (record->m_bReceivingFrames && record->audioCallback)
         record->audioCallback(audioStreamId, nullptr, 0, 0, 0, 0, record->callbackContext);

@@ -162,27 +162,12 @@ void CBrowserWrapper::CleanupCEFThread()
 
 std::string CBrowserWrapper::GetAuxiliaryExecutablePath()
 {
-    // readlink does not tell the length it needs: grow until the link fits.
-    std::string executablePath;
-    std::vector<char> buffer(256);
-    for (;;) {
-        const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
-        if (length < 0)
-            break;
-        if (static_cast<size_t>(length) < buffer.size()) {
-            executablePath.assign(buffer.data(), static_cast<size_t>(length));
-            break;
-        }
-        buffer.resize(buffer.size() * 2);
-    }
-    return GetAuxiliaryExecutablePathForExecutable(executablePath);
+    return NplFile_AddPathComponent(NplFile_ExecutableFolder(), kAuxiliaryExecutableName);
 }
 
 std::string CBrowserWrapper::GetAuxiliaryExecutablePathForExecutable(const std::string& executablePath)
 {
-    const size_t slash = executablePath.rfind('/');
-    const std::string folder = slash == std::string::npos ? std::string() : executablePath.substr(0, slash);
-    return NplFile_AddPathComponent(folder, kAuxiliaryExecutableName);
+    return NplFile_AddPathComponent(NplFile_FolderOf(executablePath), kAuxiliaryExecutableName);
 }
 
 // ---- forwarding -------------------------------------------------------------------------

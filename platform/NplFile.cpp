@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <vector>
+
 std::string NplFile_AddPathComponent(const std::string& folder, const std::string& component)
 {
     if (folder.empty())
@@ -20,6 +22,34 @@ std::string NplFile_AddPathComponent(const std::string& folder, const std::strin
         result += '/';
     result.append(component, start, std::string::npos);
     return result;
+}
+
+std::string NplFile_FolderOf(const std::string& path)
+{
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos)
+        return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string NplFile_ExecutablePath()
+{
+    // readlink does not tell the length it needs: grow until the link fits.
+    std::vector<char> buffer(256);
+    for (;;) {
+        const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
+        if (length <= 0)
+            return std::string();
+        if (static_cast<size_t>(length) < buffer.size())
+            return std::string(buffer.data(), static_cast<size_t>(length));
+        buffer.resize(buffer.size() * 2);
+    }
+}
+
+std::string NplFile_ExecutableFolder()
+{
+    const std::string path = NplFile_ExecutablePath();
+    return path.empty() ? std::string(".") : NplFile_FolderOf(path);
 }
 
 bool NplFile_FileExists(const std::string& path)

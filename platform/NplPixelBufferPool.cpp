@@ -1,5 +1,7 @@
 #include "platform/NplPixelBufferPool.h"
 
+#include "dbg/FlowLog.h"
+
 #include <cerrno>
 #include <cmath>
 #include <ctime>
@@ -46,9 +48,11 @@ public:
     void RecyclePixelBuffer(CNplPixelBuffer* buffer) override
     {
         bool freeIt = false;
+        size_t out = 0;
+        const int fd = buffer->GetIOSurface()->GetFd();
         {
             std::lock_guard<std::mutex> lock(m_Mutex);
-            --m_nOut;
+            out = --m_nOut;
             if (m_bAbandoned) {
                 freeIt = true;
             } else {
@@ -56,6 +60,8 @@ public:
                 m_Free.push_back(buffer);
             }
         }
+        // Logged after the pool's lock, which is a leaf.
+        SLF_FRAMES_LOG("surface %d %s (%zu out)", fd, freeIt ? "freed: its pool is gone" : "back in its pool", out);
         if (freeIt) {
             // The caller keeps this state alive until it returns.
             delete buffer;
@@ -152,17 +158,25 @@ NplPixelBufferStatus CNplPixelBufferPool::CreatePixelBuffer(const NplPixelBuffer
     *bufferOut = nullptr;
     const int64_t threshold = auxAttributes ? auxAttributes->allocationThreshold : 0;
     State& state = *m_pState;
+    size_t out = 0;
+    // The log lines come after the pool's lock, which is a leaf.
     {
-        std::lock_guard<std::mutex> lock(state.m_Mutex);
+        std::unique_lock<std::mutex> lock(state.m_Mutex);
         if (threshold > 0 && state.m_nOut >= static_cast<uint64_t>(threshold)) {
+            lock.unlock();
+            SLF_FRAMES_LOG("pool %p: threshold of %lld surfaces out reached: no surface", static_cast<void*>(this),
+                           static_cast<long long>(threshold));
             return kNplPixelBufferWouldExceedAllocationThreshold;
         }
-        ++state.m_nOut;
+        out = ++state.m_nOut;
         if (!state.m_Free.empty()) {
             CNplPixelBuffer* buffer = state.m_Free.back();
             state.m_Free.pop_back();
             buffer->ReviveFromPool();
             *bufferOut = buffer;
+            lock.unlock();
+            SLF_FRAMES_LOG("pool %p: surface %d reused (%zu out)", static_cast<void*>(this),
+                           buffer->GetIOSurface()->GetFd(), out);
             return kNplPixelBufferSuccess;
         }
         // The slot is counted as out while the new buffer is made outside
@@ -177,6 +191,7 @@ NplPixelBufferStatus CNplPixelBufferPool::CreatePixelBuffer(const NplPixelBuffer
         return kNplPixelBufferAllocationFailed;
     }
     *bufferOut = new CNplPixelBuffer(surface, m_pState);
+    SLF_FRAMES_LOG("pool %p: new surface %d (%zu out)", static_cast<void*>(this), surface->GetFd(), out);
     return kNplPixelBufferSuccess;
 }
 

@@ -1,29 +1,25 @@
 #include "service/SLFCefServiceMain.h"
 
 #include "audio_transport/NVKXPCAudioBufferPool.h"
+#include "dbg/FlowLog.h"
 #include "dbg/NSLog.h"
+#include "dbg/dbg.h"
+#include "engine/EngineLog.h"
+#include "engine/port/EnginePort.h"
+#include "platform/NplDebug.h"
 #include "service/SLFCefServiceDelegate.h"
 #include "service/SLFCefServiceSocket.h"
 #include "service/SLFCefXPCListener.h"
 #include "windows/SLFCefWindowManager.h"
 
-#if __has_include("dbg/dbg.h")
-#include "dbg/dbg.h"
-#define SLF_HAVE_DBGCOMMAND 1
-#endif
-
-#include "platform/NplDebug.h"
-#if SLF_HAVE_ENGINE
-#include "engine/EngineLog.h"
-#endif
-
-#if SLF_HAVE_WPE_ENGINE
-#include "engine/port/EnginePort.h"
-#include "engine/wpe/WebKitEnginePort.h"
-#include "engine/wpe/WebKitSandbox.h"
-#endif
+// The service executable links one engine port: WPE WebKit by default, or
+// WebKitGTK in the second executable of an SLF_ENGINE_GTK build (the two
+// export the same symbols, so one process cannot hold both).
 #if SLF_HAVE_GTK_ENGINE
 #include "engine/gtk/GtkEnginePort.h"
+#else
+#include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WebKitSandbox.h"
 #endif
 
 #include <CLI/CLI.hpp>
@@ -49,29 +45,23 @@ void ApplyLogCommand(const std::string& command)
 {
     if (command.find_first_not_of(" \t") == std::string::npos)
         return;
-#if SLF_HAVE_DBGCOMMAND
     dbgcommand(command.c_str());
-#else
-    NSLog("Log configuration is not part of this build; ignored \"%s\"", command.c_str());
-#endif
 }
 
 // STREAMLOFT_LOG first (commands separated by ";"), then every --log in
 // order, so that the command line has the last word.
 void ConfigureLog(const std::vector<std::string>& commands)
 {
-#if SLF_HAVE_DBGCOMMAND
     // Syslog lines carry the service's name.
     dbgopen("StreamloftCEFOverlayHelper");
-#endif
     // The modules are registered with their default flags before any
     // command names them: a command for a module that does not exist yet
     // would make it, and its registration would then lay the default level
     // flags over the command's.
     NplDebugModule();
-#if SLF_HAVE_ENGINE
     SLF_ChromiumEmbeddedFramework::EngineLog_GetModuleIndex();
-#endif
+    FramesLog_GetModuleIndex();
+    AudioLog_GetModuleIndex();
     if (const char* environment = getenv("STREAMLOFT_LOG")) {
         std::stringstream list(environment);
         std::string command;
@@ -86,11 +76,8 @@ void InstallEngine()
 {
 #if SLF_HAVE_GTK_ENGINE
     SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateGtkEnginePort());
-#elif SLF_HAVE_WPE_ENGINE
+#else
     SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateWebKitEnginePort());
-#endif
-#if !(SLF_HAVE_WPE_ENGINE || SLF_HAVE_GTK_ENGINE) || !SLF_HAVE_ENGINE
-    NSLog("No web engine in this build: open requests are answered with browser ID -1");
 #endif
 }
 
@@ -205,7 +192,7 @@ int SLFCefServiceMain(int argc, char** argv)
     SLFCefReleaseServiceSocket(socket);
     // Audio segments are named in /dev/shm: they would outlive the process.
     NVKXPCAudioBufferPool::unlinkAllSegments();
-#if SLF_HAVE_WPE_ENGINE
+#if !SLF_HAVE_GTK_ENGINE
     SLF_ChromiumEmbeddedFramework::RemoveEngineSocketFolder();
 #endif
     fflush(nullptr);

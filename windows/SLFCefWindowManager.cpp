@@ -1,12 +1,9 @@
 #include "windows/SLFCefWindowManager.h"
 
 #include "dbg/NSLog.h"
-#include "windows/SLFCefMainThread.h"
-
-#if SLF_HAVE_ENGINE
 #include "engine/BrowserCallbacks.h"
 #include "engine/CBrowserWrapper.h"
-#endif
+#include "windows/SLFCefMainThread.h"
 
 #include <cmath>
 #include <limits>
@@ -18,7 +15,7 @@ namespace {
 // Truncation toward zero into the engine's unsigned pixel and frame counts.
 // Values the engine cannot take (not a number, negative, too large) are
 // clamped instead of overflowing.
-[[maybe_unused]] unsigned int TruncatedToUnsigned(double value)
+unsigned int TruncatedToUnsigned(double value)
 {
     if (!(value > 0))
         return 0;
@@ -68,7 +65,6 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::startBrowserWithURL(
     representation->setPermittedFileURLStrings(permittedFileURLStrings);
 
     int browserID = -1;
-#if SLF_HAVE_ENGINE
     beginStart();
     SLF_ChromiumEmbeddedFramework::CAccessHandlingForRequestSettings accessHandling;
     accessHandling.handleRequestURL = SLFCefHandleRequestURL;
@@ -84,7 +80,6 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::startBrowserWithURL(
             wrapper->EnableReceivingFrames(browserID, true);
     }
     endStart();
-#endif
     representation->setBrowserID(browserID);
     registerWindowRepresentation(representation);
     return representation;
@@ -96,7 +91,6 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::updateBrowserWithID(int brows
     // Remember the flag and raise it in one step, so that of two concurrent
     // updates only the first goes ahead.
     bool wasUpdating = representation ? representation->exchangeUpdating(true) : false;
-#if SLF_HAVE_ENGINE
     CBrowserWrapper* wrapper = _browserWrapper.load();
     if (wrapper && browserID >= 0 && !wasUpdating) {
         // Frames stay off while the size changes, so that no image of the
@@ -109,10 +103,6 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::updateBrowserWithID(int brows
         if (representation)
             representation->setUpdating(false);
     }
-#else
-    (void)wasUpdating;
-    (void)size;
-#endif
     // Without an engine the flag stays raised: later updates are refused too.
     return representation;
 }
@@ -120,7 +110,6 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::updateBrowserWithID(int brows
 SLFCefWindowRepresentationRef SLFCefWindowManager::stopBrowserWithID(int browserID)
 {
     SLFCefWindowRepresentationRef representation = windowRepresentationWithID(browserID);
-#if SLF_HAVE_ENGINE
     CBrowserWrapper* wrapper = _browserWrapper.load();
     if (wrapper && browserID >= 0) {
         wrapper->EnableReceivingFrames(browserID, false);
@@ -130,7 +119,6 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::stopBrowserWithID(int browser
             representation->endSettingsWaits();
         wrapper->StopBrowser(browserID);
     }
-#endif
     unregisterWindowRepresentation(representation);
     // The engine keeps running after the last browser has gone.
     (void)numberOfOpenBrowserWindows();
@@ -183,7 +171,6 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::windowRepresentationWithID(in
 void SLFCefWindowManager::ensureBrowserIsRunnning()
 {
     SLFCefRunOnMainAndWait([this] {
-#if SLF_HAVE_ENGINE
         if (_browserWrapper.load())
             return;
         auto* wrapper = new CBrowserWrapper();
@@ -214,7 +201,6 @@ void SLFCefWindowManager::ensureBrowserIsRunnning()
         std::lock_guard<std::mutex> pumpGuard(m_pumpLock); // leaf lock
         browserProccessTimer = timer;
         m_pumpRunning = timer != nullptr;
-#endif
     });
 }
 
@@ -240,12 +226,10 @@ void SLFCefWindowManager::shutdownBrowser()
         }
         m_pumpDeadlineSource = nullptr;
         m_pumpDeadline = -1;
-#if SLF_HAVE_ENGINE
         if (CBrowserWrapper* wrapper = _browserWrapper.exchange(nullptr)) {
             wrapper->DeleteBrowserClientApplication();
             delete wrapper;
         }
-#endif
     });
 }
 
@@ -266,7 +250,6 @@ gboolean SLFCefWindowManager::pumpDeadlineThunk(gpointer manager)
 
 void SLFCefWindowManager::pumpEngine()
 {
-#if SLF_HAVE_ENGINE
     CBrowserWrapper* wrapper = _browserWrapper.load();
     if (!wrapper)
         return;
@@ -292,7 +275,6 @@ void SLFCefWindowManager::pumpEngine()
         SLFCefPeriodicSourceSetPeriod(browserProccessTimer, 0);
         m_pumpRunning = false;
     }
-#endif
 }
 
 void SLFCefWindowManager::beginStart()

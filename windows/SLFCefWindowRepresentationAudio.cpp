@@ -10,6 +10,7 @@
 #include "windows/SLFCefWindowRepresentation.h"
 
 #include "audio_transport/NVKXPCAudioBufferPool.h"
+#include "dbg/FlowLog.h"
 
 #include <gio/gio.h>
 
@@ -45,8 +46,12 @@ void SendBufferToReceivers(const SLFCefReceiverList& receivers, int browserID, i
                            const std::shared_ptr<NVKXPCAudioBuffer>& buffer)
 {
     RecordRef record(buffer->encodeRecord());
-    for (const SLFCefCallbackProxyRef& receiver : receivers)
+    for (const SLFCefCallbackProxyRef& receiver : receivers) {
+        SLF_AUDIO_LOG("browser %d: stream %d: slot at %llu (%llu bytes) sent to %s", browserID, streamID,
+                      static_cast<unsigned long long>(buffer->offset()),
+                      static_cast<unsigned long long>(buffer->length()), receiver->description().c_str());
         receiver->browserDidReceiveAudioStream(browserID, streamID, record.get(), [buffer] { buffer->returnToPool(); });
+    }
 }
 
 } // namespace
@@ -73,13 +78,17 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
     const int browser = browserID();
     // Without receivers everything is dropped, stream ends included: a pool
     // made earlier then stays until a later end finds a receiver.
-    if (!receivers || receivers->empty())
+    if (!receivers || receivers->empty()) {
+        SLF_AUDIO_LOG("browser %d: stream %d: %u bytes dropped: no receiver", browser, streamID, bufferSize);
         return;
+    }
 
     if (bufferSize == 0 && sampleRate == 0 && channels == 0 && bitsPerSample == 0) {
         // The stream ended. Dropping the pool unmaps the service's view of the
         // segment; slots still out with receivers go back to nothing.
         m_audioBufferPools.erase(streamID);
+        SLF_AUDIO_LOG("browser %d: stream %d: end sent to %zu receivers, pool let go", browser, streamID,
+                      receivers->size());
         for (const SLFCefCallbackProxyRef& receiver : *receivers) {
             // Every stream end brings one delivery without a buffer first.
             receiver->browserDidReceiveAudioStream(browser, streamID, g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0),
@@ -110,6 +119,9 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
         pool->setSampleRate(sampleRate);
         pool->setChannelCount(channels);
         pool->setBitsPerSample(bitsPerSample);
+        SLF_AUDIO_LOG("browser %d: stream %d: pool %s of %llu slots of %u bytes, start sent to %zu receivers", browser,
+                      streamID, pool->shmemName().c_str(), static_cast<unsigned long long>(kAudioBuffersPerStream),
+                      bufferSize, receivers->size());
         RecordRef poolRecord(pool->encodeRecord());
         for (const SLFCefCallbackProxyRef& receiver : *receivers) {
             receiver->browserWillStartAudioStream(browser, streamID, poolRecord.get());
@@ -132,8 +144,11 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
         if (!current) {
             current = pool->bufferFromPool();
             // Every slot is out: the rest of the block is dropped.
-            if (!current)
+            if (!current) {
+                SLF_AUDIO_LOG("browser %d: stream %d: no free slot, %llu of %u bytes dropped", browser, streamID,
+                              static_cast<unsigned long long>(remaining), bufferSize);
                 return;
+            }
             // The slot's first sample plays as far after the block's first
             // as the bytes before it last.
             const uint64_t before = bufferSize - remaining;

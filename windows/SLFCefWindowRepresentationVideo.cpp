@@ -4,6 +4,7 @@
 // the service and every receiver have let go of it.
 #include "windows/SLFCefWindowRepresentation.h"
 
+#include "dbg/FlowLog.h"
 #include "dbg/NSLog.h"
 
 #include <glib.h>
@@ -104,8 +105,10 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
     // One snapshot of the receivers for the whole frame.
     const SLFCefReceiverListRef receivers = receiverProxies();
     const int frameBrowserID = browserID();
-    if (!receivers || receivers->empty())
+    if (!receivers || receivers->empty()) {
+        SLF_FRAMES_LOG("browser %d: frame dropped: no receiver", frameBrowserID);
         return;
+    }
 
     // The engine's paint export calls straight through to here: now is when
     // the frame was painted, as far as anyone outside the web process can tell.
@@ -122,8 +125,12 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
         pool->Flush(0);
 
     const NplPixelBufferPtr pixelBuffer(createPixelBufferFromPool(pool));
-    if (!pixelBuffer)
-        return; // dropped: no pool, or the receivers hold too many frames
+    if (!pixelBuffer) {
+        // No pool, or the receivers hold too many frames.
+        SLF_FRAMES_LOG("browser %d: frame %llu dropped: no pooled surface", frameBrowserID,
+                       static_cast<unsigned long long>(sequence));
+        return;
+    }
 
     if (pixelBuffer->LockBaseAddress(0) == kNplPixelBufferSuccess) {
         // The painted image is as wide as the width truncated (the engine
@@ -157,14 +164,25 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
     // A failed lock sends the surface as it came from the pool.
 
     CNplSharedSurface* surface = pixelBuffer->GetIOSurface();
+    SLF_FRAMES_LOG("browser %d: frame %llu copied into surface %d", frameBrowserID,
+                   static_cast<unsigned long long>(sequence), surface->GetFd());
     GVariant* properties = g_variant_ref_sink(NplSharedSurface_BuildFramePropertiesVariant(
         surface->GetPropertiesVariant(), sequence, static_cast<uint64_t>(presentationTime)));
     for (const SLFCefCallbackProxyRef& receiver : *receivers) {
         // The receiver holds the surface until its reply arrives or its
         // connection closes; the surface lives at least that long.
         surface->IncrementUseCount();
+        SLF_FRAMES_LOG("browser %d: frame %llu on surface %d sent to %s", frameBrowserID,
+                       static_cast<unsigned long long>(sequence), surface->GetFd(), receiver->description().c_str());
         receiver->browserReceivedVideoFrame(frameBrowserID, surface->GetFd(), properties,
-                                            [surface] { surface->DecrementUseCount(); });
+                                            [surface, frameBrowserID, sequence] {
+                                                SLF_FRAMES_LOG("browser %d: frame %llu on surface %d let go by a "
+                                                               "receiver",
+                                                               frameBrowserID,
+                                                               static_cast<unsigned long long>(sequence),
+                                                               surface->GetFd());
+                                                surface->DecrementUseCount();
+                                            });
     }
     g_variant_unref(properties);
     // pixelBuffer is released here; the pool takes it back once every

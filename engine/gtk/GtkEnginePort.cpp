@@ -3,6 +3,7 @@
 #include "dbg/NSLog.h"
 #include "engine/gtk/GtkView.h"
 #include "engine/wpe/WebKitVariantCodec.h"
+#include "platform/NplFile.h"
 
 #include <gtk/gtk.h>
 #include <webkit2/webkit2.h>
@@ -28,24 +29,6 @@ const char kRendererProcessType[] = "renderer";
 // processes get 1000 ms to end by themselves, then SIGTERM and 200 ms.
 constexpr gint64 kShutdownWaitMicroseconds = 1000 * 1000;
 constexpr gint64 kTerminateWaitMicroseconds = 200 * 1000;
-
-std::string DirectoryOf(const std::string& path)
-{
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string ExecutableDirectory()
-{
-    char path[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (length <= 0)
-        return ".";
-    path[length] = '\0';
-    return DirectoryOf(path);
-}
 
 // Child processes of this process other than `except` that still run (the
 // engine's web and network processes, their sandbox launchers and proxies).
@@ -124,8 +107,8 @@ bool GtkEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
     EngineCommandLine commandLine;
     if (m_pApp)
         m_pApp->OnBeforeCommandLineProcessing(std::string(), commandLine);
-    m_strModuleFolder = settings.browser_subprocess_path.empty() ? ExecutableDirectory()
-                                                                 : DirectoryOf(settings.browser_subprocess_path);
+    m_strModuleFolder = settings.browser_subprocess_path.empty() ? NplFile_ExecutableFolder()
+                                                                 : NplFile_FolderOf(settings.browser_subprocess_path);
 
     // The private display first: GTK cannot start without one.
     const GtkHeadlessDisplay::Kind kind = GtkHeadlessDisplay::KindFromEnvironment();

@@ -9,6 +9,7 @@
 #include "engine/wpe/WebKitSandbox.h"
 #include "engine/wpe/WebKitVariantCodec.h"
 #include "engine/wpe/WebKitView.h"
+#include "platform/NplFile.h"
 
 #include <wpe/fdo.h>
 #include <wpe/unstable/fdo-shm.h>
@@ -39,26 +40,6 @@ const char kRendererProcessType[] = "renderer";
 constexpr gint64 kShutdownWaitMicroseconds = 1200 * 1000;
 constexpr gint64 kTerminateWaitMicroseconds = 200 * 1000;
 constexpr gint64 kKillWaitMicroseconds = 100 * 1000;
-
-std::string DirectoryOf(const std::string& path)
-{
-    const size_t slash = path.rfind('/');
-    if (slash == std::string::npos)
-        return ".";
-    if (slash == 0)
-        return "/";
-    return path.substr(0, slash);
-}
-
-std::string ExecutableDirectory()
-{
-    char path[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
-    if (length <= 0)
-        return ".";
-    path[length] = '\0';
-    return DirectoryOf(path);
-}
 
 } // namespace
 
@@ -142,8 +123,8 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     if (commandLine.HasSwitch("force-device-scale-factor") && !m_DeviceScaleFactor)
         NSLog("WebKitEnginePort::Initialize - ignoring force-device-scale-factor \"%s\": not a positive number",
               commandLine.GetSwitchValue("force-device-scale-factor").c_str());
-    m_strModuleFolder = settings.browser_subprocess_path.empty() ? ExecutableDirectory()
-                                                                 : DirectoryOf(settings.browser_subprocess_path);
+    m_strModuleFolder = settings.browser_subprocess_path.empty() ? NplFile_ExecutableFolder()
+                                                                 : NplFile_FolderOf(settings.browser_subprocess_path);
     m_strExtensionFolder = m_strModuleFolder + "/web-extensions";
     if (settings.multi_threaded_message_loop)
         NSLog("WebKitEnginePort::Initialize - a multi-threaded message loop is not offered; the caller pumps");

@@ -157,7 +157,7 @@ TEST_F(OverlayServiceTest, ServiceCommandLineAndUnusableAddresses) {
                {"--idle-exit=-5", 2, "--idle-exit"},
                {"--version", 0, "StreamloftCEFOverlayHelper"},
                {"--bogus", 2, "--bogus"},
-               {"stray", 2, ""},
+               {"stray", 2, "not expected: stray"},
                {"--listen=/proc/no/such/folder/s.sock", 1, "cannot create the folder"},
                {"--listen=/tmp/" + std::string(200, 'x') + ".sock", 1, "longer than"}};
   for (const auto& c : cases) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <thread>
 #include <tuple>
 #include <unistd.h>
@@ -59,7 +60,7 @@ TEST(CNplThreadMutex, RecursiveAndScopedLocks)
 TEST(DualMutexLock, SameLockHeldLockAndOppositeOrders)
 {
     // Mutexes of its own per case: no two cases lock a pair in opposite orders.
-    CNplThreadMutex a, b, c, d, e, f, g;
+    CNplThreadMutex a, b, c, d, e;
     {
         CNplThreadMutexLock first(a, false), second(a, false);
         DualMutexLock(first, second); // one lock, taken once
@@ -73,27 +74,46 @@ TEST(DualMutexLock, SameLockHeldLockAndOppositeOrders)
     }
     EXPECT_TRUE(FreeForOthers(a) && FreeForOthers(b) && FreeForOthers(c) && FreeForOthers(d) && FreeForOthers(e));
 
-    // Opposite orders from two threads while a third holds one lock: no deadlock.
-    std::atomic<bool> holding{false};
-    std::thread holder([&] {
-        g.Lock();
-        holding = true;
-        usleep(60000);
-        g.UnLock();
-    });
-    while (!holding)
-        usleep(1000);
-    auto takePairs = [](CNplThreadMutex& x, CNplThreadMutex& y) {
-        for (int i = 0; i < 5; ++i) {
-            CNplThreadMutexLock first(x, false), second(y, false);
-            DualMutexLock(first, second);
-            EXPECT_TRUE(first.IsLocked() && second.IsLocked());
-        }
+    // Opposite orders from two threads while a third holds one lock: both
+    // finish. A deadlock fails the test after 10 s instead of hanging the
+    // run; the stuck threads are then left behind with the state they share.
+    struct Shared {
+        CNplThreadMutex f, g;
+        std::atomic<bool> holding{false};
+        std::atomic<int> finished{0}, pairsNotHeld{0};
     };
-    std::thread reverse(takePairs, std::ref(g), std::ref(f));
-    takePairs(f, g);
-    reverse.join();
+    auto shared = std::make_shared<Shared>();
+    std::thread holder([shared] {
+        shared->g.Lock();
+        shared->holding = true;
+        usleep(60000);
+        shared->g.UnLock();
+    });
+    while (!shared->holding)
+        usleep(1000);
+    auto takePairs = [shared](bool reversed) {
+        for (int i = 0; i < 5; ++i) {
+            CNplThreadMutexLock first(reversed ? shared->g : shared->f, false);
+            CNplThreadMutexLock second(reversed ? shared->f : shared->g, false);
+            DualMutexLock(first, second);
+            if (!(first.IsLocked() && second.IsLocked()))
+                ++shared->pairsNotHeld;
+        }
+        ++shared->finished;
+    };
+    std::thread forward(takePairs, false), reverse(takePairs, true);
+    const int64_t deadline = NowMs() + 10000;
+    while (shared->finished < 2 && NowMs() < deadline)
+        usleep(1000);
     holder.join();
+    if (shared->finished < 2) {
+        forward.detach();
+        reverse.detach();
+        FAIL() << "locking two mutexes in opposite orders deadlocked";
+    }
+    forward.join();
+    reverse.join();
+    EXPECT_EQ(shared->pairsNotHeld, 0);
 }
 
 // Time-out 0 returns at once, a positive one after its time, a negative one waits for the signal.

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -94,31 +95,48 @@ TEST(SLFCefWindowRepresentation, ReceiverListIsCopiedOnWriteAndRepliesFollowThei
     EXPECT_TRUE(representation.replyForReceiverProxy(other));
 }
 
-TEST(SLFCefWindowRepresentation, ConcurrentReceiverChangesAndReadersStayConsistent)
+// Concurrent writers lose none of each other's changes, and a reader's
+// snapshot never changes under it.
+TEST(SLFCefWindowRepresentation, ConcurrentReceiverChangesAreNotLostAndSnapshotsStayFixed)
 {
     SLFCefWindowRepresentation representation;
     std::atomic<bool> stop{false};
+    std::atomic<int> changedSnapshots{0}, lostChanges{0};
     std::thread reader([&] {
         while (!stop) {
-            if (SLFCefReceiverListRef list = representation.receiverProxies()) {
-                for (const auto& receiver : *list)
-                    ASSERT_NE(receiver, nullptr);
-            }
+            SLFCefReceiverListRef snapshot = representation.receiverProxies();
+            if (!snapshot)
+                continue;
+            const SLFCefReceiverList copy = *snapshot;
+            std::this_thread::yield();
+            if (*snapshot != copy)
+                ++changedSnapshots;
         }
     });
     std::vector<std::thread> writers;
     for (int w = 0; w < 4; ++w)
         writers.emplace_back([&] {
             SLFCefCallbackProxyRef proxy = SLFCefCallbackProxy::Create(nullptr);
+            auto count = [&] {
+                SLFCefReceiverListRef list = representation.receiverProxies();
+                return list ? std::count(list->begin(), list->end(), proxy) : 0;
+            };
             for (int i = 0; i < 200; ++i) {
+                // Only this writer adds or removes its proxy.
                 representation.addReceiverProxiesObject(proxy, [](int) {});
+                if (count() != 1)
+                    ++lostChanges;
                 representation.removeReceiverProxiesObject(proxy);
+                if (count() != 0)
+                    ++lostChanges;
             }
         });
     for (auto& writer : writers)
         writer.join();
     stop = true;
     reader.join();
+    EXPECT_EQ(lostChanges, 0);
+    EXPECT_EQ(changedSnapshots, 0);
     EXPECT_TRUE(representation.receiverProxies()->empty());
 }
 
