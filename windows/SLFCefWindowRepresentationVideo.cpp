@@ -157,8 +157,10 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
     // A failed lock sends the surface as it came from the pool.
 
     CNplSharedSurface* surface = pixelBuffer->GetIOSurface();
-    GVariant* properties = g_variant_ref_sink(NplSharedSurface_BuildFramePropertiesVariant(
-        surface->GetPropertiesVariant(), sequence, static_cast<uint64_t>(presentationTime)));
+    streamloft::SurfaceProperties frameProperties = surface->GetProperties();
+    frameProperties.frameSequence = sequence;
+    frameProperties.framePresentationTime = static_cast<uint64_t>(presentationTime);
+    GVariant* properties = g_variant_ref_sink(streamloft::protocol::BuildSurfaceProperties(frameProperties));
     for (const SLFCefCallbackProxyRef& receiver : *receivers) {
         // The receiver holds the surface until its reply arrives or its
         // connection closes; the surface lives at least that long.

@@ -11,7 +11,7 @@
 #include <memory>
 #include <thread>
 
-#include "client/OverlayIntrospection.h"
+#include "protocol/OverlayProtocol.h"
 #include "tests/support/DBusPeer.h"
 
 class FakeOverlayService {
@@ -41,7 +41,7 @@ class FakeOverlayService {
   // "Method (parameters)" of each request, once `count` have come.
   std::vector<std::string> waitForRequests(size_t count) { return host_->waitForCalls(count); }
   guint32 callHost(const char* method, GVariant* parameters, int fd = -1) {
-    return host_->send(streamloft::kOverlayCallbacksObjectPath, streamloft::kOverlayCallbacksInterface, method,
+    return host_->send(streamloft::protocol::kCallbacksObjectPath, streamloft::protocol::kCallbacksInterface, method,
                        parameters, fd);
   }
   bool waitForReply(guint32 token, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
@@ -79,8 +79,9 @@ class FakeOverlayService {
         return {g_dbus_message_new_method_error(call, "com.streamloft.Error.InvalidURL", "URL does not parse")};
       id = nextBrowserID_++;
       openRequests_[id] = G_DBUS_MESSAGE(g_object_ref(call));
-      GDBusMessage* started = g_dbus_message_new_method_call(nullptr, streamloft::kOverlayCallbacksObjectPath,
-                                                             streamloft::kOverlayCallbacksInterface, "BrowserDidStart");
+      GDBusMessage* started =
+          g_dbus_message_new_method_call(nullptr, streamloft::protocol::kCallbacksObjectPath,
+                                         streamloft::protocol::kCallbacksInterface, "BrowserDidStart");
       g_dbus_message_set_body(started, g_variant_new("(i)", id));
       return {started};
     }
