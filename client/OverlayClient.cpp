@@ -16,9 +16,10 @@
 #include <thread>
 
 #include "client/AudioStreamReceiver.h"
-#include "client/OverlayIntrospection.h"
 #include "client/ServiceLauncher.h"
 #include "client/SurfaceMappingCache.h"
+#include "protocol/OverlayProtocol.h"
+#include "protocol/SurfaceDictionary.h"
 
 namespace streamloft {
 
@@ -121,7 +122,7 @@ GDBusMessage* FilterOpenReplies(GDBusConnection*, GDBusMessage* message, gboolea
       reply.ok = true;
       g_variant_get(body, "(i)", &reply.browserID);
     } else {
-      reply.error = std::string("OpenBrowser answered with an unexpected reply of type ") +
+      reply.error = std::string(protocol::kMethodOpenBrowser) + " answered with an unexpected reply of type " +
                     (body ? g_variant_get_type_string(body) : "()");
     }
   } else {
@@ -219,7 +220,8 @@ class OverlayClient::Impl {
     std::vector<const char*> strings;
     for (const auto& s : permitted) strings.push_back(s.c_str());
     GDBusMessage* message =
-        g_dbus_message_new_method_call(nullptr, kOverlayObjectPath, kOverlayInterface, "OpenBrowser");
+        g_dbus_message_new_method_call(nullptr, protocol::kServiceObjectPath, protocol::kServiceInterface,
+                                       protocol::kMethodOpenBrowser);
     g_dbus_message_set_body(message, g_variant_new("(sddd@as)", url.c_str(), width, height, framerate,
                                                    g_variant_new_strv(strings.data(), strings.size())));
     GError* gerror = nullptr;
@@ -234,7 +236,7 @@ class OverlayClient::Impl {
     g_object_unref(message);
     if (!sent) {
       std::string text = TakeError(gerror);
-      if (error) *error = "OpenBrowser: " + text;
+      if (error) *error = std::string(protocol::kMethodOpenBrowser) + ": " + text;
       return false;
     }
     return true;
@@ -248,9 +250,9 @@ class OverlayClient::Impl {
       return NotConnected(error);
     }
     GError* gerror = nullptr;
-    GVariant* result = g_dbus_connection_call_sync(connection_, nullptr, kOverlayObjectPath, kOverlayInterface,
-                                                   method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-                                                   nullptr, &gerror);
+    GVariant* result = g_dbus_connection_call_sync(connection_, nullptr, protocol::kServiceObjectPath,
+                                                   protocol::kServiceInterface, method, parameters, nullptr,
+                                                   G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &gerror);
     if (!result) {
       std::string text = TakeError(gerror);
       if (error) *error = std::string(method) + ": " + text;
@@ -321,8 +323,8 @@ class OverlayClient::Impl {
 
     static const GDBusInterfaceVTable vtable = {&Impl::HandleMethodCall, nullptr, nullptr, {}};
     GError* gerror = nullptr;
-    registration_ = g_dbus_connection_register_object(connection_, kOverlayCallbacksObjectPath,
-                                                      OverlayCallbacksInterfaceInfo(), &vtable, this, nullptr,
+    registration_ = g_dbus_connection_register_object(connection_, protocol::kCallbacksObjectPath,
+                                                      protocol::CallbacksInterfaceInfo(), &vtable, this, nullptr,
                                                       &gerror);
     if (registration_ == 0) {
       *failure = "cannot export the callback object: " + TakeError(gerror);
@@ -434,24 +436,24 @@ class OverlayClient::Impl {
       return;
     }
     const std::string name = method;
-    if (name == "BrowserReceivedVideoFrame") {
+    if (name == protocol::kMethodBrowserReceivedVideoFrame) {
       self->ReceiveVideoFrame(parameters, invocation);
-    } else if (name == "BrowserDidReceiveAudioStream") {
+    } else if (name == protocol::kMethodBrowserDidReceiveAudioStream) {
       self->ReceiveAudioBuffer(parameters, invocation);
-    } else if (name == "BrowserDidStart") {
+    } else if (name == protocol::kMethodBrowserDidStart) {
       gint32 browserID = 0;
       g_variant_get(parameters, "(i)", &browserID);
       SendEmptyReply(invocation);
       self->callbacks_.BrowserDidStart(browserID);
-    } else if (name == "BrowserWillStartAudioStream") {
+    } else if (name == protocol::kMethodBrowserWillStartAudioStream) {
       self->StartAudioStream(parameters, invocation);
-    } else if (name == "BrowserWillStopAudioStream") {
+    } else if (name == protocol::kMethodBrowserWillStopAudioStream) {
       gint32 browserID = 0, streamID = 0;
       g_variant_get(parameters, "(ii)", &browserID, &streamID);
       SendEmptyReply(invocation);
       self->audio_.StopStream(browserID, streamID);
       self->callbacks_.BrowserWillStopAudioStream(browserID, streamID);
-    } else if (name == "RequestSettingsDataForBrowser") {
+    } else if (name == protocol::kMethodRequestSettingsDataForBrowser) {
       gint32 browserID = 0;
       g_variant_get(parameters, "(i)", &browserID);
       SendEmptyReply(invocation);
@@ -469,7 +471,7 @@ class OverlayClient::Impl {
     std::string problem;
     SurfaceProperties properties;
     std::shared_ptr<const SurfaceMapping> mapping;
-    if (ParseSurfaceProperties(dictionary, &properties, &problem)) {
+    if (protocol::ParseSurfaceProperties(dictionary, &properties, &problem)) {
       GUnixFDList* fds = g_dbus_message_get_unix_fd_list(g_dbus_method_invocation_get_message(invocation));
       GError* gerror = nullptr;
       int fd = fds ? g_unix_fd_list_get(fds, fdIndex, &gerror) : -1;
@@ -565,17 +567,17 @@ bool OverlayClient::OpenBrowser(const std::string& url, double width, double hei
 }
 
 bool OverlayClient::UpdateBrowserSize(int browserID, double width, double height, std::string* error) {
-  return impl_->Call("UpdateBrowserSize", g_variant_new("(idd)", browserID, width, height), error);
+  return impl_->Call(protocol::kMethodUpdateBrowserSize, g_variant_new("(idd)", browserID, width, height), error);
 }
 
 bool OverlayClient::CloseBrowser(int browserID, std::string* error) {
-  return impl_->Call("CloseBrowser", g_variant_new("(i)", browserID), error);
+  return impl_->Call(protocol::kMethodCloseBrowser, g_variant_new("(i)", browserID), error);
 }
 
 bool OverlayClient::UpdateBrowserSettingsData(int browserID, const std::vector<uint8_t>& settingsData,
                                               std::string* error) {
   GVariant* bytes = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, settingsData.data(), settingsData.size(), 1);
-  return impl_->Call("UpdateBrowserSettingsData", g_variant_new("(i@ay)", browserID, bytes), error);
+  return impl_->Call(protocol::kMethodUpdateBrowserSettingsData, g_variant_new("(i@ay)", browserID, bytes), error);
 }
 
 bool OverlayClient::UpdateBrowserPermittedFileURLStrings(int browserID,
@@ -583,7 +585,7 @@ bool OverlayClient::UpdateBrowserPermittedFileURLStrings(int browserID,
                                                          std::string* error) {
   std::vector<const char*> strings;
   for (const auto& s : permittedFileURLStrings) strings.push_back(s.c_str());
-  return impl_->Call("UpdateBrowserPermittedFileURLStrings",
+  return impl_->Call(protocol::kMethodUpdateBrowserPermittedFileURLStrings,
                      g_variant_new("(i@as)", browserID, g_variant_new_strv(strings.data(), strings.size())), error);
 }
 

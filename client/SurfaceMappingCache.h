@@ -1,7 +1,7 @@
-// Reading the surfaces that come with BrowserReceivedVideoFrame: the
-// property dictionary, its checks against the surface's file, and read-only
-// mappings kept per surface so that a steady stream of frames over the same
-// few surfaces does not map and unmap memory for every frame.
+// Mapping the surfaces that come with frames: the checks of their properties
+// (parsed by protocol/SurfaceDictionary.h) against the surface's file, and
+// read-only mappings kept per surface so that a steady stream of frames over
+// the same few surfaces does not map and unmap memory for every frame.
 #pragma once
 
 #include <glib.h>
@@ -17,16 +17,6 @@
 #include "streamloft/VideoFrame.h"
 
 namespace streamloft {
-
-// Reads the seven IOSurface* keys from an a{sv} dictionary. Every key must be
-// present with a non-negative whole number (any D-Bus integer type, or a
-// double without a fraction) that fits its field.
-bool ParseSurfaceProperties(GVariant* dictionary, SurfaceProperties* properties, std::string* error);
-
-// Checks that the properties describe a BGRA image that lies inside a surface
-// file of `fileSize` bytes, so that reading width x height pixels at the
-// given stride never leaves the mapping.
-bool ValidateSurfaceProperties(const SurfaceProperties& properties, uint64_t fileSize, std::string* error);
 
 // One read-only mapping of a whole surface file.
 class SurfaceMapping {

@@ -17,7 +17,9 @@ inline GVariant* FuzzVariant(const char* type, const uint8_t* data, size_t size)
     GBytes* bytes = g_bytes_new(size ? data : nullptr, size);
     GVariant* value = g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(type), bytes, FALSE));
     g_bytes_unref(bytes);
-    GVariant* normal = g_variant_ref_sink(g_variant_get_normal_form(value));
+    // Already a full reference (never floating): sinking it again would add
+    // a second one, and every input's value would stay behind.
+    GVariant* normal = g_variant_get_normal_form(value);
     g_variant_unref(value);
     return normal;
 }

@@ -6,7 +6,7 @@
 #include "engine/wpe/WebKitAudioWire.h"
 #include "engine/wpe/WebKitResourceChannel.h"
 #include "engine/wpe/WebKitVariantCodec.h"
-#include "platform/NplSharedSurface.h"
+#include "protocol/SurfaceDictionary.h"
 
 #include <sys/stat.h>
 
@@ -99,14 +99,20 @@ int main(int argc, char** argv)
     pool.addString("NVKShmemName", "NVKXPCABN_0xffff00000000");
     WriteVariant("fuzz_audio_pool_record", "pool", pool.finish());
 
-    // Surface properties of a 64 x 32 frame with padded rows.
-    NplSharedSurfaceProperties surface;
+    // Surface properties of a 64 x 32 surface with padded rows, alone and
+    // with a frame's timing.
+    streamloft::SurfaceProperties surface;
     surface.width = 64;
     surface.height = 32;
     surface.bytesPerRow = 320;
+    surface.bytesPerElement = streamloft::kBytesPerPixelBGRA;
+    surface.pixelFormat = streamloft::kPixelFormatBGRA;
     surface.surfaceID = 5;
     surface.allocSize = 320 * 32;
-    WriteVariant("fuzz_surface_properties", "frame", NplSharedSurface_BuildPropertiesVariant(surface));
+    WriteVariant("fuzz_surface_properties", "frame", streamloft::protocol::BuildSurfaceProperties(surface));
+    surface.frameSequence = 12;
+    surface.framePresentationTime = 1234567890;
+    WriteVariant("fuzz_surface_properties", "frame_timed", streamloft::protocol::BuildSurfaceProperties(surface));
 
     // Resource frames: a question and an answer.
     auto question = Frame(g_variant_new(kQuestionType, guint64(3), "http://streamloft/settings"));

@@ -1,10 +1,10 @@
 // The host library receives a surface property dictionary (a{sv}) with every
-// frame: decode it, validate it against a real sealed surface file and map
-// it through the cache. Whatever passes must describe an image inside the
-// mapping; the inline reader of the platform header must agree on sizes.
+// frame: decode it with the protocol's parser, validate it against a real
+// sealed surface file and map it through the cache. Whatever passes must
+// describe an image inside the mapping.
 #include "client/SurfaceMappingCache.h"
 #include "fuzz/FuzzSupport.h"
-#include "platform/NplSharedSurface.h"
+#include "protocol/SurfaceDictionary.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -30,23 +30,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     static const int fd = SealedSurfaceFile();
     static auto* cache = new streamloft::SurfaceMappingCache;
 
-    // The decode calls.
+    // The decode call.
     GVariant* dictionary = FuzzVariant("a{sv}", data, size);
     streamloft::SurfaceProperties properties;
     std::string error;
-    const bool parsed = streamloft::ParseSurfaceProperties(dictionary, &properties, &error);
-    NplSharedSurfaceProperties inlineProperties;
-    const bool inlineParsed = NplSharedSurface_ParsePropertiesVariant(dictionary, &inlineProperties);
+    const bool parsed = streamloft::protocol::ParseSurfaceProperties(dictionary, &properties, &error);
     g_variant_unref(dictionary);
-
-    if (inlineParsed) {
-        const unsigned __int128 image =
-            static_cast<unsigned __int128>(inlineProperties.bytesPerRow) * inlineProperties.height;
-        FUZZ_CHECK(image <= inlineProperties.allocSize);
-        FUZZ_CHECK(static_cast<unsigned __int128>(inlineProperties.width) * 4 <= inlineProperties.bytesPerRow);
-    }
     if (!parsed)
         return 0;
+
+    // What the parser lets through describes an image inside its allocation.
+    const unsigned __int128 image = static_cast<unsigned __int128>(properties.bytesPerRow) * properties.height;
+    FUZZ_CHECK(image <= properties.allocSize);
+    FUZZ_CHECK(static_cast<uint64_t>(properties.width) * 4 <= properties.bytesPerRow);
+
     std::shared_ptr<const streamloft::SurfaceMapping> mapping = cache->Map(1, properties, fd, &error);
     if (!mapping)
         return 0;

@@ -22,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "protocol/OverlayProtocol.h"
 #include "streamloft/OverlayClient.h"
 
 GST_DEBUG_CATEGORY_STATIC(slf_overlay_src_debug);
@@ -108,11 +109,12 @@ void PostError(SlfOverlaySrc* self, OverlayError kind, const std::string& text, 
                                         __FILE__, GST_FUNCTION, __LINE__, details);
 }
 
-// The service's refusal "com.streamloft.Error.InvalidURL: ..." sorted into
-// the element's kinds of failure.
+// The service's refusal ("<error name>: <message>") sorted into the
+// element's kinds of failure.
 OverlayError KindOfRefusal(const std::string& error) {
-  if (error.find("InvalidURL") != std::string::npos) return OverlayError::InvalidURL;
-  if (error.find("InvalidArgs") != std::string::npos || error.find("InvalidArgument") != std::string::npos)
+  namespace protocol = streamloft::protocol;
+  if (error.find(protocol::kErrorInvalidURL) != std::string::npos) return OverlayError::InvalidURL;
+  if (error.find("InvalidArgs") != std::string::npos || error.find(protocol::kErrorInvalidArgument) != std::string::npos)
     return OverlayError::InvalidArgument;
   if (error.find("Disconnected") != std::string::npos || error.find("NoReply") != std::string::npos)
     return OverlayError::ConnectionClosed;

@@ -63,8 +63,8 @@ inline constexpr uint64_t kNplPixelBufferPoolFlushExcessBuffers = 1;
 
 class CNplPixelBufferPool {
 public:
-    // Largest width or height accepted.
-    static constexpr uint32_t kMaximumDimension = 16384;
+    // Largest width or height accepted: the protocol's largest surface.
+    static constexpr uint32_t kMaximumDimension = streamloft::protocol::kMaximumEdge;
 
     // Creates a pool. Invalid size (zero, negative, not finite, above the
     // maximum): kNplPixelBufferInvalidSize; another pixel format, or surface

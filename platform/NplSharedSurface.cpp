@@ -15,8 +15,9 @@ std::atomic<uint64_t> g_nNextSurfaceID{1};
 
 CNplSharedSurface* CNplSharedSurface::Create(uint32_t width, uint32_t height, uint64_t bytesPerRow)
 {
-    if (width == 0 || height == 0 || bytesPerRow / kNplSharedSurfaceBytesPerElement < width ||
-        bytesPerRow > UINT64_MAX / height) {
+    if (width == 0 || height == 0 || width > streamloft::protocol::kMaximumEdge ||
+        height > streamloft::protocol::kMaximumEdge || bytesPerRow / kNplSharedSurfaceBytesPerElement < width ||
+        bytesPerRow > UINT32_MAX) {
         errno = EINVAL;
         return nullptr;
     }
@@ -53,15 +54,11 @@ CNplSharedSurface* CNplSharedSurface::Create(uint32_t width, uint32_t height, ui
     surface->m_nAllocSize = allocSize;
     surface->m_nID = g_nNextSurfaceID.fetch_add(1, std::memory_order_relaxed);
     surface->m_pBase = base;
-    surface->m_pProperties = g_variant_ref_sink(NplSharedSurface_BuildPropertiesVariant(surface->GetProperties()));
     return surface;
 }
 
 CNplSharedSurface::~CNplSharedSurface()
 {
-    if (m_pProperties) {
-        g_variant_unref(m_pProperties);
-    }
     if (m_pBase) {
         munmap(m_pBase, m_nAllocSize);
     }
@@ -70,12 +67,12 @@ CNplSharedSurface::~CNplSharedSurface()
     }
 }
 
-NplSharedSurfaceProperties CNplSharedSurface::GetProperties() const
+streamloft::SurfaceProperties CNplSharedSurface::GetProperties() const
 {
-    NplSharedSurfaceProperties p;
+    streamloft::SurfaceProperties p;
     p.width = m_nWidth;
     p.height = m_nHeight;
-    p.bytesPerRow = m_nBytesPerRow;
+    p.bytesPerRow = static_cast<uint32_t>(m_nBytesPerRow); // fits: checked at creation
     p.bytesPerElement = kNplSharedSurfaceBytesPerElement;
     p.pixelFormat = kNplPixelFormatType_32BGRA;
     p.surfaceID = m_nID;

@@ -6,7 +6,7 @@ bool SLFCefServiceDelegate::listenerShouldAcceptNewConnection(SLFCefXPCListener&
                                                               const std::shared_ptr<SLFCefXPCConnection>& connection)
 {
     // The exported interface is the request interface, fixed for every
-    // connection (SLFCefOverlayInterface); the object is this connection's.
+    // connection (protocol/OverlayProtocol.h); the object is this connection's.
     auto exportedObject = std::make_shared<SLFCefOverlayXPC>();
     connection->setExportedObject(exportedObject);
     // The callback side: errors of its calls are swallowed.

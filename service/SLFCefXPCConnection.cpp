@@ -1,7 +1,7 @@
 #include "service/SLFCefXPCConnection.h"
 
 #include "dbg/NSLog.h"
-#include "service/SLFCefOverlayInterface.h"
+#include "protocol/OverlayProtocol.h"
 
 #include <pthread.h>
 
@@ -12,8 +12,26 @@
 
 namespace {
 
-constexpr double kMaximumPixels = 16384;
-constexpr double kMaximumFramerate = 1000;
+namespace protocol = streamloft::protocol;
+
+constexpr double kMaximumPixels = protocol::kMaximumEdge;
+
+// The message bus's greeting (org.freedesktop.DBus.Hello at
+// /org/freedesktop/DBus). There is no bus, but general D-Bus tools such as
+// `gdbus --address` greet every peer as if it were one; answering lets them
+// talk to the service directly.
+constexpr const char* kBusObjectPath = "/org/freedesktop/DBus";
+constexpr const char* kBusInterfaceName = "org.freedesktop.DBus";
+
+GDBusInterfaceInfo* BusGreetingInterfaceInfo()
+{
+    static GDBusNodeInfo* const node = g_dbus_node_info_new_for_xml(
+        "<node><interface name='org.freedesktop.DBus'>"
+        "<method name='Hello'><arg type='s' direction='out'/></method>"
+        "</interface></node>",
+        nullptr);
+    return g_dbus_node_info_lookup_interface(node, kBusInterfaceName);
+}
 
 // The reply owed to one OpenBrowser request. Answered at most once; when it
 // is released unanswered (the connection went away), the request is dropped
@@ -60,7 +78,7 @@ bool RefuseBadSize(GDBusMethodInvocation* invocation, const char* method, double
         return false;
     NSLog("%s - Refused size %g x %g", method, width, height);
     g_dbus_method_invocation_return_dbus_error(
-        invocation, SLFCefOverlayInterface::kErrorInvalidArgument,
+        invocation, protocol::kErrorInvalidArgument,
         "The size must be finite, not negative and at most 16384 pixels each way");
     return true;
 }
@@ -154,13 +172,12 @@ bool SLFCefXPCConnection::resume(GError** error)
     // thread default while it is registered: the connection's own. Nobody
     // owns that context yet, so this thread may push it for the moment.
     g_main_context_push_thread_default(m_context);
-    m_registrationID = g_dbus_connection_register_object(m_connection, SLFCefOverlayInterface::kObjectPath,
-                                                         SLFCefOverlayInterface::RequestInterfaceInfo(), &vtable,
-                                                         this, nullptr, error);
+    m_registrationID = g_dbus_connection_register_object(m_connection, protocol::kServiceObjectPath,
+                                                         protocol::RequestInterfaceInfo(), &vtable, this, nullptr,
+                                                         error);
     if (m_registrationID)
         m_greetingRegistrationID = g_dbus_connection_register_object(
-            m_connection, SLFCefOverlayInterface::kBusObjectPath, SLFCefOverlayInterface::BusGreetingInterfaceInfo(),
-            &vtable, this, nullptr, nullptr);
+            m_connection, kBusObjectPath, BusGreetingInterfaceInfo(), &vtable, this, nullptr, nullptr);
     g_main_context_pop_thread_default(m_context);
     if (!m_registrationID)
         return false;
@@ -272,7 +289,7 @@ void SLFCefXPCConnection::OnMethodCall(GDBusConnection*, const gchar*, const gch
                                        const gchar* methodName, GVariant* parameters,
                                        GDBusMethodInvocation* invocation, gpointer data)
 {
-    if (strcmp(interfaceName, SLFCefOverlayInterface::kBusInterfaceName) == 0) {
+    if (strcmp(interfaceName, kBusInterfaceName) == 0) {
         // A tool's bus greeting: give it a name of the bus's form.
         static std::atomic<unsigned> serial{0};
         gchar* name = g_strdup_printf(":1.%u", ++serial);
@@ -295,7 +312,7 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
         return;
     }
 
-    if (strcmp(methodName, "OpenBrowser") == 0) {
+    if (strcmp(methodName, protocol::kMethodOpenBrowser) == 0) {
         const gchar* url = nullptr;
         double width = 0, height = 0, framerate = 0;
         gchar** permitted = nullptr;
@@ -306,7 +323,7 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
         if (!g_uri_is_valid(url, G_URI_FLAGS_NONE, &uriError)) {
             NSLog("%s - Refused URL '%s': %s", "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]",
                   url, uriError->message);
-            g_dbus_method_invocation_return_dbus_error(invocation, SLFCefOverlayInterface::kErrorInvalidURL,
+            g_dbus_method_invocation_return_dbus_error(invocation, protocol::kErrorInvalidURL,
                                                        uriError->message);
             g_error_free(uriError);
             return;
@@ -314,11 +331,11 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
         if (RefuseBadSize(invocation, "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]",
                           width, height))
             return;
-        if (!IsValidLength(framerate, kMaximumFramerate)) {
+        if (!IsValidLength(framerate, protocol::kMaximumFramerate)) {
             NSLog("%s - Refused frame rate %g", "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]",
                   framerate);
             g_dbus_method_invocation_return_dbus_error(
-                invocation, SLFCefOverlayInterface::kErrorInvalidArgument,
+                invocation, protocol::kErrorInvalidArgument,
                 "The frame rate must be finite, not negative and at most 1000 frames a second");
             return;
         }
@@ -330,18 +347,18 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
         return;
     }
 
-    if (strcmp(methodName, "UpdateBrowserSize") == 0) {
+    if (strcmp(methodName, protocol::kMethodUpdateBrowserSize) == 0) {
         gint32 browserID = 0;
         double width = 0, height = 0;
         g_variant_get(parameters, "(idd)", &browserID, &width, &height);
         if (RefuseBadSize(invocation, "-[SLFCefOverlayXPC updateBrowser:withSize:]", width, height))
             return;
         object->updateBrowserWithSize(browserID, NSSize{width, height});
-    } else if (strcmp(methodName, "CloseBrowser") == 0) {
+    } else if (strcmp(methodName, protocol::kMethodCloseBrowser) == 0) {
         gint32 browserID = 0;
         g_variant_get(parameters, "(i)", &browserID);
         object->closeBrowser(browserID);
-    } else if (strcmp(methodName, "UpdateBrowserSettingsData") == 0) {
+    } else if (strcmp(methodName, protocol::kMethodUpdateBrowserSettingsData) == 0) {
         gint32 browserID = 0;
         GVariant* bytes = nullptr;
         g_variant_get(parameters, "(i@ay)", &browserID, &bytes);
@@ -350,7 +367,7 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
         auto settings = std::make_shared<const std::vector<uint8_t>>(data, data + length);
         g_variant_unref(bytes);
         object->updateBrowserWithSettingsData(browserID, std::move(settings));
-    } else if (strcmp(methodName, "UpdateBrowserPermittedFileURLStrings") == 0) {
+    } else if (strcmp(methodName, protocol::kMethodUpdateBrowserPermittedFileURLStrings) == 0) {
         gint32 browserID = 0;
         gchar** strings = nullptr;
         g_variant_get(parameters, "(i^as)", &browserID, &strings);

@@ -1,6 +1,6 @@
 // One accepted host connection: a peer-to-peer GDBusConnection, a thread of
 // its own running a GMainContext of its own (the connection's serial queue),
-// the exported SLFCefOverlayXPC at /com/streamloft/SLFCefOverlayXPC, and the
+// the exported SLFCefOverlayXPC at the protocol's service object path, and the
 // handlers that the service delegate installs.
 //
 // Requests of one connection run on its thread, in order. The connection's

@@ -1,8 +1,12 @@
 #include "windows/SLFCefCallbackProxy.h"
 
+#include "protocol/OverlayProtocol.h"
+
 #include <gio/gunixfdlist.h>
 
 #include <cstdio>
+
+namespace protocol = streamloft::protocol;
 
 std::shared_ptr<SLFCefCallbackProxy> SLFCefCallbackProxy::Create(GDBusConnection* connection)
 {
@@ -72,29 +76,30 @@ std::string SLFCefCallbackProxy::description() const
 
 void SLFCefCallbackProxy::browserDidStart(int browserID)
 {
-    sendWithoutReply("BrowserDidStart", g_variant_new("(i)", browserID));
+    sendWithoutReply(protocol::kMethodBrowserDidStart, g_variant_new("(i)", browserID));
 }
 
 void SLFCefCallbackProxy::requestSettingsDataForBrowser(int browserID)
 {
-    sendWithoutReply("RequestSettingsDataForBrowser", g_variant_new("(i)", browserID));
+    sendWithoutReply(protocol::kMethodRequestSettingsDataForBrowser, g_variant_new("(i)", browserID));
 }
 
 void SLFCefCallbackProxy::browserWillStartAudioStream(int browserID, int streamID, GVariant* pool)
 {
-    sendWithoutReply("BrowserWillStartAudioStream", g_variant_new("(ii@a{sv})", browserID, streamID, pool));
+    sendWithoutReply(protocol::kMethodBrowserWillStartAudioStream,
+                     g_variant_new("(ii@a{sv})", browserID, streamID, pool));
 }
 
 void SLFCefCallbackProxy::browserWillStopAudioStream(int browserID, int streamID)
 {
-    sendWithoutReply("BrowserWillStopAudioStream", g_variant_new("(ii)", browserID, streamID));
+    sendWithoutReply(protocol::kMethodBrowserWillStopAudioStream, g_variant_new("(ii)", browserID, streamID));
 }
 
 void SLFCefCallbackProxy::browserDidReceiveAudioStream(int browserID, int streamID, GVariant* buffer,
                                                        std::function<void()> done)
 {
-    callWithReply("BrowserDidReceiveAudioStream", g_variant_new("(ii@a{sv})", browserID, streamID, buffer), nullptr,
-                  std::move(done));
+    callWithReply(protocol::kMethodBrowserDidReceiveAudioStream,
+                  g_variant_new("(ii@a{sv})", browserID, streamID, buffer), nullptr, std::move(done));
 }
 
 void SLFCefCallbackProxy::browserReceivedVideoFrame(int browserID, int surfaceFd, GVariant* properties,
@@ -112,8 +117,8 @@ void SLFCefCallbackProxy::browserReceivedVideoFrame(int browserID, int surfaceFd
             done();
         return;
     }
-    callWithReply("BrowserReceivedVideoFrame", g_variant_new("(ih@a{sv})", browserID, handle, properties), fds,
-                  std::move(done));
+    callWithReply(protocol::kMethodBrowserReceivedVideoFrame,
+                  g_variant_new("(ih@a{sv})", browserID, handle, properties), fds, std::move(done));
     g_object_unref(fds);
 }
 
@@ -123,7 +128,8 @@ void SLFCefCallbackProxy::sendWithoutReply(const char* member, GVariant* paramet
         g_variant_unref(g_variant_ref_sink(parameters));
         return;
     }
-    GDBusMessage* message = g_dbus_message_new_method_call(nullptr, kObjectPath, kInterfaceName, member);
+    GDBusMessage* message =
+        g_dbus_message_new_method_call(nullptr, protocol::kCallbacksObjectPath, protocol::kCallbacksInterface, member);
     g_dbus_message_set_body(message, parameters);
     g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
     // A closed connection fails the send; that error is swallowed on purpose.
@@ -167,7 +173,8 @@ void SLFCefCallbackProxy::callWithReply(const char* member, GVariant* parameters
     }
     // No time-out: a host may hold a frame or an audio buffer as long as it
     // likes; the connection's end finishes the call.
-    GDBusMessage* message = g_dbus_message_new_method_call(nullptr, kObjectPath, kInterfaceName, member);
+    GDBusMessage* message =
+        g_dbus_message_new_method_call(nullptr, protocol::kCallbacksObjectPath, protocol::kCallbacksInterface, member);
     g_dbus_message_set_body(message, parameters);
     if (fds)
         g_dbus_message_set_unix_fd_list(message, fds);

@@ -1,6 +1,6 @@
 // The service's handle on one host connection's callback side: calls go to
-// the interface com.streamloft.SLFCefOverlayXPCCallbacksProtocol at
-// /com/streamloft/SLFCefOverlayXPCCallbacks on that connection.
+// the protocol's callback interface at its object path on that connection
+// (protocol/OverlayProtocol.h).
 //
 // One proxy is made per host connection. It is shared (reference counted)
 // and compared by identity: the same proxy is the connection's key in every
@@ -19,9 +19,6 @@
 
 class SLFCefCallbackProxy {
 public:
-    static constexpr const char* kObjectPath = "/com/streamloft/SLFCefOverlayXPCCallbacks";
-    static constexpr const char* kInterfaceName = "com.streamloft.SLFCefOverlayXPCCallbacksProtocol";
-
     // Takes its own reference to the connection. Without a connection every
     // call is dropped (and `done` runs at once).
     static std::shared_ptr<SLFCefCallbackProxy> Create(GDBusConnection* connection);

@@ -166,8 +166,10 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
     CNplSharedSurface* surface = pixelBuffer->GetIOSurface();
     SLF_FRAMES_LOG("browser %d: frame %llu copied into surface %d", frameBrowserID,
                    static_cast<unsigned long long>(sequence), surface->GetFd());
-    GVariant* properties = g_variant_ref_sink(NplSharedSurface_BuildFramePropertiesVariant(
-        surface->GetPropertiesVariant(), sequence, static_cast<uint64_t>(presentationTime)));
+    streamloft::SurfaceProperties frameProperties = surface->GetProperties();
+    frameProperties.frameSequence = sequence;
+    frameProperties.framePresentationTime = static_cast<uint64_t>(presentationTime);
+    GVariant* properties = g_variant_ref_sink(streamloft::protocol::BuildSurfaceProperties(frameProperties));
     for (const SLFCefCallbackProxyRef& receiver : *receivers) {
         // The receiver holds the surface until its reply arrives or its
         // connection closes; the surface lives at least that long.

@@ -2,7 +2,7 @@
 // has it mapped (pool buffer, row copy, the surface sent over a real D-Bus
 // connection, the host's read-only mapping and its reply), compared with
 // one plain memcpy of the same image in the same run.
-#include "platform/NplSharedSurface.h"
+#include "protocol/SurfaceDictionary.h"
 #include "tests/support/InProcessHost.h"
 #include "windows/SLFCefWindowRepresentation.h"
 
@@ -71,8 +71,8 @@ private:
         gint32 handle = -1;
         GVariant* properties = nullptr;
         g_variant_get(parameters, "(ih@a{sv})", &browserID, &handle, &properties);
-        NplSharedSurfaceProperties surface;
-        const bool parsed = NplSharedSurface_ParsePropertiesVariant(properties, &surface);
+        streamloft::SurfaceProperties surface;
+        const bool parsed = streamloft::protocol::ParseSurfaceProperties(properties, &surface);
         g_variant_unref(properties);
         GUnixFDList* list = g_dbus_message_get_unix_fd_list(g_dbus_method_invocation_get_message(invocation));
         const int fd = parsed && list ? g_unix_fd_list_get(list, handle, nullptr) : -1;

@@ -11,7 +11,7 @@
 #include <memory>
 #include <thread>
 
-#include "client/OverlayIntrospection.h"
+#include "protocol/OverlayProtocol.h"
 #include "tests/support/DBusPeer.h"
 
 class FakeOverlayService {
@@ -41,7 +41,7 @@ class FakeOverlayService {
   // "Method (parameters)" of each request, once `count` have come.
   std::vector<std::string> waitForRequests(size_t count) { return host_->waitForCalls(count); }
   guint32 callHost(const char* method, GVariant* parameters, int fd = -1) {
-    return host_->send(streamloft::kOverlayCallbacksObjectPath, streamloft::kOverlayCallbacksInterface, method,
+    return host_->send(streamloft::protocol::kCallbacksObjectPath, streamloft::protocol::kCallbacksInterface, method,
                        parameters, fd);
   }
   bool waitForReply(guint32 token, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
@@ -72,20 +72,22 @@ class FakeOverlayService {
     const std::string method = g_dbus_message_get_member(call);
     GVariant* body = g_dbus_message_get_body(call);
     int id = 0;  // never an open browser's
-    if (method == "OpenBrowser") {
+    if (method == streamloft::protocol::kMethodOpenBrowser) {
       const gchar* url = nullptr;
       g_variant_get_child(body, 0, "&s", &url);
       if (!strstr(url, "://"))
-        return {g_dbus_message_new_method_error(call, "com.streamloft.Error.InvalidURL", "URL does not parse")};
+        return {g_dbus_message_new_method_error(call, streamloft::protocol::kErrorInvalidURL, "URL does not parse")};
       id = nextBrowserID_++;
       openRequests_[id] = G_DBUS_MESSAGE(g_object_ref(call));
-      GDBusMessage* started = g_dbus_message_new_method_call(nullptr, streamloft::kOverlayCallbacksObjectPath,
-                                                             streamloft::kOverlayCallbacksInterface, "BrowserDidStart");
+      GDBusMessage* started =
+          g_dbus_message_new_method_call(nullptr, streamloft::protocol::kCallbacksObjectPath,
+                                         streamloft::protocol::kCallbacksInterface,
+                                         streamloft::protocol::kMethodBrowserDidStart);
       g_dbus_message_set_body(started, g_variant_new("(i)", id));
       return {started};
     }
     std::vector<GDBusMessage*> out;
-    if (method == "CloseBrowser") g_variant_get(body, "(i)", &id);
+    if (method == streamloft::protocol::kMethodCloseBrowser) g_variant_get(body, "(i)", &id);
     // As the service: the open request's reply goes before the close's own.
     if (auto open = openRequests_.find(id); open != openRequests_.end()) {
       out.push_back(g_dbus_message_new_method_reply(open->second));

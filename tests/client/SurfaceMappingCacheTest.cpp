@@ -1,5 +1,5 @@
-// Frame surfaces: their properties, the checks against their memory, and
-// the per-surface mapping cache.
+// The per-surface mapping cache and its checks of a surface's memory (the
+// properties themselves are tested in tests/protocol/).
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -21,72 +21,6 @@ int Memfd(size_t size, bool seal = true) {
   EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
   EXPECT_EQ(seal ? fcntl(fd, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW) : 0, 0);
   return fd;
-}
-
-// What the service sends is read in the frames' end-to-end tests; here, the
-// values it must refuse.
-TEST(SurfacePropertiesTest, ReadsAnyWholeNumberTypeAndRefusesMissingOrMistypedValues) {
-  SurfaceProperties p;
-  std::string error;
-  // Any integer type, or a double without a fraction, is read.
-  struct {
-    const char* width;
-    bool withFormat;
-    const char* error;  // "" when it is read
-  } cases[] = {
-      {"<uint16 16>", true, ""},
-      {"<-16>", true, "IOSurfaceWidth is not a non-negative whole number"},
-      {"<16.5>", true, "IOSurfaceWidth is not a non-negative whole number"},
-      {"<'16'>", true, "IOSurfaceWidth is not a non-negative whole number"},
-      {"<uint64 4294967296>", true, "IOSurfaceWidth is out of range"},
-      {"<16>", false, "IOSurfacePixelFormat is missing"},
-  };
-  for (const auto& c : cases) {
-    std::string text = std::string("{'IOSurfaceWidth': ") + c.width +
-                       ", 'IOSurfaceHeight': <2.0>, 'IOSurfaceBytesPerRow': <64>, 'IOSurfaceBytesPerElement': <byte 4>,"
-                       " 'IOSurfaceID': <int64 9>, 'IOSurfaceAllocSize': <uint32 128>" +
-                       (c.withFormat ? ", 'IOSurfacePixelFormat': <uint32 0x42475241>}" : "}");
-    GVariant* d = g_variant_ref_sink(g_variant_new_parsed(text.c_str()));
-    p = {};
-    EXPECT_EQ(ParseSurfaceProperties(d, &p, &error), !*c.error) << text;
-    EXPECT_NE(error.find(c.error), std::string::npos) << error;
-    if (!*c.error) {
-      EXPECT_EQ(std::tie(p.width, p.height, p.surfaceID), std::make_tuple(16u, 2u, uint64_t(9)));
-    }
-    g_variant_unref(d);
-  }
-  GVariant* notADictionary = g_variant_ref_sink(g_variant_new_int32(1));
-  EXPECT_FALSE(ParseSurfaceProperties(notADictionary, &p, &error));
-  g_variant_unref(notADictionary);
-}
-
-TEST(SurfacePropertiesTest, ValidationKeepsEveryReadInsideTheMemory) {
-  std::string error;
-  EXPECT_TRUE(ValidateSurfaceProperties(Props(16, 2, 64, 128), 128, &error)) << error;
-  EXPECT_TRUE(ValidateSurfaceProperties(Props(16, 2, 128, 256), 4096, &error)) << error;  // padded rows
-  SurfaceProperties wrongFormat = Props(16, 2, 64, 128), wrongElement = wrongFormat;
-  wrongFormat.pixelFormat = 0x41524742;
-  wrongElement.bytesPerElement = 3;
-  struct {
-    SurfaceProperties p;
-    uint64_t fileSize;
-    const char* message;
-  } cases[] = {
-      {Props(16, 2, 63, 128), 128, "stride 63 is shorter than a row of 64 bytes"},
-      {Props(16, 3, 64, 128), 128, "smaller than its image of 192 bytes"},
-      {Props(16, 2, 64, 256), 128, "exceeds its memory of 128 bytes"},
-      {Props(0, 2, 64, 128), 128, "surface is empty"},
-      {Props(16, 0, 64, 128), 128, "surface is empty"},
-      // Products that would wrap in 32 bits.
-      {Props(0x40000000, 4, 0x10000000, 1024), 1024, "shorter than a row"},
-      {Props(1, 0x10000, 0x10000, 0x10000), 0x10000, "smaller than its image"},
-      {wrongFormat, 128, ""},
-      {wrongElement, 128, ""},
-  };
-  for (const auto& c : cases) {
-    EXPECT_FALSE(ValidateSurfaceProperties(c.p, c.fileSize, &error)) << c.message;
-    EXPECT_NE(error.find(c.message), std::string::npos) << error;
-  }
 }
 
 TEST(SurfaceMappingCacheTest, MapsEachSurfaceOnceReadOnlyAndRefusesUnsafeMemory) {

@@ -28,6 +28,9 @@ TEST(NplSharedSurface, SealedMemorySharedWithReadOnlyMappings)
 {
     EXPECT_FALSE(MakeSurface(0, 1, 64));
     EXPECT_FALSE(MakeSurface(17, 1, 64)); // 68 bytes of pixels in a 64-byte row
+    // Surfaces their properties could not describe to a host.
+    EXPECT_FALSE(MakeSurface(16385, 1, 65540 + 60));
+    EXPECT_FALSE(MakeSurface(1, 1, uint64_t{1} << 32));
     auto surface = MakeSurface(10, 3, 64), next = MakeSurface(10, 3, 64);
     ASSERT_TRUE(surface && next);
     EXPECT_EQ(surface->GetAllocSize(), 192u);

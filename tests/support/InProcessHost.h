@@ -5,16 +5,14 @@
 // CloseHostConnection. Everything runs in the test thread's default context.
 #pragma once
 
+#include "protocol/OverlayProtocol.h"
+
 #include <gio/gio.h>
 #include <sys/socket.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <functional>
-
-#ifndef SLF_SOURCE_DIR
-#error "SLF_SOURCE_DIR must name the source tree"
-#endif
 
 class InProcessHost {
 public:
@@ -48,25 +46,19 @@ public:
 
         // Calls arrive only while the context runs, so never before the
         // derived host is complete.
-        gchar* xml = nullptr;
-        g_file_get_contents(SLF_SOURCE_DIR "/service/com.streamloft.SLFCefOverlayXPC.xml", &xml, nullptr, nullptr);
-        m_nodeInfo = g_dbus_node_info_new_for_xml(xml, nullptr);
-        g_free(xml);
         static const GDBusInterfaceVTable vtable = {
             [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant* parameters,
                GDBusMethodInvocation* invocation,
                gpointer self) { static_cast<InProcessHost*>(self)->OnMethodCall(method, parameters, invocation); },
             nullptr, nullptr, {}};
-        m_registration = g_dbus_connection_register_object(
-            m_host, "/com/streamloft/SLFCefOverlayXPCCallbacks",
-            g_dbus_node_info_lookup_interface(m_nodeInfo, "com.streamloft.SLFCefOverlayXPCCallbacksProtocol"),
-            &vtable, this, nullptr, nullptr);
+        m_registration = g_dbus_connection_register_object(m_host, streamloft::protocol::kCallbacksObjectPath,
+                                                           streamloft::protocol::CallbacksInterfaceInfo(), &vtable,
+                                                           this, nullptr, nullptr);
     }
     virtual ~InProcessHost()
     {
         CloseHostConnection();
         g_object_unref(m_service);
-        g_dbus_node_info_unref(m_nodeInfo);
         // Let finished calls run their completions.
         for (int i = 0; i < 20; ++i)
             g_main_context_iteration(nullptr, FALSE);
@@ -113,6 +105,5 @@ protected:
 private:
     GDBusConnection* m_service = nullptr;
     GDBusConnection* m_host = nullptr;
-    GDBusNodeInfo* m_nodeInfo = nullptr;
     guint m_registration = 0;
 };

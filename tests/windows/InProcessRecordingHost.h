@@ -4,7 +4,7 @@
 #pragma once
 
 #include "audio_transport/NVKXPCAudioBufferPool.h"
-#include "platform/NplSharedSurface.h"
+#include "protocol/SurfaceDictionary.h"
 #include "tests/support/InProcessHost.h"
 
 #include <gio/gunixfdlist.h>
@@ -20,7 +20,7 @@ class InProcessRecordingHost : public InProcessHost {
 public:
     struct Frame {
         int browserID = -1;
-        NplSharedSurfaceProperties properties;
+        streamloft::SurfaceProperties properties;
         const unsigned char* pixels = nullptr; // read-only mapping of the surface
         GDBusMethodInvocation* invocation = nullptr;
         // B, G, R, A in memory: read as 0xAARRGGBB.
@@ -90,11 +90,11 @@ private:
     {
         Event event;
         GVariant* record = nullptr;
-        if (g_strcmp0(method, "BrowserReceivedVideoFrame") == 0) {
+        if (g_strcmp0(method, streamloft::protocol::kMethodBrowserReceivedVideoFrame) == 0) {
             Frame frame;
             gint32 handle = -1;
             g_variant_get(parameters, "(ih@a{sv})", &frame.browserID, &handle, &record);
-            const bool parsed = NplSharedSurface_ParsePropertiesVariant(record, &frame.properties);
+            const bool parsed = streamloft::protocol::ParseSurfaceProperties(record, &frame.properties);
             g_variant_unref(record);
             GUnixFDList* list = g_dbus_message_get_unix_fd_list(g_dbus_method_invocation_get_message(invocation));
             const int fd = (parsed && list) ? g_unix_fd_list_get(list, handle, nullptr) : -1;
@@ -109,15 +109,15 @@ private:
             m_frames.push_back(frame);
             return;
         }
-        if (g_strcmp0(method, "BrowserWillStopAudioStream") == 0) {
+        if (g_strcmp0(method, streamloft::protocol::kMethodBrowserWillStopAudioStream) == 0) {
             g_variant_get(parameters, "(ii)", &event.browserID, &event.streamID);
             event.kind = Kind::Stop;
         } else if (g_str_has_suffix(method, "AudioStream")) {
             g_variant_get(parameters, "(ii@a{sv})", &event.browserID, &event.streamID, &record);
         }
-        if (g_strcmp0(method, "BrowserWillStartAudioStream") == 0)
+        if (g_strcmp0(method, streamloft::protocol::kMethodBrowserWillStartAudioStream) == 0)
             event.pool = m_pools[event.streamID] = NVKXPCAudioBufferPool::initWithRecord(record);
-        else if (g_strcmp0(method, "BrowserDidReceiveAudioStream") == 0) {
+        else if (g_strcmp0(method, streamloft::protocol::kMethodBrowserDidReceiveAudioStream) == 0) {
             event.kind = Kind::Buffer;
             event.buffer = NVKXPCAudioBuffer::initWithRecord(record);
             const auto& pool = m_pools[event.streamID];

@@ -9,6 +9,7 @@
 #include <iterator>
 #include <regex>
 
+#include "protocol/OverlayProtocol.h"
 #include "tools/slf-overlay-capture/CaptureSession.h"
 
 namespace {
@@ -18,7 +19,8 @@ bool ParseSize(const std::string& text, uint32_t* width, uint32_t* height) {
   std::smatch match;
   if (!std::regex_match(text, match, pattern)) return false;
   unsigned long w = std::stoul(match[1]), h = std::stoul(match[2]);
-  if (w == 0 || h == 0 || w > 16384 || h > 16384) return false;
+  constexpr unsigned long kMaximum = streamloft::protocol::kMaximumEdge;
+  if (w == 0 || h == 0 || w > kMaximum || h > kMaximum) return false;
   *width = static_cast<uint32_t>(w);
   *height = static_cast<uint32_t>(h);
   return true;
@@ -67,7 +69,8 @@ int main(int argc, char** argv) {
   }
 
   if (!ParseSize(size, &options.width, &options.height)) {
-    fprintf(stderr, "slf-overlay-capture: --size must be WxH with 1 to 16384 pixels each, not '%s'\n", size.c_str());
+    fprintf(stderr, "slf-overlay-capture: --size must be WxH with 1 to %u pixels each, not '%s'\n",
+            streamloft::protocol::kMaximumEdge, size.c_str());
     return 2;
   }
   options.startOnDemand = !noStart;
