@@ -106,7 +106,7 @@ class BrowserHandleTest : public ::testing::Test {
 };
 
 TEST_F(BrowserHandleTest, TwoHandlesOnOneClientGetTheirOwnEventsAndDroppingOneClosesItsBrowser) {
-  RecordingCallbacks client, first, second;
+  RecordingCallbacks client, first, second, third;
   auto overlay = Connect(client);
   ASSERT_TRUE(overlay);
   // Started on demand, detached: not a child of this process.
@@ -135,7 +135,6 @@ TEST_F(BrowserHandleTest, TwoHandlesOnOneClientGetTheirOwnEventsAndDroppingOneCl
   EXPECT_EQ(second.WaitFor("closed", 0ms), "");
   // A browser opened after a close works as well (the service binds one
   // browser to a connection, so it gets a connection of its own).
-  RecordingCallbacks third;
   auto c = overlay->OpenBrowser(Page(), third.events());
   EXPECT_GT(Id(third.WaitFor("start ", 30s)), 0);
   EXPECT_NE(third.WaitFor("frame ", 30s), "");

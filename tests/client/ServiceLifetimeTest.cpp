@@ -36,14 +36,6 @@ bool Answers(OverlayClient& client) {
   return probe.WaitFor("failed", 10s).rfind("failed invalid-url", 0) == 0;
 }
 
-// Whether the service answers the client: a URL that does not parse is
-// refused with its typed error (and changes nothing in the service).
-bool Answers(OverlayClient& client) {
-  RecordingCallbacks probe;
-  auto browser = client.OpenBrowser({"not a url", 10, 10, 1, {}}, probe.events());
-  return probe.WaitFor("failed", 10s).rfind("failed invalid-url", 0) == 0;
-}
-
 int Id(const std::string& event) { return event.empty() ? 0 : std::atoi(event.c_str() + event.rfind(' ') + 1); }
 
 size_t CountEntries(const std::string& folder) {
