@@ -289,9 +289,13 @@ void ClientCore::Send(const StatePtr& state, const char* method, GVariant* argum
           error = ErrorFromGError(gerror);
           g_error_free(gerror);
         }
-        if (auto core = call->core.lock()) core->Complete(call->done, std::move(error));
+        if (auto core = call->core.lock()) {
+          core->Complete(call->done, std::move(error));
+          if (--call->state->inFlight == 0 && call->state->releasePending) core->ReleaseChannel(call->state);
+        }
       },
       new PendingCall{weak_from_this(), state, std::move(done)});
+  ++state->inFlight;
 }
 
 void ClientCore::Close(const StatePtr& state, Completion done)
@@ -325,6 +329,10 @@ void ClientCore::Fail(const StatePtr& state, const Error& error)
 
 void ClientCore::ReleaseChannel(const StatePtr& state)
 {
+  // The service answers the open request (the close) before the close
+  // request itself: the connection goes once every answer is in.
+  state->releasePending = state->inFlight > 0;
+  if (state->releasePending) return;
   BrowserChannel* channel = state->channel;
   state->channel = nullptr;
   if (!channel) return;

@@ -57,6 +57,8 @@ class Browser::State {
   bool dropped = false;  // the last handle is gone: close once started, deliver nothing
   BrowserChannel* channel = nullptr;
   std::vector<std::function<void()>> waiting;  // requests made before the start, in order
+  int inFlight = 0;              // requests sent and not answered
+  bool releasePending = false;   // the connection is let go once they are
 };
 
 class ClientCore : public std::enable_shared_from_this<ClientCore> {
@@ -88,6 +90,9 @@ class ClientCore : public std::enable_shared_from_this<ClientCore> {
   void Fail(const StatePtr& state, const Error& error);
   // From the channels.
   void BrowserStarted(BrowserChannel& channel, int browserID);
+  // Unbinds the browser from its connection (closing a connection of its
+  // own), once its requests have been answered.
+  void ReleaseChannel(const StatePtr& state);
   void ChannelClosed(BrowserChannel& channel);
   // Closes every connection; the failures and connectionClosed are queued
   // before this returns.
@@ -111,7 +116,6 @@ class ClientCore : public std::enable_shared_from_this<ClientCore> {
  private:
   void SendOpen(BrowserChannel& channel, const StatePtr& state);
   void OpenOnNewChannel(const StatePtr& state);
-  void ReleaseChannel(const StatePtr& state);
   // Sends a request of a started browser (consumes the floating
   // `arguments`), or completes it with the reason it cannot be sent.
   void Send(const StatePtr& state, const char* method, GVariant* arguments, Completion done);

@@ -89,7 +89,7 @@ class BrowserHandleTest : public ::testing::Test {
         [&] {
           gchar* out = nullptr;
           std::string command = "gdbus call --address unix:path=" + socket_ +
-                                " --object-path /com/streamloft/SLFCefOverlayXPC --method "
+                                " --dest com.streamloft.SLFCefOverlayHelper --object-path /com/streamloft/SLFCefOverlayXPC --method "
                                 "com.streamloft.SLFCefOverlayXPCProtocol.UpdateBrowserSize " +
                                 std::to_string(id) + " 10 10";
           g_spawn_command_line_sync(command.c_str(), &out, nullptr, nullptr, nullptr);
@@ -142,6 +142,10 @@ TEST_F(BrowserHandleTest, TwoHandlesOnOneClientGetTheirOwnEventsAndDroppingOneCl
   EXPECT_EQ(third.WaitFor("close "), "close ok");
   EXPECT_EQ(Id(third.WaitFor("closed ", 10s)), c->ID());
   EXPECT_EQ(client.WaitFor("problem", 0ms), "");
+  if (HasFailure())
+    for (auto* recorder : {&client, &first, &second, &third})
+      for (const auto& e : recorder->Events())
+        if (e.rfind("frame", 0) != 0) std::cout << "event: " << e << "\n";
 }
 
 TEST_F(BrowserHandleTest, RefusedRequestsGiveTypedErrors) {
