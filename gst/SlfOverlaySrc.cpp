@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -212,12 +213,22 @@ class OverlayHost : public streamloft::BrowserEvents {
   // End of stream asked for by the application: the browser closes and every
   // pad ends.
   void CloseForEndOfStream() {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (closed_ || !browser_) return;
-    closed_ = true;
-    browser_->Close([this](const std::optional<streamloft::Error>& error) {
+    std::shared_ptr<streamloft::Browser> browser;
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      if (closed_ || !browser_) return;
+      closed_ = true;
+      browser = browser_;
+    }
+    // End of stream follows once the service has closed the browser (or
+    // after a bounded wait), so that no frame of it comes after.
+    auto closed = std::make_shared<std::promise<void>>();
+    std::future<void> done = closed->get_future();
+    browser->Close([this, closed](const std::optional<streamloft::Error>& error) {
       if (error) GST_WARNING_OBJECT(self_, "closing failed: %s", error->Describe().c_str());
+      closed->set_value();
     });
+    done.wait_for(std::chrono::seconds(5));
   }
 
   // After Stop: removes the audio pads and their appsrcs.
