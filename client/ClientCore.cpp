@@ -174,6 +174,13 @@ void ClientCore::OpenOnNewChannel(const StatePtr& state)
           if (gerror) g_error_free(gerror);
           return;
         }
+        if (connection && !core->connected_) {
+          // Disconnected meanwhile.
+          g_dbus_connection_close(connection, nullptr, nullptr, nullptr);
+          g_object_unref(connection);
+          core->Fail(call->state, MakeError(ErrorKind::ConnectionClosed, "not connected to the overlay service"));
+          return;
+        }
         if (!connection) {
           Error error = MakeError(ErrorKind::ServiceUnreachable,
                                   std::string("cannot reach the overlay service: ") + gerror->message);
@@ -377,6 +384,7 @@ void ClientCore::Teardown()
       state->channel = nullptr;
       state->phase = Phase::Failed;
       state->failure = MakeError(ErrorKind::ConnectionClosed, "the client has ended");
+      state->waiting.clear();  // they hold the state: no cycle is left behind
     }
   };
   for (auto& channel : others_) detach(*channel);

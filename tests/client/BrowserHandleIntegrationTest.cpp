@@ -148,6 +148,29 @@ TEST_F(BrowserHandleTest, TwoHandlesOnOneClientGetTheirOwnEventsAndDroppingOneCl
         if (e.rfind("frame", 0) != 0) std::cout << "event: " << e << "\n";
 }
 
+// A service executable that cannot run, and one that ends at once without
+// answering: Connect fails with ServiceUnreachable and says why.
+TEST_F(BrowserHandleTest, AServiceThatCannotRunOrEndsAtOnceIsReported) {
+  const std::string broken = dir_ + "/broken-helper", quitting = dir_ + "/quitting-helper";
+  std::ofstream(broken) << "#!/no/such/interpreter\n";
+  std::ofstream(quitting) << "#!/bin/sh\nexit 3\n";
+  for (const auto& path : {broken, quitting})
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+  for (const auto& [helper, expected] : {std::make_pair(broken, "cannot start the overlay service '" + broken + "': "),
+                                         std::make_pair(quitting, "ended 8 times before it answered at " + socket_)}) {
+    streamloft::ConnectOptions options;
+    options.socketPath = socket_;
+    options.helperPath = helper;
+    options.startTimeout = 20s;
+    streamloft::Error error;
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_FALSE(OverlayClient::Connect(options, &error));
+    EXPECT_EQ(error.kind, streamloft::ErrorKind::ServiceUnreachable);
+    EXPECT_NE(error.message.find(expected), std::string::npos) << error.message;
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, 15s) << "the failure waited for the time-out";
+  }
+}
+
 TEST_F(BrowserHandleTest, RefusedRequestsGiveTypedErrors) {
   RecordingCallbacks client, badURL, badSize;
   auto overlay = Connect(client);
