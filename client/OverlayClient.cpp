@@ -136,7 +136,7 @@ bool Establish(ClientCore& core, ConnectResult* result)
 
 // The library thread: connects, then runs the client's context until the
 // client ends. Owns a reference to the core and the loop for its whole life.
-void RunLibraryThread(std::shared_ptr<ClientCore> core, GMainLoop* loop, std::promise<ConnectResult>* ready)
+void RunLibraryThread(std::shared_ptr<ClientCore> core, GMainLoop* loop, std::shared_ptr<std::promise<ConnectResult>> ready)
 {
   pthread_setname_np(pthread_self(), "slf-overlay");
   g_main_context_push_thread_default(core->context());
@@ -164,9 +164,10 @@ class OverlayClient::Impl {
 
   bool Start(Error* error)
   {
-    std::promise<ConnectResult> ready;
-    std::future<ConnectResult> started = ready.get_future();
-    thread_ = std::thread(RunLibraryThread, core_, g_main_loop_ref(loop_), &ready);
+    // Shared: the thread may still be inside set_value when this returns.
+    auto ready = std::make_shared<std::promise<ConnectResult>>();
+    std::future<ConnectResult> started = ready->get_future();
+    thread_ = std::thread(RunLibraryThread, core_, g_main_loop_ref(loop_), ready);
     ConnectResult result = started.get();
     if (result.failure.empty()) {
       servicePid_ = result.servicePid;
