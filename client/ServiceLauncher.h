@@ -1,7 +1,7 @@
 // Finding and starting the overlay service: its default socket address, its
-// executable, and starting it on demand as a process of its own session so
-// that it outlives the host that started it and is not hit by the host's
-// terminal signals.
+// executable, and starting it on demand detached from the host, in a session
+// of its own, so that it outlives the host that started it, is not hit by the
+// host's terminal signals and leaves the host nothing to reap.
 #pragma once
 
 #include <sys/types.h>
@@ -21,22 +21,28 @@ std::string ResolveServiceExecutable(const std::string& explicitPath);
 // Where a service started for `socketPath` writes its log: "<socketPath>.log".
 std::string ServiceLogPath(const std::string& socketPath);
 
-// Starts `executable` (with "--listen=PATH" when `listenPath` is not empty),
-// standard input and output on /dev/null, standard error appended to
-// `logPath` (or /dev/null when that cannot be opened), no other descriptor
-// of the host: a service that outlives the host must not hold its terminal
-// or its pipes open. Returns the process ID, or -1 and a message.
-pid_t StartServiceProcess(const std::string& executable, const std::string& listenPath, const std::string& logPath,
-                          std::string* error);
+// A service started on demand. It is not a child of the host: it runs
+// detached (started through an intermediate process that ends at once), so
+// nothing of the host waits for it or reaps it. `watch` is a pidfd that
+// becomes readable when the service ends (-1 when the system has none).
+struct StartedService {
+  pid_t pid = -1;
+  int watch = -1;
+};
 
-// Non-blocking check of a started service: true and its wait status once it
-// has ended (it is reaped then).
-bool ServiceProcessHasEnded(pid_t pid, int* status);
+// Starts `executable` (with "--listen=PATH" when `listenPath` is not empty)
+// detached, in a session of its own, standard input and output on /dev/null,
+// standard error appended to `logPath` (or /dev/null when that cannot be
+// opened), no other descriptor of the host: a service that outlives the host
+// must not hold its terminal or its pipes open. Returns false and a message
+// when it could not be started (also when its executable could not be run).
+bool StartServiceProcess(const std::string& executable, const std::string& listenPath, const std::string& logPath,
+                         StartedService* started, std::string* error);
 
-// Reaps the started service whenever it ends, without blocking the caller.
-void ReapServiceProcessWhenItEnds(pid_t pid);
+// Non-blocking: true once the started service has ended.
+bool ServiceProcessHasEnded(const StartedService& service);
 
-// "exited with status 3", "was killed by signal 9".
-std::string DescribeWaitStatus(int status);
+// Lets go of the watch (the service runs on).
+void ForgetServiceProcess(StartedService* service);
 
 }  // namespace streamloft

@@ -1,6 +1,7 @@
 #include "dbg/NSLog.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
@@ -11,9 +12,34 @@
 
 extern char* program_invocation_short_name;
 
+namespace {
+
+std::atomic<NSLogHandler> g_handler{nullptr};
+
+} // namespace
+
+void NSLogSetHandler(NSLogHandler handler)
+{
+    g_handler = handler;
+}
+
 void NSLogv(const char* format, va_list args)
 {
     const int savedErrno = errno;
+    if (NSLogHandler handler = g_handler.load()) {
+        char text[4096];
+        va_list copy;
+        va_copy(copy, args);
+        int n = vsnprintf(text, sizeof text, format, copy);
+        va_end(copy);
+        size_t length = n < 0 ? 0 : std::min<size_t>(static_cast<size_t>(n), sizeof text - 1);
+        while (length > 0 && text[length - 1] == '\n')
+            --length;
+        text[length] = '\0';
+        handler(text);
+        errno = savedErrno;
+        return;
+    }
     struct timeval tv;
     gettimeofday(&tv, nullptr);
     struct tm local;

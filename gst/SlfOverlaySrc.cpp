@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,20 +38,10 @@ constexpr int kDefaultFramerate = 30;
 // presentation time; downstream sinks are told to allow for that.
 constexpr GstClockTime kLatency = 100 * GST_MSECOND;
 
-// The kinds of failure the element reports, in the "slf-error" field of
-// its error messages' details.
-enum class OverlayError { InvalidURL, InvalidArgument, ServiceUnreachable, ConnectionClosed, EngineFailed };
-
-const char* ErrorName(OverlayError error) {
-  switch (error) {
-    case OverlayError::InvalidURL: return "invalid-url";
-    case OverlayError::InvalidArgument: return "invalid-argument";
-    case OverlayError::ServiceUnreachable: return "service-unreachable";
-    case OverlayError::ConnectionClosed: return "connection-closed";
-    case OverlayError::EngineFailed: return "engine-failed";
-  }
-  return "unknown";
-}
+// The kinds of failure the element reports are the host library's; their
+// names ("invalid-url", ...) go in the "slf-error" field of its error
+// messages' details.
+using OverlayError = streamloft::ErrorKind;
 
 class OverlayHost;
 
@@ -91,7 +82,8 @@ namespace {
 
 // The error messages of the element, with the kind of failure and the
 // service's D-Bus error (when there is one) in the details.
-void PostError(SlfOverlaySrc* self, OverlayError kind, const std::string& text, const std::string& dbusError = {}) {
+void PostError(SlfOverlaySrc* self, OverlayError kind, const std::string& text, const std::string& dbusError = {},
+               const std::string& detail = {}) {
   GQuark domain = GST_RESOURCE_ERROR;
   gint code = GST_RESOURCE_ERROR_FAILED;
   switch (kind) {
@@ -102,23 +94,12 @@ void PostError(SlfOverlaySrc* self, OverlayError kind, const std::string& text, 
     case OverlayError::EngineFailed: code = GST_RESOURCE_ERROR_FAILED; break;
   }
   gchar* message = g_strdup(text.c_str());
-  gchar* debug = dbusError.empty() ? nullptr : g_strdup(dbusError.c_str());
-  GstStructure* details = gst_structure_new("details", "slf-error", G_TYPE_STRING, ErrorName(kind), "dbus-error",
+  const std::string& debugText = detail.empty() ? dbusError : detail;
+  gchar* debug = debugText.empty() ? nullptr : g_strdup(debugText.c_str());
+  GstStructure* details = gst_structure_new("details", "slf-error", G_TYPE_STRING, streamloft::ErrorKindName(kind), "dbus-error",
                                             G_TYPE_STRING, dbusError.c_str(), nullptr);
   gst_element_message_full_with_details(GST_ELEMENT(self), GST_MESSAGE_ERROR, domain, code, message, debug,
                                         __FILE__, GST_FUNCTION, __LINE__, details);
-}
-
-// The service's refusal ("<error name>: <message>") sorted into the
-// element's kinds of failure.
-OverlayError KindOfRefusal(const std::string& error) {
-  namespace protocol = streamloft::protocol;
-  if (error.find(protocol::kErrorInvalidURL) != std::string::npos) return OverlayError::InvalidURL;
-  if (error.find("InvalidArgs") != std::string::npos || error.find(protocol::kErrorInvalidArgument) != std::string::npos)
-    return OverlayError::InvalidArgument;
-  if (error.find("Disconnected") != std::string::npos || error.find("NoReply") != std::string::npos)
-    return OverlayError::ConnectionClosed;
-  return OverlayError::EngineFailed;
 }
 
 void PostElementMessage(SlfOverlaySrc* self, const char* name, int browserID) {
@@ -180,9 +161,9 @@ struct AudioStream {
   GstClockTime lastEnd = GST_CLOCK_TIME_NONE;
 };
 
-// The host side of one element's browser: the connection, the browser ID,
-// and the callbacks that turn frames and audio into buffers.
-class OverlayHost : public streamloft::OverlayCallbacks {
+// The host side of one element's browser: the connection, the browser
+// handle, and the events that turn frames and audio into buffers.
+class OverlayHost : public streamloft::BrowserEvents {
  public:
   explicit OverlayHost(SlfOverlaySrc* element) : self_(element) {}
 
@@ -194,52 +175,61 @@ class OverlayHost : public streamloft::OverlayCallbacks {
     options.socketPath = socket;
     // A service started on demand gets time to come up on a busy machine.
     options.startTimeout = std::chrono::seconds(20);
-    std::string error;
-    auto client = streamloft::OverlayClient::Connect(*this, options, &error);
+    options.diagnostics = [this](const std::string& message) { GST_WARNING_OBJECT(self_, "%s", message.c_str()); };
+    streamloft::Error error;
+    auto client = streamloft::OverlayClient::Connect(options, &error);
     if (!client) {
-      PostError(self_, OverlayError::ServiceUnreachable, "Cannot reach the overlay service", error);
+      PostError(self_, error.kind, "Cannot reach the overlay service", error.name, error.message);
       return false;
-    }
-    {
-      // Lock order: this lock only; no request is made while holding it
-      // except from CloseForEndOfStream, which the library thread never waits for.
-      std::lock_guard<std::mutex> guard(lock_);
-      client_ = std::move(client);
     }
     GST_INFO_OBJECT(self_, "opening %s at %dx%d, %d/%d fps", location.c_str(), shape.width, shape.height,
                     shape.fpsN, shape.fpsD);
-    if (!client_->OpenBrowser(location, shape.width, shape.height, double(shape.fpsN) / shape.fpsD, permitted,
-                              &error)) {
-      PostError(self_, OverlayError::ConnectionClosed, "The overlay service closed the connection", error);
-      return false;
-    }
+    // The element outlives the client (Stop ends it), so the events need no owner.
+    auto browser = client->OpenBrowser(
+        {location, double(shape.width), double(shape.height), double(shape.fpsN) / shape.fpsD, permitted},
+        std::shared_ptr<streamloft::BrowserEvents>(std::shared_ptr<void>(), this));
+    // Lock order: this lock only; requests never block, so holding it across
+    // one is harmless.
+    std::lock_guard<std::mutex> guard(lock_);
+    client_ = std::move(client);
+    browser_ = std::move(browser);
     return true;
   }
 
   // Closes the browser and the connection; no callback runs after this.
   void Stop() {
     std::unique_ptr<streamloft::OverlayClient> client;
-    int browser;
+    std::shared_ptr<streamloft::Browser> browser;
     {
       std::lock_guard<std::mutex> guard(lock_);
       stopping_ = true;
       client = std::move(client_);
-      browser = browserID_;
+      browser = std::move(browser_);
     }
-    if (client && browser > 0 && !closed_) client->CloseBrowser(browser);
+    // Dropping the handle closes the browser (unless EOS closed it already).
+    browser.reset();
     client.reset();  // joins the library thread
   }
 
   // End of stream asked for by the application: the browser closes and every
   // pad ends.
   void CloseForEndOfStream() {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (closed_ || !client_) return;
-    closed_ = true;
-    if (browserID_ > 0) {
-      std::string error;
-      if (!client_->CloseBrowser(browserID_, &error)) GST_WARNING_OBJECT(self_, "closing failed: %s", error.c_str());
+    std::shared_ptr<streamloft::Browser> browser;
+    {
+      std::lock_guard<std::mutex> guard(lock_);
+      if (closed_ || !browser_) return;
+      closed_ = true;
+      browser = browser_;
     }
+    // End of stream follows once the service has closed the browser (or
+    // after a bounded wait), so that no frame of it comes after.
+    auto closed = std::make_shared<std::promise<void>>();
+    std::future<void> done = closed->get_future();
+    browser->Close([this, closed](const std::optional<streamloft::Error>& error) {
+      if (error) GST_WARNING_OBJECT(self_, "closing failed: %s", error->Describe().c_str());
+      closed->set_value();
+    });
+    done.wait_for(std::chrono::seconds(5));
   }
 
   // After Stop: removes the audio pads and their appsrcs.
@@ -255,23 +245,15 @@ class OverlayHost : public streamloft::OverlayCallbacks {
 
   void RequestRenegotiation() { reconfigure_ = true; }
 
-  // OverlayCallbacks, on the library thread.
-  void BrowserDidStart(int browserID) override {
-    if (browserID < 0) {
-      PostError(self_, OverlayError::EngineFailed, "The overlay service could not create a browser");
-      return;
-    }
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      browserID_ = browserID;
-    }
+  // BrowserEvents, on the library thread.
+  void BrowserDidStart(streamloft::Browser&, int browserID) override {
     GST_INFO_OBJECT(self_, "browser %d started", browserID);
     PostElementMessage(self_, "slf-browser-started", browserID);
   }
 
-  void BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) override {
+  void BrowserReceivedVideoFrame(streamloft::Browser& browser, std::shared_ptr<const streamloft::VideoFrame> frame) override {
     if (closed_) return;
-    if (reconfigure_.exchange(false)) Renegotiate();
+    if (reconfigure_.exchange(false)) Renegotiate(browser);
     if (frame->pixelFormat() != streamloft::kPixelFormatBGRA || int(frame->width()) != shape_.width ||
         int(frame->height()) != shape_.height) {
       GST_LOG_OBJECT(self_, "dropping a %ux%u frame (negotiated %dx%d)", frame->width(), frame->height(),
@@ -297,7 +279,7 @@ class OverlayHost : public streamloft::OverlayCallbacks {
     gst_app_src_push_buffer(GST_APP_SRC(self_->videoSrc), buffer);
   }
 
-  void BrowserWillStartAudioStream(int, int streamID, const streamloft::AudioStreamFormat& format) override {
+  void BrowserWillStartAudioStream(streamloft::Browser&, int streamID, const streamloft::AudioStreamFormat& format) override {
     if (closed_ || stopping_) return;
     if (format.bitsPerSample != 16 || format.sampleRate <= 0 || format.channelCount <= 0) {
       GST_WARNING_OBJECT(self_, "audio stream %d: unsupported format (%" G_GINT64_FORMAT " bits)", streamID,
@@ -333,7 +315,8 @@ class OverlayHost : public streamloft::OverlayCallbacks {
     audio_[streamID] = stream;
   }
 
-  void BrowserDidReceiveAudioStream(int, int streamID, std::shared_ptr<const streamloft::AudioBuffer> block) override {
+  void BrowserDidReceiveAudioStream(streamloft::Browser&, int streamID,
+                                    std::shared_ptr<const streamloft::AudioBuffer> block) override {
     auto it = audio_.find(streamID);
     if (closed_ || !block || it == audio_.end() || block->length() == 0) return;
     AudioStream& stream = it->second;
@@ -356,12 +339,12 @@ class OverlayHost : public streamloft::OverlayCallbacks {
     gst_app_src_push_buffer(GST_APP_SRC(stream.src), buffer);
   }
 
-  void BrowserWillStopAudioStream(int, int streamID) override {
+  void BrowserWillStopAudioStream(streamloft::Browser&, int streamID) override {
     auto it = audio_.find(streamID);
     if (it != audio_.end()) gst_app_src_end_of_stream(GST_APP_SRC(it->second.src));
   }
 
-  void RequestSettingsDataForBrowser(int browserID) override {
+  void RequestSettingsDataForBrowser(streamloft::Browser& browser) override {
     std::vector<uint8_t> data;
     GST_OBJECT_LOCK(self_);
     if (self_->settingsData) {
@@ -370,54 +353,37 @@ class OverlayHost : public streamloft::OverlayCallbacks {
       data.assign(bytes, bytes + size);
     }
     GST_OBJECT_UNLOCK(self_);
-    std::string error;
-    if (!Client()->UpdateBrowserSettingsData(browserID, data, &error))
-      GST_WARNING_OBJECT(self_, "answering the settings request failed: %s", error.c_str());
+    browser.UpdateSettingsData(std::move(data), [this](const std::optional<streamloft::Error>& error) {
+      if (error) GST_WARNING_OBJECT(self_, "answering the settings request failed: %s", error->Describe().c_str());
+    });
   }
 
-  void OpenBrowserDidReply(int browserID) override {
-    GST_INFO_OBJECT(self_, "browser %d closed", browserID);
-    PostElementMessage(self_, "slf-browser-closed", browserID);
+  void BrowserDidClose(streamloft::Browser& browser) override {
+    GST_INFO_OBJECT(self_, "browser %d closed", browser.ID());
+    PostElementMessage(self_, "slf-browser-closed", browser.ID());
   }
 
-  void OpenBrowserDidFail(const std::string& error) override {
-    PostError(self_, KindOfRefusal(error), "The overlay service refused to open the page", error);
-  }
-
-  void ConnectionDidClose() override {
-    if (!stopping_) PostError(self_, OverlayError::ConnectionClosed, "The connection to the overlay service closed");
-  }
-
-  void ClientDidReportProblem(const std::string& message) override {
-    GST_WARNING_OBJECT(self_, "%s", message.c_str());
+  void BrowserDidFail(streamloft::Browser&, const streamloft::Error& error) override {
+    if (stopping_) return;
+    const char* text = error.kind == OverlayError::ConnectionClosed ? "The connection to the overlay service closed"
+                       : error.kind == OverlayError::EngineFailed  ? "The overlay service could not open the page"
+                                                                   : "The overlay service refused to open the page";
+    PostError(self_, error.kind, text, error.name, error.Describe());
   }
 
  private:
-  // The client, on the library thread, where it lives until Stop joins it.
-  streamloft::OverlayClient* Client() {
-    std::lock_guard<std::mutex> guard(lock_);
-    return client_ ? client_.get() : nullptr;
-  }
-
   // Downstream asked for other caps: the size follows it and the browser is
   // resized; the rate the browser was opened with stays.
-  void Renegotiate() {
+  void Renegotiate(streamloft::Browser& browser) {
     VideoShape wanted = NegotiateShape(self_->videoPad, shape_);
     wanted.fpsN = shape_.fpsN;
     wanted.fpsD = shape_.fpsD;
     if (wanted == shape_) return;
     GST_INFO_OBJECT(self_, "resizing to %dx%d", wanted.width, wanted.height);
-    streamloft::OverlayClient* client = Client();
-    int browser;
-    {
-      std::lock_guard<std::mutex> guard(lock_);
-      browser = browserID_;
-    }
-    std::string error;
-    if (client && browser > 0 && !client->UpdateBrowserSize(browser, wanted.width, wanted.height, &error)) {
-      GST_WARNING_OBJECT(self_, "resizing failed: %s", error.c_str());
-      return;
-    }
+    // Frames of the old size that are still on their way are dropped below.
+    browser.Resize(wanted.width, wanted.height, [this](const std::optional<streamloft::Error>& error) {
+      if (error) GST_WARNING_OBJECT(self_, "resizing failed: %s", error->Describe().c_str());
+    });
     shape_ = wanted;
     GstCaps* caps = VideoCaps(shape_);
     gst_app_src_set_caps(GST_APP_SRC(self_->videoSrc), caps);
@@ -449,9 +415,9 @@ class OverlayHost : public streamloft::OverlayCallbacks {
   }
 
   SlfOverlaySrc* self_;
-  std::mutex lock_;  // client_ and browserID_; taken alone, never with the object lock
+  std::mutex lock_;  // client_ and browser_; taken alone, never with the object lock
   std::unique_ptr<streamloft::OverlayClient> client_;
-  int browserID_ = 0;
+  std::shared_ptr<streamloft::Browser> browser_;
   std::atomic<bool> stopping_{false}, closed_{false}, reconfigure_{false};
   // On the library thread only (and in Stop's caller after the join).
   VideoShape shape_;

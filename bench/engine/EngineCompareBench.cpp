@@ -55,9 +55,11 @@ struct Options {
     std::string modernBase;
 };
 
-class Host : public streamloft::OverlayCallbacks {
+class Host : public streamloft::BrowserEvents {
 public:
-    void BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) override
+    // A non-owning handle for OpenBrowser: the host outlives its client.
+    std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), this}; }
+    void BrowserReceivedVideoFrame(streamloft::Browser&, std::shared_ptr<const streamloft::VideoFrame> frame) override
     {
         // Touch the frame as a host would, and keep its centre pixel.
         const uint8_t* p = frame->row(frame->height() / 2) + (frame->width() / 2) * 4;
@@ -122,13 +124,13 @@ void Stop(const Service& s)
     std::filesystem::remove_all(s.dir, ignored);
 }
 
-std::unique_ptr<streamloft::OverlayClient> Connect(Host& host, const Service& s)
+std::unique_ptr<streamloft::OverlayClient> Connect(const Service& s)
 {
     streamloft::ConnectOptions options;
     options.socketPath = s.socket;
     options.startOnDemand = false;
     for (int attempt = 0; attempt < 100; ++attempt) {
-        if (auto client = streamloft::OverlayClient::Connect(host, options))
+        if (auto client = streamloft::OverlayClient::Connect(options))
             return client;
         std::this_thread::sleep_for(100ms);
     }
@@ -140,12 +142,14 @@ Run Measure(const Engine& engine, int fps, const Options& o)
     Run r;
     const Service s = Start(engine);
     Host host;
-    auto client = Connect(host, s);
+    auto client = Connect(s);
     const std::string url = "file://" SLF_BENCH_PAGES_DIR "/animated.html";
-    std::string error;
     const auto opened = std::chrono::steady_clock::now();
-    if (!client || !client->OpenBrowser(url, kWidth, kHeight, fps, {"file://" SLF_BENCH_PAGES_DIR "/"}, &error)) {
-        std::fprintf(stderr, "engines: %s: cannot open the page %s\n", engine.name, error.c_str());
+    std::shared_ptr<streamloft::Browser> browser;
+    if (!client ||
+        !(browser = client->OpenBrowser(
+              {url, double(kWidth), double(kHeight), double(fps), {"file://" SLF_BENCH_PAGES_DIR "/"}}, host.events()))) {
+        std::fprintf(stderr, "engines: %s: cannot connect to the service\n", engine.name);
         client.reset();
         Stop(s);
         return r;
@@ -184,9 +188,10 @@ std::string ProbeAnimationRate(const Engine& engine, const std::string& url, int
 {
     const Service s = Start(engine);
     Host host;
-    auto client = Connect(host, s);
+    auto client = Connect(s);
     std::string result = "no frame";
-    if (client && client->OpenBrowser(url, 64, 64, fps, {}, nullptr)) {
+    std::shared_ptr<streamloft::Browser> browser;
+    if (client && (browser = client->OpenBrowser({url, 64, 64, double(fps), {}}, host.events()))) {
         std::this_thread::sleep_for(4s);
         const uint64_t frames0 = host.frames.load();
         std::this_thread::sleep_for(4s);
@@ -208,9 +213,10 @@ std::string Probe(const Engine& engine, const std::string& url)
 {
     const Service s = Start(engine);
     Host host;
-    auto client = Connect(host, s);
+    auto client = Connect(s);
     std::string result = "no frame";
-    if (client && client->OpenBrowser(url, 640, 360, 30, {}, nullptr)) {
+    std::shared_ptr<streamloft::Browser> browser;
+    if (client && (browser = client->OpenBrowser({url, 640, 360, 30, {}}, host.events()))) {
         // Up to 20 s for green; red or another colour is kept as it stands.
         for (int i = 0; i < 200; ++i) {
             std::this_thread::sleep_for(100ms);

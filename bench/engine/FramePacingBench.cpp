@@ -49,20 +49,25 @@ struct Settings {
 const std::string kPagesPrefix = "file://" SLF_BENCH_PAGES_DIR "/";
 
 // Receive times of one browser's frames, and the first one with content.
-class PacedHost : public streamloft::OverlayCallbacks {
+class PacedHost : public streamloft::BrowserEvents {
 public:
-    void BrowserDidStart(int browserID) override
+    void BrowserDidStart(streamloft::Browser&, int browserID) override
+    {
+        Started(browserID);
+    }
+    void BrowserDidFail(streamloft::Browser&, const streamloft::Error& error) override
+    {
+        if (!quiet)
+            std::fprintf(stderr, "pacing: open refused: %s\n", error.Describe().c_str());
+        Started(-1);
+    }
+    void Started(int browserID)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_browserID = browserID;
         m_changed.notify_all();
     }
-    void OpenBrowserDidFail(const std::string& error) override
-    {
-        std::fprintf(stderr, "pacing: open refused: %s\n", error.c_str());
-        BrowserDidStart(-1);
-    }
-    void BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) override
+    void BrowserReceivedVideoFrame(streamloft::Browser&, std::shared_ptr<const streamloft::VideoFrame> frame) override
     {
         const bool content = !m_firstContent && HasContent(*frame);
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -77,6 +82,11 @@ public:
         m_changed.notify_all();
     }
 
+    void ResetStart()
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_browserID = kNone;
+    }
     int WaitStarted()
     {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -103,6 +113,7 @@ public:
         return m_times;
     }
     static constexpr int kNone = -1000;
+    std::atomic<bool> quiet{false}; // refusals are expected (round trips)
 
 private:
     // Any pixel that is not fully transparent.
@@ -131,7 +142,15 @@ private:
 struct Host {
     PacedHost callbacks;
     std::unique_ptr<streamloft::OverlayClient> client;
+    std::shared_ptr<streamloft::Browser> browser;
     int browserID = -1;
+    std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), &callbacks}; }
+    void Close()
+    {
+        if (browser)
+            browser->Close();
+        browser.reset();
+    }
 };
 
 std::unique_ptr<Host> Connect(const std::string& socket, const char* helper = nullptr)
@@ -145,7 +164,7 @@ std::unique_ptr<Host> Connect(const std::string& socket, const char* helper = nu
         options.startTimeout = 30s;
     }
     for (int attempt = 0; attempt < 100 && !host->client; ++attempt) {
-        host->client = streamloft::OverlayClient::Connect(host->callbacks, options);
+        host->client = streamloft::OverlayClient::Connect(options);
         if (!host->client)
             std::this_thread::sleep_for(100ms);
     }
@@ -158,8 +177,7 @@ std::unique_ptr<Host> Connect(const std::string& socket, const char* helper = nu
 
 bool Open(Host& host, const std::string& page, double width, double height, double fps)
 {
-    if (!host.client->OpenBrowser(kPagesPrefix + page, width, height, fps, {kPagesPrefix}))
-        return false;
+    host.browser = host.client->OpenBrowser({kPagesPrefix + page, width, height, fps, {kPagesPrefix}}, host.events());
     host.browserID = host.callbacks.WaitStarted();
     return host.browserID > 0;
 }
@@ -243,24 +261,29 @@ double FirstFrame(const std::string& socket, const char* helper, double* openToF
     if (!host)
         return -1;
     const auto open = Clock::now();
-    if (!host->client->OpenBrowser(kPagesPrefix + "light.html", 640, 360, 30, {kPagesPrefix}))
-        return -1;
+    host->browser = host->client->OpenBrowser({kPagesPrefix + "light.html", 640, 360, 30, {kPagesPrefix}}, host->events());
     Clock::time_point at;
     if (!host->callbacks.WaitFirstContent(&at))
         return -1;
     *openToFrame = std::chrono::duration<double, std::milli>(at - open).count();
     const double total = std::chrono::duration<double, std::milli>(at - start).count();
     host->browserID = host->callbacks.WaitStarted();
-    if (host->browserID > 0)
-        host->client->CloseBrowser(host->browserID);
+    host->Close();
     return total;
 }
 
+// Mean milliseconds of a request the service answers without the engine
+// (an open of a URL that does not parse, refused with its typed error).
 double RoundTrip(Host& host, int count)
 {
+    host.callbacks.quiet = true;
     const auto start = Clock::now();
-    for (int i = 0; i < count; ++i)
-        host.client->UpdateBrowserPermittedFileURLStrings(999999, {});
+    for (int i = 0; i < count; ++i) {
+        host.callbacks.ResetStart();
+        auto probe = host.client->OpenBrowser({"not a url", 64, 64, 30, {}}, host.events());
+        host.callbacks.WaitStarted();
+    }
+    host.callbacks.quiet = false;
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count() / count;
 }
 
@@ -282,7 +305,7 @@ int Run(const Settings& settings, const std::string& dir)
         }
         Window({host.get()}, settings);
         const Pacing ours = PacingOf(host->callbacks.Times());
-        host->client->CloseBrowser(host->browserID);
+        host->Close();
         const Pacing baseline = TimerBaseline(fps, std::min(settings.seconds, 5.0));
         char what[64];
         std::snprintf(what, sizeof what, "light page, 640x360 at %.0f fps", fps);
@@ -307,7 +330,7 @@ int Run(const Settings& settings, const std::string& dir)
         std::printf("pacing: animated page %d of 3, 1280x720 at 30 fps %6.2f fps (goal >= 29.7: %s), interval "
                     "deviation %5.2f ms (timer baseline %.2f ms)\n",
                     i + 1, p.rate, p.rate >= 29.7 ? "met" : "MISSED", p.deviationMs, baseline.deviationMs);
-        hosts[i]->client->CloseBrowser(hosts[i]->browserID);
+        hosts[i]->Close();
     }
     hosts.clear();
 

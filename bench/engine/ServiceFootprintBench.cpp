@@ -44,19 +44,24 @@ struct Settings {
 };
 
 // A host that waits for the ID of its open request.
-class WaitingHost : public streamloft::OverlayCallbacks {
+class WaitingHost : public streamloft::BrowserEvents {
 public:
-    void BrowserDidStart(int browserID) override
+    void BrowserDidStart(streamloft::Browser&, int browserID) override
+    {
+        Started(browserID);
+    }
+    void BrowserDidFail(streamloft::Browser&, const streamloft::Error& error) override
+    {
+        if (!quiet)
+            std::fprintf(stderr, "footprint: open refused: %s\n", error.Describe().c_str());
+        Started(-1);
+    }
+    void Started(int browserID)
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_started = browserID;
         m_startedAt = Clock::now();
         m_changed.notify_all();
-    }
-    void OpenBrowserDidFail(const std::string& error) override
-    {
-        std::fprintf(stderr, "footprint: open refused: %s\n", error.c_str());
-        BrowserDidStart(-1);
     }
     void Reset()
     {
@@ -72,6 +77,7 @@ public:
         return m_started;
     }
     static constexpr int kNone = -1000;
+    bool quiet = false; // refusals are expected (round trips)
 
 private:
     std::mutex m_mutex;
@@ -83,7 +89,9 @@ private:
 struct Host {
     WaitingHost callbacks;
     std::unique_ptr<streamloft::OverlayClient> client;
+    std::shared_ptr<streamloft::Browser> browser;
     int browserID = -1;
+    std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), &callbacks}; }
 };
 
 bool Connect(Host& host, const std::string& socket)
@@ -92,7 +100,7 @@ bool Connect(Host& host, const std::string& socket)
     options.socketPath = socket;
     options.startOnDemand = false;
     for (int attempt = 0; attempt < 100 && !host.client; ++attempt) {
-        host.client = streamloft::OverlayClient::Connect(host.callbacks, options);
+        host.client = streamloft::OverlayClient::Connect(options);
         if (!host.client)
             std::this_thread::sleep_for(100ms);
     }
@@ -105,8 +113,7 @@ double Open(Host& host, const std::string& url)
 {
     host.callbacks.Reset();
     const auto start = Clock::now();
-    if (!host.client->OpenBrowser(url, 1280, 720, 30, {"file://" SLF_BENCH_PAGES_DIR "/"}))
-        return -1;
+    host.browser = host.client->OpenBrowser({url, 1280, 720, 30, {"file://" SLF_BENCH_PAGES_DIR "/"}}, host.events());
     Clock::time_point at;
     host.browserID = host.callbacks.Wait(&at);
     if (host.browserID <= 0)
@@ -116,18 +123,25 @@ double Open(Host& host, const std::string& url)
 
 void Close(Host& host)
 {
-    if (host.browserID > 0)
-        host.client->CloseBrowser(host.browserID);
+    if (host.browser)
+        host.browser->Close();
+    host.browser.reset();
     host.browserID = -1;
 }
 
 // Mean milliseconds of a request the service answers without the engine
-// (permitted files for a browser that does not exist).
+// (an open of a URL that does not parse, refused with its typed error).
 double RoundTrip(Host& host, int count)
 {
+    host.callbacks.quiet = true;
     const auto start = Clock::now();
-    for (int i = 0; i < count; ++i)
-        host.client->UpdateBrowserPermittedFileURLStrings(999999, {});
+    for (int i = 0; i < count; ++i) {
+        host.callbacks.Reset();
+        auto probe = host.client->OpenBrowser({"not a url", 64, 64, 30, {}}, host.events());
+        Clock::time_point at;
+        host.callbacks.Wait(&at);
+    }
+    host.callbacks.quiet = false;
     return std::chrono::duration<double, std::milli>(Clock::now() - start).count() / count;
 }
 

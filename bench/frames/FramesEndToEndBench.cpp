@@ -92,10 +92,14 @@ Result Measure(const char* run, pid_t root, const std::atomic<uint64_t>& frames,
     return r;
 }
 
-class CountingHost : public streamloft::OverlayCallbacks {
+class CountingHost : public streamloft::BrowserEvents {
 public:
-    void BrowserDidStart(int browserID) override { started = browserID; }
-    void BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) override
+    void BrowserDidStart(streamloft::Browser&, int browserID) override { started = browserID; }
+    void BrowserDidFail(streamloft::Browser&, const streamloft::Error& error) override
+    {
+        std::fprintf(stderr, "frames e2e: the browser failed: %s\n", error.Describe().c_str());
+    }
+    void BrowserReceivedVideoFrame(streamloft::Browser&, std::shared_ptr<const streamloft::VideoFrame> frame) override
     {
         // The frame is mapped by the library; touch it as a host would.
         volatile uint8_t sink = frame->row(frame->height() / 2)[0];
@@ -114,7 +118,7 @@ int RunServiceHost(pid_t root, const std::string& socket, const std::string& url
     options.startOnDemand = false;
     std::unique_ptr<streamloft::OverlayClient> client;
     for (int attempt = 0; attempt < 100 && !client; ++attempt) {
-        client = streamloft::OverlayClient::Connect(host, options);
+        client = streamloft::OverlayClient::Connect(options);
         if (!client)
             std::this_thread::sleep_for(100ms);
     }
@@ -122,11 +126,8 @@ int RunServiceHost(pid_t root, const std::string& socket, const std::string& url
         std::fprintf(stderr, "frames e2e: cannot connect to the service at %s\n", socket.c_str());
         return 1;
     }
-    std::string error;
-    if (!client->OpenBrowser(url, kWidth, kHeight, kFps, {"file://" SLF_BENCH_PAGES_DIR "/"}, &error)) {
-        std::fprintf(stderr, "frames e2e: open failed: %s\n", error.c_str());
-        return 1;
-    }
+    auto browser = client->OpenBrowser({url, double(kWidth), double(kHeight), double(kFps), {"file://" SLF_BENCH_PAGES_DIR "/"}},
+                                       std::shared_ptr<streamloft::BrowserEvents>(std::shared_ptr<void>(), &host));
     const Result r = Measure("service + host library", root, host.frames, window);
     std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds,
                 r.wallSeconds);

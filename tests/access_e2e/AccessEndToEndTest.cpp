@@ -33,28 +33,26 @@ const std::string kSvg = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"4\" 
                          "height=\"4\" fill=\"blue\"/></svg>";
 
 // Answers every settings request with kSettings.
-class SettingsHost : public streamloft::OverlayCallbacks {
+class SettingsHost : public streamloft::BrowserEvents {
  public:
-  void BrowserDidStart(int id) override {
+  void BrowserDidStart(streamloft::Browser&, int id) override {
     std::lock_guard<std::mutex> guard(lock_);
     browserID_ = id;
     changed_.notify_all();
   }
-  void RequestSettingsDataForBrowser(int id) override {
-    WithLock([&] { requestedFor_.push_back(id); });
-    std::string error;
-    streamloft::OverlayClient* client = client_.load();
-    if (client && !client->UpdateBrowserSettingsData(id, {kSettings.begin(), kSettings.end()}, &error))
-      ADD_FAILURE() << "UpdateBrowserSettingsData: " << error;
+  void RequestSettingsDataForBrowser(streamloft::Browser& browser) override {
+    WithLock([&] { requestedFor_.push_back(browser.ID()); });
+    browser.UpdateSettingsData({kSettings.begin(), kSettings.end()}, [](const std::optional<streamloft::Error>& error) {
+      if (error) ADD_FAILURE() << "UpdateSettingsData: " << error->Describe();
+    });
   }
+  std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), this}; }
   std::optional<int> WaitForStart() {
     std::unique_lock<std::mutex> guard(lock_);
     changed_.wait_for(guard, 30s, [&] { return browserID_.has_value(); });
     return browserID_;
   }
   std::vector<int> RequestedFor() { return WithLock([&] { return requestedFor_; }); }
-
-  std::atomic<streamloft::OverlayClient*> client_{nullptr};
 
  private:
   template <typename Fn>
@@ -100,15 +98,14 @@ TEST(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheHos
   options.socketPath = dir + "/overlay-helper.sock";
   options.helperPath = SLF_TEST_HELPER_PATH;
   options.startTimeout = 20s;
-  std::string error;
-  auto client = streamloft::OverlayClient::Connect(host, options, &error);
-  ASSERT_TRUE(client) << error;
-  host.client_ = client.get();
+  streamloft::Error error;
+  auto client = streamloft::OverlayClient::Connect(options, &error);
+  ASSERT_TRUE(client) << error.message;
   const pid_t service = client->ServiceProcessID();
 
   const std::string permitted = "file://" + pageDir + "/";
   const std::string url = permitted + "access_policy.html?empty=" + dir + "/empty.txt";
-  ASSERT_TRUE(client->OpenBrowser(url, 64, 64, 30, {permitted}, &error)) << error;
+  auto browser = client->OpenBrowser({url, 64, 64, 30, {permitted}}, host.events());
   const auto id = host.WaitForStart();
   ASSERT_GT(id.value_or(0), 0) << "no browser started";
 
@@ -129,8 +126,7 @@ TEST(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheHos
   EXPECT_EQ(FindLogLine(text, "allowed.svg"), "");
   EXPECT_EQ(host.RequestedFor(), std::vector<int>{*id});
 
-  client->CloseBrowser(*id);
-  host.client_ = nullptr;
+  browser.reset();
   client.reset();
   if (service > 0) {
     kill(service, SIGTERM);
@@ -142,31 +138,31 @@ TEST(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheHos
 
 // Answers the victim's settings only when the test says so, everyone
 // else's at once; counts each browser's frames.
-class TwoBrowserHost : public streamloft::OverlayCallbacks {
+class TwoBrowserHost : public streamloft::BrowserEvents {
  public:
-  void BrowserDidStart(int id) override {
+  void BrowserDidStart(streamloft::Browser&, int id) override {
     std::lock_guard<std::mutex> guard(lock_);
     started_.push_back(id);
     changed_.notify_all();
   }
-  void BrowserReceivedVideoFrame(int id, std::shared_ptr<const streamloft::VideoFrame>) override {
+  void BrowserReceivedVideoFrame(streamloft::Browser& browser, std::shared_ptr<const streamloft::VideoFrame>) override {
     std::lock_guard<std::mutex> guard(lock_);
-    ++frames_[id];
+    ++frames_[browser.ID()];
   }
-  void RequestSettingsDataForBrowser(int id) override {
+  void RequestSettingsDataForBrowser(streamloft::Browser& browser) override {
     std::unique_lock<std::mutex> guard(lock_);
-    requestedFor_.push_back(id);
+    requestedFor_.push_back(browser.ID());
     changed_.notify_all();
-    if (id == heldBrowser_) return;  // answered later, by the test
+    if (browser.ID() == heldBrowser_) return;  // answered later, by the test
     guard.unlock();
-    Answer(id, kProberSettings);
+    Answer(browser, kProberSettings);
   }
-  void Answer(int id, const std::string& text) {
-    std::string error;
-    streamloft::OverlayClient* client = client_.load();
-    if (client && !client->UpdateBrowserSettingsData(id, {text.begin(), text.end()}, &error))
-      ADD_FAILURE() << "UpdateBrowserSettingsData: " << error;
+  void Answer(streamloft::Browser& browser, const std::string& text) {
+    browser.UpdateSettingsData({text.begin(), text.end()}, [](const std::optional<streamloft::Error>& error) {
+      if (error) ADD_FAILURE() << "UpdateSettingsData: " << error->Describe();
+    });
   }
+  std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), this}; }
   // The ID of the next browser that starts (up to 30 s), or -1.
   int WaitForStart(size_t count) {
     std::unique_lock<std::mutex> guard(lock_);
@@ -189,7 +185,6 @@ class TwoBrowserHost : public streamloft::OverlayCallbacks {
   }
 
   static constexpr const char* kProberSettings = "prober-own";
-  std::atomic<streamloft::OverlayClient*> client_{nullptr};
 
  private:
   std::mutex lock_;
@@ -231,10 +226,9 @@ TEST(AccessEndToEnd, ABrowserWaitingForSettingsHoldsUpNoNeighbourAndLeaksNothing
   options.socketPath = dir + "/overlay-helper.sock";
   options.helperPath = SLF_TEST_HELPER_PATH;
   options.startTimeout = 20s;
-  std::string error;
-  auto client = streamloft::OverlayClient::Connect(host, options, &error);
-  ASSERT_TRUE(client) << error;
-  host.client_ = client.get();
+  streamloft::Error error;
+  auto client = streamloft::OverlayClient::Connect(options, &error);
+  ASSERT_TRUE(client) << error.message;
   const pid_t service = client->ServiceProcessID();
   const std::string log = options.socketPath + ".log";
   const std::string permitted = "file://" + pageDir + "/";
@@ -242,18 +236,19 @@ TEST(AccessEndToEnd, ABrowserWaitingForSettingsHoldsUpNoNeighbourAndLeaksNothing
 
   // The victim's permitted list also holds an empty entry, which permits
   // nothing: its refused image stays refused.
-  ASSERT_TRUE(client->OpenBrowser(permitted + "isolation_victim.html", 64, 64, 30, {"", permitted}, &error)) << error;
+  auto victimBrowser = client->OpenBrowser({permitted + "isolation_victim.html", 64, 64, 30, {"", permitted}},
+                                           host.events());
   const int victim = host.WaitForStart(1);
   ASSERT_GT(victim, 0);
   host.Hold(victim);
   ASSERT_TRUE(host.WaitForRequestFrom(victim)) << ReadFile(log);
 
-  ASSERT_TRUE(client->OpenBrowser(permitted + "isolation_prober.html", 64, 64, 30, {permitted}, &error)) << error;
+  auto proberBrowser = client->OpenBrowser({permitted + "isolation_prober.html", 64, 64, 30, {permitted}}, host.events());
   const int prober = host.WaitForStart(2);
   ASSERT_GT(prober, 0);
   const std::string proberReport = WaitForLogLine(log, "Blocked URL file:///slf-prober-report/", 60s);
   const int proberFramesWhileVictimWaited = host.Frames(prober);
-  host.Answer(victim, secret);
+  host.Answer(*victimBrowser, secret);
   const std::string victimReport = WaitForLogLine(log, "Blocked URL file:///slf-victim-report/", 30s);
   const std::string text = ReadFile(log);
 
@@ -268,9 +263,8 @@ TEST(AccessEndToEnd, ABrowserWaitingForSettingsHoldsUpNoNeighbourAndLeaksNothing
   EXPECT_NE(victimReport.find("file:///slf-victim-report/" + secret + "/loaded/error "), std::string::npos)
       << victimReport << "\n" << text;
 
-  client->CloseBrowser(prober);
-  client->CloseBrowser(victim);
-  host.client_ = nullptr;
+  proberBrowser.reset();
+  victimBrowser.reset();
   client.reset();
   if (service > 0) {
     kill(service, SIGTERM);

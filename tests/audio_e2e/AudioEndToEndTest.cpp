@@ -26,23 +26,25 @@ using namespace std::chrono_literals;
 
 namespace {
 
-class AudioHost : public streamloft::OverlayCallbacks {
+class AudioHost : public streamloft::BrowserEvents {
 public:
-    void BrowserDidStart(int browserID) override
+    void BrowserDidStart(streamloft::Browser&, int browserID) override
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_browserID = browserID;
         m_changed.notify_all();
     }
-    void BrowserWillStartAudioStream(int browserID, int streamID, const streamloft::AudioStreamFormat& format) override
+    void BrowserWillStartAudioStream(streamloft::Browser& browser, int streamID,
+                                     const streamloft::AudioStreamFormat& format) override
     {
         std::lock_guard<std::mutex> guard(m_lock);
         if (!m_format)
-            m_format = format, m_streamBrowserID = browserID, m_streamID = streamID;
+            m_format = format, m_streamBrowserID = browser.ID(), m_streamID = streamID;
         m_changed.notify_all();
     }
     // Dropping the buffer gives its slot back to the service.
-    void BrowserDidReceiveAudioStream(int, int streamID, std::shared_ptr<const streamloft::AudioBuffer> buffer) override
+    void BrowserDidReceiveAudioStream(streamloft::Browser&, int streamID,
+                                      std::shared_ptr<const streamloft::AudioBuffer> buffer) override
     {
         std::lock_guard<std::mutex> guard(m_lock);
         if (!buffer || !m_streamID || streamID != *m_streamID)
@@ -57,7 +59,7 @@ public:
         }
         m_changed.notify_all();
     }
-    void ClientDidReportProblem(const std::string& message) override
+    void ReportProblem(const std::string& message)
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_problems.push_back(message);
@@ -90,14 +92,14 @@ TEST(AudioEndToEnd, AWebAudioToneArrivesAsPcmInPooledSlotsThatComeBack)
     options.socketPath = dir + "/overlay-helper.sock";
     options.helperPath = SLF_TEST_HELPER_PATH;
     options.startTimeout = 20s;
-    std::string error;
-    auto client = streamloft::OverlayClient::Connect(host, options, &error);
-    ASSERT_TRUE(client) << error;
+    options.diagnostics = [&host](const std::string& message) { host.ReportProblem(message); };
+    streamloft::Error error;
+    auto client = streamloft::OverlayClient::Connect(options, &error);
+    ASSERT_TRUE(client) << error.message;
     const pid_t servicePid = client->StartedService() ? client->ServiceProcessID() : -1;
 
-    ASSERT_TRUE(client->OpenBrowser("file://" + pages + "/audio_tone.html", 64, 64, 30, {"file://" + pages + "/"},
-                                    &error))
-        << error;
+    auto browser = client->OpenBrowser({"file://" + pages + "/audio_tone.html", 64, 64, 30, {"file://" + pages + "/"}},
+                                       std::shared_ptr<streamloft::BrowserEvents>(std::shared_ptr<void>(), &host));
     ASSERT_TRUE(host.WaitFor([&] { return host.m_browserID.has_value(); }, 60s));
     const int browserID = *host.m_browserID;
     ASSERT_GE(browserID, 0);

@@ -1,5 +1,6 @@
-// The host library against a stand-in service: requests, the deferred open
-// reply, and when frames and audio buffers go back to the service.
+// The host library against a stand-in service: requests and their order,
+// the typed errors, the deferred open reply as the browser's close, and when
+// frames and audio buffers go back to the service.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -59,19 +60,19 @@ class OverlayClientProtocolTest : public ::testing::Test {
     streamloft::ConnectOptions options;
     options.socketPath = service_->socketPath();
     options.startOnDemand = false;
-    std::string error;
-    client_ = OverlayClient::Connect(callbacks_, options, &error);
-    ASSERT_TRUE(client_) << error;
-    callbacks_.client = client_.get();
+    streamloft::Error error;
+    client_ = OverlayClient::Connect(callbacks_.Options(options), &error);
+    ASSERT_TRUE(client_) << error.message;
     ASSERT_TRUE(service_->waitForHost());
   }
   void TearDown() override {
+    browser_.reset();
     client_.reset();
     service_.reset();
     std::filesystem::remove_all(dir_);
   }
   void Open() {
-    ASSERT_TRUE(client_->OpenBrowser("https://example.org/", 640, 360, 30, {}));
+    browser_ = client_->OpenBrowser({"https://example.org/", 640, 360, 30, {}}, callbacks_.events());
     ASSERT_EQ(callbacks_.WaitFor("start "), "start 7");
   }
 
@@ -79,20 +80,26 @@ class OverlayClientProtocolTest : public ::testing::Test {
   std::unique_ptr<FakeOverlayService> service_;
   RecordingCallbacks callbacks_;
   std::unique_ptr<OverlayClient> client_;
+  std::shared_ptr<streamloft::Browser> browser_;
 };
 
 TEST_F(OverlayClientProtocolTest, RequestsGoOutInOrderAndCloseBringsTheDeferredOpenReply) {
-  ASSERT_TRUE(client_->OpenBrowser("file:///srv/overlay/index.html", 1920, 1080, 59.94,
-                                   {"file:///srv/overlay/", "file:///srv/shared/"}));
-  // Issued right behind OpenBrowser from the same thread: must not overtake it.
-  ASSERT_TRUE(client_->UpdateBrowserSize(7, 800, 600));
+  auto browser = client_->OpenBrowser(
+      {"file:///srv/overlay/index.html", 1920, 1080, 59.94, {"file:///srv/overlay/", "file:///srv/shared/"}},
+      callbacks_.events());
+  EXPECT_EQ(browser->ID(), -1);
+  // Made before the start: waits for the browser's ID, never overtakes the open.
+  browser->Resize(800, 600, callbacks_.Done("resize"));
   EXPECT_EQ(callbacks_.WaitFor("start "), "start 7");
+  EXPECT_EQ(callbacks_.WaitFor("resize"), "resize ok");
+  EXPECT_EQ(browser->ID(), 7);
   service_->callHost("RequestSettingsDataForBrowser", g_variant_new("(i)", 7));
-  EXPECT_EQ(callbacks_.WaitFor("settings"), "settings 7 answered");
-  ASSERT_TRUE(client_->UpdateBrowserPermittedFileURLStrings(7, {"file:///x/"}));
-  EXPECT_EQ(callbacks_.WaitFor("open-reply", 200ms), "") << "the open reply must wait for the close";
-  ASSERT_TRUE(client_->CloseBrowser(7));
-  EXPECT_EQ(callbacks_.WaitFor("open-reply"), "open-reply 7");
+  EXPECT_EQ(callbacks_.WaitFor("settings "), "settings 7 answered");
+  browser->UpdatePermittedFileURLStrings({"file:///x/"});
+  EXPECT_EQ(callbacks_.WaitFor("closed", 200ms), "") << "the open reply must wait for the close";
+  browser->Close(callbacks_.Done("close"));
+  EXPECT_EQ(callbacks_.WaitFor("closed"), "closed 7");
+  EXPECT_EQ(callbacks_.WaitFor("close "), "close ok");
 
   EXPECT_EQ(service_->waitForRequests(5),
             (std::vector<std::string>{
@@ -100,13 +107,20 @@ TEST_F(OverlayClientProtocolTest, RequestsGoOutInOrderAndCloseBringsTheDeferredO
                 "['file:///srv/overlay/', 'file:///srv/shared/'])",
                 "UpdateBrowserSize (7, 800.0, 600.0)", "UpdateBrowserSettingsData (7, [0x7b, 0x7d])",
                 "UpdateBrowserPermittedFileURLStrings (7, ['file:///x/'])", "CloseBrowser (7,)"}));
+  // A closed browser takes no more requests.
+  browser->Resize(1, 1, callbacks_.Done("late resize"));
+  EXPECT_EQ(callbacks_.WaitFor("late resize"), "late resize failed invalid-argument");
+  EXPECT_EQ(callbacks_.WaitFor("problem", 0ms), "");
+}
 
-  // A refused open and the close of an ID never opened bring no reply.
-  ASSERT_TRUE(client_->OpenBrowser("no url at all", 100, 100, 30, {}));
-  EXPECT_NE(callbacks_.WaitFor("open-failed").find("com.streamloft.Error.InvalidURL"), std::string::npos);
-  EXPECT_TRUE(client_->CloseBrowser(12345));
-  EXPECT_EQ(callbacks_.WaitFor("start", 100ms, 2), "");
-  EXPECT_EQ(callbacks_.WaitFor("open-reply", 200ms, 2), "");
+TEST_F(OverlayClientProtocolTest, ARefusedOpenFailsWithTheTypedErrorAndLeavesTheConnectionUsable) {
+  RecordingCallbacks refused;
+  auto bad = client_->OpenBrowser({"no url at all", 100, 100, 30, {}}, refused.events());
+  bad->Resize(10, 10, refused.Done("resize"));
+  EXPECT_EQ(refused.WaitFor("failed"), "failed invalid-url URL does not parse (com.streamloft.Error.InvalidURL)");
+  EXPECT_EQ(refused.WaitFor("resize"), "resize failed invalid-url");
+  Open();
+  EXPECT_EQ(refused.WaitFor("start", 200ms), "") << "the other browser's events went to the refused one";
 }
 
 TEST_F(OverlayClientProtocolTest, FramesStayMappedUntilDroppedAlsoAfterTheServiceAndClientAreGone) {
@@ -127,15 +141,18 @@ TEST_F(OverlayClientProtocolTest, FramesStayMappedUntilDroppedAlsoAfterTheServic
   frames[0].reset();
   EXPECT_TRUE(service_->waitForReply(first));
   EXPECT_FALSE(service_->waitForReply(second, 0ms));
-  // The service goes away: reported, later requests fail; a frame held past
-  // the connection and the client stays readable and is dropped harmlessly.
+  // The service goes away: reported, the browser fails, later requests fail;
+  // a frame held past the connection and the client stays readable and is
+  // dropped harmlessly.
   service_->closeConnection();
-  EXPECT_EQ(callbacks_.WaitFor("closed"), "closed");
+  EXPECT_EQ(callbacks_.WaitFor("disconnected"), "disconnected");
+  EXPECT_NE(callbacks_.WaitFor("failed connection-closed"), "");
   EXPECT_FALSE(client_->IsConnected());
-  std::string error;
-  EXPECT_FALSE(client_->UpdateBrowserSize(7, 10, 10, &error));
-  EXPECT_FALSE(error.empty());
-  EXPECT_FALSE(client_->OpenBrowser("https://example.org/", 1, 1, 1, {}, &error));
+  browser_->Resize(10, 10, callbacks_.Done("resize"));
+  EXPECT_EQ(callbacks_.WaitFor("resize"), "resize failed connection-closed");
+  RecordingCallbacks late;
+  auto another = client_->OpenBrowser({"https://example.org/", 1, 1, 1, {}}, late.events());
+  EXPECT_EQ(late.WaitFor("failed"), "failed connection-closed not connected to the overlay service");
   client_.reset();
   EXPECT_EQ(frames[1]->row(7)[7 * 4], 7);
   frames[1].reset();
@@ -194,13 +211,25 @@ TEST_F(OverlayClientProtocolTest, AudioBuffersAreReadFromSharedMemoryReturnedWhe
   buffer.reset();
   EXPECT_TRUE(service_->waitForReply(data));
 
-  // A stopped stream's buffer and a hostile pool record: answered at once.
+  // A stopped stream's buffer and a hostile pool record: answered at once,
+  // and reported to the host's diagnostics (also the audio transport's own
+  // line), never to standard error.
+  char stderrPattern[] = "/tmp/slf-client-stderr-XXXXXX";
+  const int captured = mkstemp(stderrPattern);
+  const int savedStderr = dup(STDERR_FILENO);
+  dup2(captured, STDERR_FILENO);
   auto stopped = service_->callHost("BrowserDidReceiveAudioStream", AudioCall(3, slot->encodeRecord()));
   auto badPool = service_->callHost("BrowserWillStartAudioStream",
                                     g_variant_new_parsed("(7, 4, {'NVKShmemName': <'not-a-segment'>})"));
   auto afterBadPool = service_->callHost("BrowserDidReceiveAudioStream", AudioCall(4, slot->encodeRecord()));
   for (auto token : {stopped, badPool, afterBadPool}) EXPECT_TRUE(service_->waitForReply(token));
   EXPECT_NE(callbacks_.WaitFor("problem the pool of audio stream 4"), "");
+  EXPECT_NE(callbacks_.WaitFor("problem NVKXPCAudioBufferPool initWithRecord - Refused a pool record"), "");
+  dup2(savedStderr, STDERR_FILENO);
+  close(savedStderr);
+  EXPECT_EQ(lseek(captured, 0, SEEK_END), 0) << "the library wrote to standard error";
+  close(captured);
+  unlink(stderrPattern);
   EXPECT_EQ(callbacks_.WaitFor("audio-buffer", 100ms, 2), "");
 }
 
@@ -223,17 +252,17 @@ bool ClientThreadEnds() {
 }
 
 // A host that destroys its own client inside one of its callbacks: when the
-// browser starts, or when the open request's reply comes (the reply queue).
+// browser starts, or when it has closed (the open request's reply).
 class SelfDestroyingHost : public RecordingCallbacks {
  public:
   explicit SelfDestroyingHost(std::string at) : at_(std::move(at)) {}
-  void BrowserDidStart(int id) override {
-    RecordingCallbacks::BrowserDidStart(id);
+  void BrowserDidStart(Browser& b, int id) override {
+    RecordingCallbacks::BrowserDidStart(b, id);
     if (at_ == "start") DestroyClient();
   }
-  void OpenBrowserDidReply(int id) override {
-    RecordingCallbacks::OpenBrowserDidReply(id);
-    if (at_ == "open-reply") DestroyClient();
+  void BrowserDidClose(Browser& b) override {
+    RecordingCallbacks::BrowserDidClose(b);
+    if (at_ == "closed") DestroyClient();
   }
   void DestroyClient() {
     // The test hands the client over before it lets the callback go on.
@@ -261,9 +290,9 @@ class OverlayClientLifetimeTest : public ::testing::Test {
     streamloft::ConnectOptions options;
     options.socketPath = service_->socketPath();
     options.startOnDemand = false;
-    std::string error;
-    auto client = OverlayClient::Connect(host, options, &error);
-    EXPECT_TRUE(client) << error;
+    streamloft::Error error;
+    auto client = OverlayClient::Connect(host.Options(options), &error);
+    EXPECT_TRUE(client) << error.message;
     EXPECT_TRUE(service_->waitForHost());
     return client;
   }
@@ -274,17 +303,17 @@ class OverlayClientLifetimeTest : public ::testing::Test {
 };
 
 TEST_F(OverlayClientLifetimeTest, DestroyedInsideItsOwnCallbackTheClientEndsWithoutCallingBack) {
-  for (const std::string at : {"start", "open-reply"}) {
+  for (const std::string at : {"start", "closed"}) {
     SCOPED_TRACE(at);
     SelfDestroyingHost host(at);
     auto client = Connect(host);
     ASSERT_TRUE(client);
     OverlayClient* raw = client.get();
     host.owned = std::move(client);
-    ASSERT_TRUE(raw->OpenBrowser("https://example.org/", 64, 64, 30, {}));
-    if (at == "open-reply") {
+    auto browser = raw->OpenBrowser({"https://example.org/", 64, 64, 30, {}}, host.events());
+    if (at == "closed") {
       ASSERT_EQ(host.WaitFor("start "), "start 7");
-      ASSERT_TRUE(raw->CloseBrowser(7));
+      browser->Close();
     }
     host.armed = true;
     ASSERT_EQ(host.WaitFor("destroyed"), "destroyed");
@@ -293,7 +322,7 @@ TEST_F(OverlayClientLifetimeTest, DestroyedInsideItsOwnCallbackTheClientEndsWith
     EXPECT_TRUE(ClientThreadEnds());
     service_->callHost("BrowserDidStart", g_variant_new("(i)", 8));
     EXPECT_EQ(host.WaitFor("start 8", 200ms), "");
-    EXPECT_EQ(host.WaitFor("closed", 0ms), "");
+    EXPECT_EQ(host.WaitFor("disconnected", 0ms), "");
     service_.reset();
   }
 }
@@ -302,15 +331,15 @@ TEST_F(OverlayClientLifetimeTest, DestroyedInsideItsOwnCallbackTheClientEndsWith
 // for that callback, and nothing is called back after it has returned.
 TEST_F(OverlayClientLifetimeTest, DestroyedFromAnotherThreadDuringACallbackWaitsForIt) {
   struct SlowHost : RecordingCallbacks {
-    void BrowserReceivedVideoFrame(int id, std::shared_ptr<const streamloft::VideoFrame>) override {
-      Add("frame-begin " + std::to_string(id));
+    void BrowserReceivedVideoFrame(Browser& b, std::shared_ptr<const streamloft::VideoFrame>) override {
+      Add("frame-begin " + std::to_string(b.ID()));
       std::this_thread::sleep_for(300ms);
-      Add("frame-end " + std::to_string(id));
+      Add("frame-end " + std::to_string(b.ID()));
     }
   } host;
   auto client = Connect(host);
   ASSERT_TRUE(client);
-  ASSERT_TRUE(client->OpenBrowser("https://example.org/", 64, 64, 30, {}));
+  auto browser = client->OpenBrowser({"https://example.org/", 64, 64, 30, {}}, host.events());
   ASSERT_EQ(host.WaitFor("start "), "start 7");
   int fd = MakeSurface(4, 4, 64);
   for (int i = 0; i < 5; ++i)
@@ -321,13 +350,13 @@ TEST_F(OverlayClientLifetimeTest, DestroyedFromAnotherThreadDuringACallbackWaits
   size_t events;
   {
     std::lock_guard<std::mutex> guard(host.lock);
-    events = host.events.size();
-    EXPECT_EQ(host.events.back(), "frame-end 7") << "the destructor returned during a callback";
+    events = host.events_.size();
+    EXPECT_EQ(host.events_.back(), "frame-end 7") << "the destructor returned during a callback";
   }
   EXPECT_TRUE(ClientThreadEnds());
   std::this_thread::sleep_for(200ms);
   std::lock_guard<std::mutex> guard(host.lock);
-  EXPECT_EQ(host.events.size(), events) << host.events.back();
+  EXPECT_EQ(host.events_.size(), events) << host.events_.back();
 }
 
 }  // namespace

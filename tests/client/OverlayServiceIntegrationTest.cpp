@@ -97,15 +97,17 @@ class OverlayServiceTest : public ::testing::Test {
     options.socketPath = socket_;
     options.helperPath = kHelper;
     options.startTimeout = 20s;
-    std::string message;
-    auto client = OverlayClient::Connect(host, options, &message);
-    EXPECT_TRUE(client) << message;
+    streamloft::Error error;
+    auto client = OverlayClient::Connect(host.Options(options), &error);
+    EXPECT_TRUE(client) << error.message;
     if (client && client->StartedService() && client->ServiceProcessID() > 0)
       services_.push_back(client->ServiceProcessID());
     return client;
   }
 
-  std::vector<std::string> Permitted() const { return {"file://" + kPages + "/"}; }
+  streamloft::BrowserOptions Page(double width, double height, double fps) const {
+    return {pageURL_, width, height, fps, {"file://" + kPages + "/"}};
+  }
 
   std::string dir_, socket_, pageURL_;
   std::vector<pid_t> services_;
@@ -124,15 +126,15 @@ TEST_F(OverlayServiceTest, StartedOnDemandServesTwoHostsWithBrowsersOfTheirOwnAn
   EXPECT_FALSE(b->StartedService());
   EXPECT_GT(a->ServiceProcessID(), 0);
   EXPECT_EQ(a->ServiceProcessID(), b->ServiceProcessID());
-  ASSERT_TRUE(a->OpenBrowser(pageURL_, 320, 240, 30, Permitted()));
-  ASSERT_TRUE(b->OpenBrowser(pageURL_, 320, 240, 30, Permitted()));
+  auto browserA = a->OpenBrowser(Page(320, 240, 30), first.events());
+  auto browserB = b->OpenBrowser(Page(320, 240, 30), second.events());
   int idA = Id(first.WaitFor("start ", 30s)), idB = Id(second.WaitFor("start ", 30s));
   ASSERT_TRUE(idA > 0 && idB > 0 && idA != idB) << idA << " " << idB;
   // Closing answers the opener's request with its ID, and only that one.
-  std::string error;
-  ASSERT_TRUE(a->CloseBrowser(idA, &error)) << error;
-  EXPECT_EQ(Id(first.WaitFor("open-reply", 10s)), idA);
-  EXPECT_EQ(second.WaitFor("open-reply", 500ms), "");
+  browserA->Close(first.Done("close"));
+  EXPECT_EQ(first.WaitFor("close ", 10s), "close ok");
+  EXPECT_EQ(Id(first.WaitFor("closed", 10s)), idA);
+  EXPECT_EQ(second.WaitFor("closed", 500ms), "");
   EXPECT_EQ(first.WaitFor("problem", 0ms), "");
 
   // A second service exits quietly; the first serves on, also other tools,
@@ -208,13 +210,13 @@ TEST_F(OverlayServiceTest, AHostKilledWithoutClosingLeavesTheServiceServingOther
   waitpid(child, &status, 0);
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the child host got no browser started: " << status;
 
-  ASSERT_TRUE(client->OpenBrowser(pageURL_, 160, 90, 10, Permitted()));
+  auto browser = client->OpenBrowser(Page(160, 90, 10), survivor.events());
   EXPECT_NE(survivor.WaitFor("start ", 30s), "");
   RecordingCallbacks late;
   auto another = Connect(late);
   ASSERT_TRUE(another);
   EXPECT_EQ(another->ServiceProcessID(), client->ServiceProcessID());
-  ASSERT_TRUE(another->OpenBrowser(pageURL_, 160, 90, 10, Permitted()));
+  auto lateBrowser = another->OpenBrowser(Page(160, 90, 10), late.events());
   EXPECT_NE(late.WaitFor("start ", 30s), "");
 }
 
@@ -253,10 +255,10 @@ TEST(OverlayServiceChild, ConnectOpenAndVanish) {
   streamloft::ConnectOptions options;
   options.socketPath = socket;
   options.startOnDemand = false;
-  auto client = OverlayClient::Connect(host, options);
+  auto client = OverlayClient::Connect(options);
   if (!client) _exit(2);
-  if (!client->OpenBrowser("file://" + kPages + "/client_overlay.html", 160, 90, 10, {"file://" + kPages + "/"}))
-    _exit(3);
+  auto browser = client->OpenBrowser({"file://" + kPages + "/client_overlay.html", 160, 90, 10, {"file://" + kPages + "/"}},
+                                     host.events());
   _exit(host.WaitFor("start ", 30s).empty() ? 4 : 0);
 }
 

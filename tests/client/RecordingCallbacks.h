@@ -1,5 +1,6 @@
-// The host side of the host library's tests: every callback as an event
-// line ("start 7", "open-reply 7", ...), frames, buffers and the format kept.
+// The host side of the host library's tests: every event as a line
+// ("start 7", "frame 7", "closed 7", "failed invalid-url ...", ...), frames,
+// buffers and the format kept. One recorder may serve several browsers.
 #pragma once
 
 #include <atomic>
@@ -15,35 +16,57 @@
 
 inline std::string Ids(int browser, int stream) { return std::to_string(browser) + " " + std::to_string(stream); }
 
-class RecordingCallbacks : public streamloft::OverlayCallbacks {
+class RecordingCallbacks : public streamloft::BrowserEvents {
  public:
-  void BrowserDidStart(int id) override { Add("start " + std::to_string(id)); }
-  void BrowserReceivedVideoFrame(int id, std::shared_ptr<const streamloft::VideoFrame> frame) override {
-    Add("frame " + std::to_string(id), [&] { frames.push_back(frame); });
+  using Browser = streamloft::Browser;
+
+  void BrowserDidStart(Browser&, int id) override { Add("start " + std::to_string(id)); }
+  void BrowserReceivedVideoFrame(Browser& b, std::shared_ptr<const streamloft::VideoFrame> frame) override {
+    Add("frame " + std::to_string(b.ID()), [&] { frames.push_back(frame); });
   }
-  void BrowserWillStartAudioStream(int id, int stream, const streamloft::AudioStreamFormat& f) override {
-    Add("audio-start " + Ids(id, stream), [&] { format = f; });
+  void BrowserWillStartAudioStream(Browser& b, int stream, const streamloft::AudioStreamFormat& f) override {
+    Add("audio-start " + Ids(b.ID(), stream), [&] { format = f; });
   }
-  void BrowserDidReceiveAudioStream(int id, int stream, std::shared_ptr<const streamloft::AudioBuffer> b) override {
-    Add((b ? "audio-buffer " : "audio-null ") + Ids(id, stream), [&] {
-      if (b) buffers.push_back(b);
+  void BrowserDidReceiveAudioStream(Browser& b, int stream, std::shared_ptr<const streamloft::AudioBuffer> buf) override {
+    Add((buf ? "audio-buffer " : "audio-null ") + Ids(b.ID(), stream), [&] {
+      if (buf) buffers.push_back(buf);
     });
   }
-  void BrowserWillStopAudioStream(int id, int stream) override { Add("audio-stop " + Ids(id, stream)); }
-  // Answered from the callback thread itself, through `client` if set.
-  void RequestSettingsDataForBrowser(int id) override {
-    if (streamloft::OverlayClient* c = client.load())
-      Add("settings " + std::to_string(id) + (c->UpdateBrowserSettingsData(id, {'{', '}'}) ? " answered" : " failed"));
+  void BrowserWillStopAudioStream(Browser& b, int stream) override { Add("audio-stop " + Ids(b.ID(), stream)); }
+  // Answered from the event itself when `answerSettings` is set.
+  void RequestSettingsDataForBrowser(Browser& b) override {
+    const int id = b.ID();
+    Add("settings-asked " + std::to_string(id));
+    if (answerSettings)
+      b.UpdateSettingsData({'{', '}'}, [this, id](const std::optional<streamloft::Error>& error) {
+        Add("settings " + std::to_string(id) + (error ? " failed" : " answered"));
+      });
   }
-  void OpenBrowserDidReply(int id) override { Add("open-reply " + std::to_string(id)); }
-  void OpenBrowserDidFail(const std::string& error) override { Add("open-failed " + error); }
-  void ConnectionDidClose() override { Add("closed"); }
-  void ClientDidReportProblem(const std::string& message) override { Add("problem " + message); }
+  void BrowserDidClose(Browser& b) override { Add("closed " + std::to_string(b.ID())); }
+  void BrowserDidFail(Browser&, const streamloft::Error& e) override {
+    Add(std::string("failed ") + streamloft::ErrorKindName(e.kind) + " " + e.Describe());
+  }
+
+  // A handle on this recorder for OpenBrowser (the test owns the recorder).
+  std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), this}; }
+  // Options that record the client's own events too: "problem ...",
+  // "disconnected".
+  streamloft::ConnectOptions Options(streamloft::ConnectOptions options = {}) {
+    options.diagnostics = [this](const std::string& message) { Add("problem " + message); };
+    options.connectionClosed = [this] { Add("disconnected"); };
+    return options;
+  }
+  // A completion that records "<what> ok" or "<what> failed <kind>".
+  streamloft::Completion Done(const std::string& what) {
+    return [this, what](const std::optional<streamloft::Error>& error) {
+      Add(what + (error ? std::string(" failed ") + streamloft::ErrorKindName(error->kind) : " ok"));
+    };
+  }
 
   void Add(const std::string& event, const std::function<void()>& keep = {}) {
     std::lock_guard<std::mutex> guard(lock);
     if (keep) keep();
-    events.push_back(event);
+    events_.push_back(event);
     changed.notify_all();
   }
   // The n-th event that starts with `prefix`, or "" when none came in time.
@@ -53,11 +76,15 @@ class RecordingCallbacks : public streamloft::OverlayCallbacks {
     std::vector<std::string> found;
     changed.wait_for(guard, timeout, [&] {
       found.clear();
-      for (const auto& e : events)
+      for (const auto& e : events_)
         if (e.rfind(prefix, 0) == 0) found.push_back(e);
       return found.size() >= n;
     });
     return found.size() >= n ? found[n - 1] : "";
+  }
+  std::vector<std::string> Events() {
+    std::lock_guard<std::mutex> guard(lock);
+    return events_;
   }
   template <typename T>
   std::vector<T> Take(std::vector<T>& list) {
@@ -65,10 +92,10 @@ class RecordingCallbacks : public streamloft::OverlayCallbacks {
     return std::exchange(list, {});
   }
 
-  std::atomic<streamloft::OverlayClient*> client{nullptr};
+  std::atomic<bool> answerSettings{true};
   std::mutex lock;
   std::condition_variable changed;
-  std::vector<std::string> events;
+  std::vector<std::string> events_;
   std::vector<std::shared_ptr<const streamloft::VideoFrame>> frames;
   std::vector<std::shared_ptr<const streamloft::AudioBuffer>> buffers;
   streamloft::AudioStreamFormat format;

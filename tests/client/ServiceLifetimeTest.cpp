@@ -28,6 +28,14 @@ namespace {
 const std::string kHelper = SLF_TEST_HELPER_PATH;
 const std::string kPages = SLF_TEST_PAGES_DIR;
 
+// Whether the service answers the client: a URL that does not parse is
+// refused with its typed error (and changes nothing in the service).
+bool Answers(OverlayClient& client) {
+  RecordingCallbacks probe;
+  auto browser = client.OpenBrowser({"not a url", 10, 10, 1, {}}, probe.events());
+  return probe.WaitFor("failed", 10s).rfind("failed invalid-url", 0) == 0;
+}
+
 int Id(const std::string& event) { return event.empty() ? 0 : std::atoi(event.c_str() + event.rfind(' ') + 1); }
 
 size_t CountEntries(const std::string& folder) {
@@ -161,9 +169,9 @@ class ServiceLifetimeTest : public ::testing::Test {
     options.helperPath = kHelper;
     options.startOnDemand = startOnDemand;
     options.startTimeout = 20s;
-    std::string message;
-    auto client = OverlayClient::Connect(host, options, &message);
-    EXPECT_TRUE(client) << message;
+    streamloft::Error error;
+    auto client = OverlayClient::Connect(host.Options(options), &error);
+    EXPECT_TRUE(client) << error.message;
     if (client && client->StartedService() && client->ServiceProcessID() > 0)
       services_.push_back(client->ServiceProcessID());
     return client;
@@ -191,19 +199,22 @@ class ServiceLifetimeTest : public ::testing::Test {
   // opens one.
   void HostSession(int mode, const std::string& url) {
     RecordingCallbacks host;
+    // Declared before the client, so that in mode 1 the client goes first
+    // and the handle's close never leaves.
+    std::shared_ptr<streamloft::Browser> browser;
     auto client = Connect(host, false);
     ASSERT_TRUE(client);
     if (mode == 2) return;
-    ASSERT_TRUE(client->OpenBrowser(url, 64, 48, 30, {"file://" + kPages + "/"}));
+    browser = client->OpenBrowser({url, 64, 48, 30, {"file://" + kPages + "/"}}, host.events());
     const int id = Id(host.WaitFor("start ", 30s));
     ASSERT_GT(id, 0);
     if (mode == 1) {
       EXPECT_NE(host.WaitFor("frame ", 30s), "");
       return;
     }
-    std::string error;
-    ASSERT_TRUE(client->CloseBrowser(id, &error)) << error;
-    EXPECT_EQ(Id(host.WaitFor("open-reply", 10s)), id);
+    browser->Close(host.Done("close"));
+    EXPECT_EQ(host.WaitFor("close ", 10s), "close ok");
+    EXPECT_EQ(Id(host.WaitFor("closed", 10s)), id);
   }
 
   std::string dir_, socket_;
@@ -238,7 +249,7 @@ TEST_F(ServiceLifetimeTest, ManyHostConnectionsLeaveNothingBehind) {
                                                    << DescribeDescriptors(service);
   EXPECT_LE(after.threads, before.threads + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
   // The service is whole: the anchor still gets a browser.
-  ASSERT_TRUE(client->OpenBrowser(url, 64, 48, 30, {"file://" + kPages + "/"}));
+  auto browser = client->OpenBrowser({url, 64, 48, 30, {"file://" + kPages + "/"}}, anchor.events());
   EXPECT_GT(Id(anchor.WaitFor("start ", 30s)), 0);
 }
 
@@ -299,9 +310,10 @@ TEST(ServiceLifetimeChild, HoldFramesAndAudioUntilKilled) {
   streamloft::ConnectOptions options;
   options.socketPath = socket;
   options.startOnDemand = false;
-  auto client = OverlayClient::Connect(host, options);
+  auto client = OverlayClient::Connect(options);
   if (!client) _exit(2);
-  if (!client->OpenBrowser("file://" + kPages + "/av_overlay.html", 64, 48, 60, {"file://" + kPages + "/"})) _exit(3);
+  auto browser =
+      client->OpenBrowser({"file://" + kPages + "/av_overlay.html", 64, 48, 60, {"file://" + kPages + "/"}}, host.events());
   if (host.WaitFor("frame ", 60s, 25).empty() || host.WaitFor("audio-buffer ", 60s, 10).empty()) _exit(4);
   const char ok = 1;
   if (write(atoi(readyFd), &ok, 1) != 1) _exit(5);
@@ -322,13 +334,13 @@ TEST_F(ServiceLifetimeTest, AnIdleServiceExitsAndTheNextConnectStartsAnother) {
     auto client = Connect(host, false);
     ASSERT_TRUE(client);
     EXPECT_EQ(client->ServiceProcessID(), idle);
-    ASSERT_TRUE(client->OpenBrowser("file://" + kPages + "/av_overlay.html", 64, 48, 30, {"file://" + kPages + "/"}));
+    auto browser =
+        client->OpenBrowser({"file://" + kPages + "/av_overlay.html", 64, 48, 30, {"file://" + kPages + "/"}}, host.events());
     ASSERT_GT(Id(host.WaitFor("start ", 30s)), 0);
     ASSERT_NE(host.WaitFor("audio-buffer ", 30s), "");
     std::this_thread::sleep_for(2500ms);
     EXPECT_TRUE(client->IsConnected());
-    std::string error;
-    EXPECT_TRUE(client->UpdateBrowserSize(1234, 10, 10, &error)) << error;
+    EXPECT_TRUE(Answers(*client));
   }
   int status = -1;
   ASSERT_TRUE(WaitUntil([&] { return waitpid(idle, &status, WNOHANG) == idle; }, 30s)) << "the service did not exit";
@@ -346,7 +358,8 @@ TEST_F(ServiceLifetimeTest, AnIdleServiceExitsAndTheNextConnectStartsAnother) {
   ASSERT_TRUE(client);
   EXPECT_TRUE(client->StartedService());
   EXPECT_NE(client->ServiceProcessID(), idle);
-  ASSERT_TRUE(client->OpenBrowser("file://" + kPages + "/client_overlay.html", 64, 48, 30, {"file://" + kPages + "/"}));
+  auto browser = client->OpenBrowser({"file://" + kPages + "/client_overlay.html", 64, 48, 30, {"file://" + kPages + "/"}},
+                                     host.events());
   EXPECT_GT(Id(host.WaitFor("start ", 30s)), 0);
 }
 
@@ -365,12 +378,11 @@ TEST_F(ServiceLifetimeTest, HostsConnectingWhileTheServiceEndsAlwaysGetALiveConn
     options.socketPath = socket_;
     options.helperPath = wrapper;
     options.startTimeout = 20s;
-    std::string message;
-    auto client = OverlayClient::Connect(host, options, &message);
-    ASSERT_TRUE(client) << "round " << i << ": " << message;
+    streamloft::Error error;
+    auto client = OverlayClient::Connect(host.Options(options), &error);
+    ASSERT_TRUE(client) << "round " << i << ": " << error.message;
     seen.insert(client->ServiceProcessID());
-    std::string error;
-    EXPECT_TRUE(client->UpdateBrowserSize(1234, 10, 10, &error)) << "round " << i << ": " << error;
+    EXPECT_TRUE(Answers(*client)) << "round " << i;
     client.reset();
     std::this_thread::sleep_for(std::chrono::milliseconds(900 + 50 * (i % 5)));
   }
@@ -416,8 +428,7 @@ TEST_F(ServiceLifetimeTest, AnIdleSocketActivatedServiceLeavesTheSocketForTheNex
   ASSERT_TRUE(client);
   // (The peer credentials name the socket's maker, so the service is told
   // by its answers and by the first one's end.)
-  std::string error;
-  EXPECT_TRUE(client->UpdateBrowserSize(1234, 10, 10, &error)) << error;
+  EXPECT_TRUE(Answers(*client));
   EXPECT_FALSE(ProcessIsGone(second));
 }
 

@@ -1,5 +1,6 @@
 // Frames from a real page through the started-on-demand service to the host library.
 #include "streamloft/OverlayClient.h"
+#include "tests/support/AwaitRequest.h"
 
 #include <gtest/gtest.h>
 
@@ -19,14 +20,20 @@ namespace {
 
 const std::string kPages = SLF_TEST_PAGES_DIR;
 
-struct FrameHost : streamloft::OverlayCallbacks {
-    void BrowserDidStart(int id) override
+struct FrameHost : streamloft::BrowserEvents {
+    void BrowserDidStart(streamloft::Browser&, int id) override
     {
         std::lock_guard<std::mutex> guard(lock);
         browserID = id;
         changed.notify_all();
     }
-    void BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) override
+    void BrowserDidFail(streamloft::Browser&, const streamloft::Error&) override
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        browserID = -1;
+        changed.notify_all();
+    }
+    void BrowserReceivedVideoFrame(streamloft::Browser&, std::shared_ptr<const streamloft::VideoFrame> frame) override
     {
         std::lock_guard<std::mutex> guard(lock);
         sizes.emplace_back(frame->width(), frame->height());
@@ -112,36 +119,35 @@ protected:
         options.socketPath = cleanup.folder + "/overlay-helper.sock";
         options.helperPath = SLF_TEST_HELPER_PATH;
         options.startTimeout = 20s;
-        std::string error;
-        client = streamloft::OverlayClient::Connect(host, options, &error);
-        ASSERT_TRUE(client) << error;
+        streamloft::Error error;
+        client = streamloft::OverlayClient::Connect(options, &error);
+        ASSERT_TRUE(client) << error.message;
         ASSERT_TRUE(client->StartedService());
         cleanup.pid = client->ServiceProcessID();
     }
     void Open(const std::string& page, double width, double height)
     {
-        std::string error;
-        ASSERT_TRUE(client->OpenBrowser("file://" + kPages + "/" + page, width, height, 30, {"file://" + kPages + "/"},
-                                        &error))
-            << error;
+        browser = client->OpenBrowser({"file://" + kPages + "/" + page, width, height, 30, {"file://" + kPages + "/"}},
+                                      std::shared_ptr<streamloft::BrowserEvents>(std::shared_ptr<void>(), &host));
         ASSERT_TRUE(host.WaitFor([&] { return host.browserID != -2; }, 60s));
         ASSERT_GE(host.browserID, 0);
     }
 
-    // Destroyed in reverse: the client first, then the host, then the service.
+    // Destroyed in reverse: the browser and the client first, then the host,
+    // then the service.
     ServiceCleanup cleanup;
     FrameHost host;
     std::unique_ptr<streamloft::OverlayClient> client;
+    std::shared_ptr<streamloft::Browser> browser;
 };
 
 // Fractional sizes render at the truncated size, with every row in place.
 TEST_F(FramesEndToEnd, KnownColoursArriveAsBGRAWithAlphaZeroWhereThePageIsTransparentAndFollowAResize)
 {
     Open("frames_colours.html", 64.5, 48);
-    std::string error;
     // The first paints may come before the page has loaded.
     EXPECT_TRUE(host.WaitFor([&] { return host.last && ShowsTheColourPage(*host.last, 64, 48); }));
-    ASSERT_TRUE(client->UpdateBrowserSize(host.browserID, 96, 40, &error)) << error;
+    ASSERT_EQ(AwaitRequest([&](auto done) { browser->Resize(96, 40, done); }), "");
     EXPECT_TRUE(host.WaitFor([&] { return host.last && ShowsTheColourPage(*host.last, 96, 40); }));
     {
         std::lock_guard<std::mutex> guard(host.lock);
@@ -150,7 +156,7 @@ TEST_F(FramesEndToEnd, KnownColoursArriveAsBGRAWithAlphaZeroWhereThePageIsTransp
         EXPECT_TRUE(std::all_of(host.sizes.begin(), firstNew, [](auto s) { return s == std::make_pair(64u, 48u); }));
         EXPECT_TRUE(std::all_of(firstNew, host.sizes.end(), [](auto s) { return s == std::make_pair(96u, 40u); }));
     }
-    ASSERT_TRUE(client->UpdateBrowserSize(host.browserID, 1279.9, 720.5, &error)) << error;
+    ASSERT_EQ(AwaitRequest([&](auto done) { browser->Resize(1279.9, 720.5, done); }), "");
     EXPECT_TRUE(host.WaitFor([&] { return host.last && ShowsTheColourPage(*host.last, 1279, 720); }));
 }
 

@@ -108,11 +108,10 @@ class OverlaySrcTest : public ::testing::Test {
 
   // The service the element started, asked for its process ID and ended.
   void StopService() {
-    streamloft::OverlayCallbacks quiet;
     streamloft::ConnectOptions options;
     options.socketPath = socket_;
     options.startOnDemand = false;
-    auto client = streamloft::OverlayClient::Connect(quiet, options);
+    auto client = streamloft::OverlayClient::Connect(options);
     if (!client) return;
     pid_t pid = client->ServiceProcessID();
     client.reset();

@@ -37,34 +37,36 @@ std::string Ids(int browser, int stream)
 
 // Frames are counted per browser and let go at once; everything else is an
 // event line ("start 3", "audio-stop 3 7", ...).
-class Host : public streamloft::OverlayCallbacks {
+class Host : public streamloft::BrowserEvents {
 public:
-    void BrowserDidStart(int id) override { Add("start " + std::to_string(id)); }
-    void BrowserReceivedVideoFrame(int id, std::shared_ptr<const streamloft::VideoFrame>) override
+    using Browser = streamloft::Browser;
+    void BrowserDidStart(Browser&, int id) override { Add("start " + std::to_string(id)); }
+    void BrowserReceivedVideoFrame(Browser& b, std::shared_ptr<const streamloft::VideoFrame>) override
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        ++m_frames[id];
+        ++m_frames[b.ID()];
         m_changed.notify_all();
     }
-    void BrowserWillStartAudioStream(int id, int stream, const streamloft::AudioStreamFormat&) override
+    void BrowserWillStartAudioStream(Browser& b, int stream, const streamloft::AudioStreamFormat&) override
     {
-        Add("audio-start " + Ids(id, stream));
+        Add("audio-start " + Ids(b.ID(), stream));
     }
-    void BrowserDidReceiveAudioStream(int id, int stream, std::shared_ptr<const streamloft::AudioBuffer> b) override
+    void BrowserDidReceiveAudioStream(Browser& b, int stream, std::shared_ptr<const streamloft::AudioBuffer> buf) override
     {
-        if (!b)
-            Add("audio-null " + Ids(id, stream));
+        if (!buf)
+            Add("audio-null " + Ids(b.ID(), stream));
     }
-    void BrowserWillStopAudioStream(int id, int stream) override { Add("audio-stop " + Ids(id, stream)); }
-    // Answered at once, through `client` once it is set.
-    void RequestSettingsDataForBrowser(int id) override
+    void BrowserWillStopAudioStream(Browser& b, int stream) override { Add("audio-stop " + Ids(b.ID(), stream)); }
+    // Answered at once.
+    void RequestSettingsDataForBrowser(Browser& b) override
     {
-        Add("settings " + std::to_string(id));
-        if (streamloft::OverlayClient* c = client.load())
-            c->UpdateBrowserSettingsData(id, {'o', 'k'});
+        Add("settings " + std::to_string(b.ID()));
+        b.UpdateSettingsData({'o', 'k'});
     }
-    void OpenBrowserDidReply(int id) override { Add("open-reply " + std::to_string(id)); }
-    void ClientDidReportProblem(const std::string& message) override { Add("problem " + message); }
+    void BrowserDidClose(Browser& b) override { Add("closed " + std::to_string(b.ID())); }
+    void BrowserDidFail(Browser&, const streamloft::Error& error) override { Add("failed " + error.Describe()); }
+    void ReportProblem(const std::string& message) { Add("problem " + message); }
+    std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), this}; }
 
     long Frames(int id)
     {
@@ -106,7 +108,6 @@ public:
         }
     }
 
-    std::atomic<streamloft::OverlayClient*> client{nullptr};
 
 private:
     void Add(const std::string& event)
@@ -182,6 +183,7 @@ protected:
     }
     void TearDown() override
     {
+        m_browsers.clear();
         m_client.reset();
         if (m_service > 0) {
             kill(m_service, SIGTERM);
@@ -200,9 +202,10 @@ protected:
         options.socketPath = m_socket;
         options.helperPath = kHelper;
         options.startTimeout = 20s;
-        std::string error;
-        m_client = streamloft::OverlayClient::Connect(host, options, &error);
-        ASSERT_TRUE(m_client) << error;
+        options.diagnostics = [&host](const std::string& message) { host.ReportProblem(message); };
+        streamloft::Error error;
+        m_client = streamloft::OverlayClient::Connect(options, &error);
+        ASSERT_TRUE(m_client) << error.message;
         ASSERT_TRUE(m_client->StartedService());
         m_service = m_client->ServiceProcessID();
         ASSERT_GT(m_service, 0);
@@ -212,13 +215,13 @@ protected:
     int Open(Host& host, const std::string& page, double width, double height)
     {
         const size_t started = host.Events("start ").size();
-        std::string error;
-        EXPECT_TRUE(m_client->OpenBrowser("file://" + kPages + "/" + page, width, height, 30,
-                                          {"file://" + kPages + "/"}, &error))
-            << error;
+        auto browser = m_client->OpenBrowser({"file://" + kPages + "/" + page, width, height, 30, {"file://" + kPages + "/"}},
+                                             host.events());
         if (!host.WaitFor([&] { return host.Events("start ").size() > started; }, 60s))
             return -1;
-        return Number(host.Events("start ")[started], 0);
+        const int id = Number(host.Events("start ")[started], 0);
+        m_browsers[id] = browser;
+        return id;
     }
 
     // The log lines of the service that name a browser's web process.
@@ -234,13 +237,15 @@ protected:
     }
 
     std::string m_dir, m_socket;
+    Host m_host; // outlives the client and the browsers
     std::unique_ptr<streamloft::OverlayClient> m_client;
+    std::map<int, std::shared_ptr<streamloft::Browser>> m_browsers; // by ID
     pid_t m_service = -1;
 };
 
 TEST_F(CrashRecoveryTest, AKilledWebProcessComesBackUnderItsIdUntilTheFourthCrashInAMinute)
 {
-    Host host;
+    Host& host = m_host;
     ASSERT_NO_FATAL_FAILURE(Connect(host));
     const int crashing = Open(host, "client_overlay.html", 160, 120);
     ASSERT_GT(crashing, 0);
@@ -303,17 +308,15 @@ TEST_F(CrashRecoveryTest, AKilledWebProcessComesBackUnderItsIdUntilTheFourthCras
 
     // The given-up browser is still registered: it closes as any other
     // does, and its opener gets its reply.
-    std::string error;
-    EXPECT_TRUE(m_client->CloseBrowser(crashing, &error)) << error;
-    EXPECT_TRUE(host.WaitFor([&] { return host.IndexOf("open-reply " + std::to_string(crashing)) >= 0; }, 20s));
+    m_browsers[crashing]->Close();
+    EXPECT_TRUE(host.WaitFor([&] { return host.IndexOf("closed " + std::to_string(crashing)) >= 0; }, 20s));
     EXPECT_TRUE(host.Events("problem").empty()) << host.Events("problem").front();
 }
 
 TEST_F(CrashRecoveryTest, AudioOfAKilledWebProcessStopsAndTheNewProcessIsKnownAsTheSameBrowser)
 {
-    Host host;
+    Host& host = m_host;
     ASSERT_NO_FATAL_FAILURE(Connect(host));
-    host.client = m_client.get();
     const int browser = Open(host, "recovery_overlay.html", 64, 64);
     ASSERT_GT(browser, 0);
     const std::string settings = "settings " + std::to_string(browser);
@@ -342,7 +345,6 @@ TEST_F(CrashRecoveryTest, AudioOfAKilledWebProcessStopsAndTheNewProcessIsKnownAs
     EXPECT_EQ(host.Events("start ").size(), 1u);
     EXPECT_EQ(host.Events("settings ").size(), 2u);
     EXPECT_TRUE(Running(m_service));
-    host.client = nullptr;
 }
 
 } // namespace

@@ -34,6 +34,7 @@ double SecondsSince(uint64_t presentationTime, std::chrono::steady_clock::time_p
 CaptureSession::CaptureSession(CaptureOptions options) : options_(std::move(options)), pacing_(options_.fps) {}
 
 CaptureSession::~CaptureSession() {
+  browser_.reset();
   client_.reset();
   {
     std::lock_guard<std::mutex> guard(lock_);
@@ -68,13 +69,14 @@ int CaptureSession::Run() {
   streamloft::ConnectOptions connectOptions;
   connectOptions.socketPath = options_.socketPath;
   connectOptions.startOnDemand = options_.startOnDemand;
-  std::string error;
-  client_ = streamloft::OverlayClient::Connect(*this, connectOptions, &error);
+  connectOptions.diagnostics = [this](const std::string& message) { ReportProblem(message); };
+  connectOptions.connectionClosed = [this] { ConnectionDidClose(); };
+  streamloft::Error connectError;
+  client_ = streamloft::OverlayClient::Connect(connectOptions, &connectError);
   if (!client_) {
-    fprintf(stderr, "slf-overlay-capture: %s\n", error.c_str());
+    fprintf(stderr, "slf-overlay-capture: %s\n", connectError.message.c_str());
     return 1;
   }
-  callbackClient_ = client_.get();
   printf("service: %s at %s (process %d)\n", client_->StartedService() ? "started on demand" : "already running",
          client_->SocketPath().c_str(), static_cast<int>(client_->ServiceProcessID()));
   fflush(stdout);
@@ -83,11 +85,10 @@ int CaptureSession::Run() {
     std::lock_guard<std::mutex> guard(lock_);
     openRequested_ = std::chrono::steady_clock::now();
   }
-  if (!client_->OpenBrowser(options_.url, options_.width, options_.height, options_.fps, options_.permitted,
-                            &error)) {
-    fprintf(stderr, "slf-overlay-capture: %s\n", error.c_str());
-    return 1;
-  }
+  // This object outlives the client, which delivers no event after it is gone.
+  browser_ = client_->OpenBrowser({options_.url, double(options_.width), double(options_.height), options_.fps,
+                                   options_.permitted},
+                                  std::shared_ptr<streamloft::BrowserEvents>(std::shared_ptr<void>(), this));
   bool answered = WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(kStartTimeout),
                           [this] { return started_ || openAnswered_ || !openError_.empty() || connectionClosed_; });
   int browserID;
@@ -154,13 +155,16 @@ int CaptureSession::Run() {
     framesInCapture = framesReceived_;
   }
   if (!lost) {
-    if (!client_->CloseBrowser(browserID, &error)) {
-      Fail(error);
-    } else if (browserID == -1) {
-      // Nothing was registered under -1, so there is no kept reply to answer.
-      printf("closed: browser ID -1 has no open request to answer\n");
-    } else if (WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(kCloseTimeout),
-                       [this] { return openAnswered_ || connectionClosed_; })) {
+    browser_->Close([this](const std::optional<streamloft::Error>& error) {
+      if (error) Fail("closing the browser: " + error->Describe());
+      {
+        std::lock_guard<std::mutex> guard(lock_);
+        closeAnswered_ = true;
+      }
+      changed_.notify_all();
+    });
+    if (WaitFor(std::chrono::duration_cast<std::chrono::milliseconds>(kCloseTimeout),
+                [this] { return openAnswered_ || connectionClosed_; })) {
       std::lock_guard<std::mutex> guard(lock_);
       if (openAnswered_) printf("closed: the open request was answered with browser ID %d\n", openAnswerID_);
     } else {
@@ -169,6 +173,7 @@ int CaptureSession::Run() {
   }
   // Ends the connection and the callback thread; the audio files and the
   // counters are complete after this.
+  browser_.reset();
   client_.reset();
   for (auto& [key, stream] : audio_) {
     if (stream->writer.isOpen()) {
@@ -275,7 +280,7 @@ void CaptureSession::WriteImages() {
   }
 }
 
-void CaptureSession::BrowserDidStart(int browserID) {
+void CaptureSession::BrowserDidStart(streamloft::Browser&, int browserID) {
   {
     std::lock_guard<std::mutex> guard(lock_);
     if (started_) return;
@@ -286,7 +291,7 @@ void CaptureSession::BrowserDidStart(int browserID) {
   changed_.notify_all();
 }
 
-void CaptureSession::BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) {
+void CaptureSession::BrowserReceivedVideoFrame(streamloft::Browser&, std::shared_ptr<const streamloft::VideoFrame> frame) {
   uint64_t index;
   bool keep;
   {
@@ -322,8 +327,9 @@ void CaptureSession::BrowserReceivedVideoFrame(int, std::shared_ptr<const stream
   changed_.notify_all();
 }
 
-void CaptureSession::BrowserWillStartAudioStream(int browserID, int streamID,
+void CaptureSession::BrowserWillStartAudioStream(streamloft::Browser& browser, int streamID,
                                                  const streamloft::AudioStreamFormat& format) {
+  const int browserID = browser.ID();
   auto& slot = audio_[{browserID, streamID}];
   if (slot && slot->writer.isOpen()) {
     audioSummaries_.push_back(slot->writer.path() + " (" + std::to_string(slot->writer.framesWritten()) +
@@ -342,10 +348,10 @@ void CaptureSession::BrowserWillStartAudioStream(int browserID, int streamID,
     Fail(error);
 }
 
-void CaptureSession::BrowserDidReceiveAudioStream(int browserID, int streamID,
+void CaptureSession::BrowserDidReceiveAudioStream(streamloft::Browser& browser, int streamID,
                                                   std::shared_ptr<const streamloft::AudioBuffer> buffer) {
   if (!buffer) return;
-  auto it = audio_.find({browserID, streamID});
+  auto it = audio_.find({browser.ID(), streamID});
   if (it == audio_.end()) return;
   AudioStream& stream = *it->second;
   if (buffer->presentationTime())
@@ -359,8 +365,8 @@ void CaptureSession::BrowserDidReceiveAudioStream(int browserID, int streamID,
   }
 }
 
-void CaptureSession::BrowserWillStopAudioStream(int browserID, int streamID) {
-  auto it = audio_.find({browserID, streamID});
+void CaptureSession::BrowserWillStopAudioStream(streamloft::Browser& browser, int streamID) {
+  auto it = audio_.find({browser.ID(), streamID});
   if (it == audio_.end()) return;
   AudioStream& stream = *it->second;
   std::string summary = "stream " + std::to_string(streamID) + ": " + std::to_string(stream.buffers) +
@@ -371,29 +377,32 @@ void CaptureSession::BrowserWillStopAudioStream(int browserID, int streamID) {
   audio_.erase(it);
 }
 
-void CaptureSession::RequestSettingsDataForBrowser(int browserID) {
+void CaptureSession::RequestSettingsDataForBrowser(streamloft::Browser& browser) {
   {
     std::lock_guard<std::mutex> guard(lock_);
     ++settingsRequests_;
   }
-  std::string error;
-  streamloft::OverlayClient* client = callbackClient_;
-  if (client && !client->UpdateBrowserSettingsData(browserID, options_.settingsData, &error)) Fail(error);
+  browser.UpdateSettingsData(options_.settingsData, [this](const std::optional<streamloft::Error>& error) {
+    if (error) Fail("answering the settings request: " + error->Describe());
+  });
 }
 
-void CaptureSession::OpenBrowserDidReply(int browserID) {
+void CaptureSession::BrowserDidClose(streamloft::Browser& browser) {
   {
     std::lock_guard<std::mutex> guard(lock_);
     openAnswered_ = true;
-    openAnswerID_ = browserID;
+    openAnswerID_ = browser.ID();
   }
   changed_.notify_all();
 }
 
-void CaptureSession::OpenBrowserDidFail(const std::string& error) {
+void CaptureSession::BrowserDidFail(streamloft::Browser&, const streamloft::Error& error) {
   {
     std::lock_guard<std::mutex> guard(lock_);
-    openError_ = error.empty() ? "unknown error" : error;
+    if (error.kind == streamloft::ErrorKind::ConnectionClosed)
+      connectionClosed_ = true;
+    else
+      openError_ = error.Describe();
   }
   changed_.notify_all();
 }
@@ -406,7 +415,7 @@ void CaptureSession::ConnectionDidClose() {
   changed_.notify_all();
 }
 
-void CaptureSession::ClientDidReportProblem(const std::string& message) {
+void CaptureSession::ReportProblem(const std::string& message) {
   {
     std::lock_guard<std::mutex> guard(lock_);
     if (message.rfind("frame ", 0) == 0) ++framesRefused_;

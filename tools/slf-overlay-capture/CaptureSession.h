@@ -40,7 +40,7 @@ struct CaptureOptions {
   bool progress = false;
 };
 
-class CaptureSession : public streamloft::OverlayCallbacks {
+class CaptureSession : public streamloft::BrowserEvents {
  public:
   explicit CaptureSession(CaptureOptions options);
   ~CaptureSession() override;
@@ -50,17 +50,16 @@ class CaptureSession : public streamloft::OverlayCallbacks {
   // or no frame during a capture of more than 0 s).
   int Run();
 
-  void BrowserDidStart(int browserID) override;
-  void BrowserReceivedVideoFrame(int browserID, std::shared_ptr<const streamloft::VideoFrame> frame) override;
-  void BrowserWillStartAudioStream(int browserID, int streamID, const streamloft::AudioStreamFormat& format) override;
-  void BrowserDidReceiveAudioStream(int browserID, int streamID,
+  void BrowserDidStart(streamloft::Browser& browser, int browserID) override;
+  void BrowserReceivedVideoFrame(streamloft::Browser& browser, std::shared_ptr<const streamloft::VideoFrame> frame) override;
+  void BrowserWillStartAudioStream(streamloft::Browser& browser, int streamID,
+                                   const streamloft::AudioStreamFormat& format) override;
+  void BrowserDidReceiveAudioStream(streamloft::Browser& browser, int streamID,
                                     std::shared_ptr<const streamloft::AudioBuffer> buffer) override;
-  void BrowserWillStopAudioStream(int browserID, int streamID) override;
-  void RequestSettingsDataForBrowser(int browserID) override;
-  void OpenBrowserDidReply(int browserID) override;
-  void OpenBrowserDidFail(const std::string& error) override;
-  void ConnectionDidClose() override;
-  void ClientDidReportProblem(const std::string& message) override;
+  void BrowserWillStopAudioStream(streamloft::Browser& browser, int streamID) override;
+  void RequestSettingsDataForBrowser(streamloft::Browser& browser) override;
+  void BrowserDidClose(streamloft::Browser& browser) override;
+  void BrowserDidFail(streamloft::Browser& browser, const streamloft::Error& error) override;
 
  private:
   struct PendingImage {
@@ -78,20 +77,21 @@ class CaptureSession : public streamloft::OverlayCallbacks {
   void WriteImages();
   void Fail(const std::string& message);
   void PrintReport(double elapsedSeconds, uint64_t framesInCapture);
+  void ConnectionDidClose();
+  void ReportProblem(const std::string& message);
 
   CaptureOptions options_;
   std::unique_ptr<streamloft::OverlayClient> client_;
-  // The same client for the callback thread, which must not read client_
-  // while the main thread resets it (the thread ends inside that reset).
-  std::atomic<streamloft::OverlayClient*> callbackClient_{nullptr};
+  std::shared_ptr<streamloft::Browser> browser_;
 
   // Lock order: a leaf; never held while calling the client or writing files.
   std::mutex lock_;
   std::condition_variable changed_;
   bool started_ = false;
   int browserID_ = -1;
-  bool openAnswered_ = false;
+  bool openAnswered_ = false;  // the browser has closed: the open request's reply
   int openAnswerID_ = -1;
+  bool closeAnswered_ = false;
   std::string openError_;
   bool connectionClosed_ = false;
   uint64_t framesReceived_ = 0;

@@ -170,12 +170,28 @@ std::string Describe(const Usage& u) {
 
 // ---- hosts ------------------------------------------------------------------
 
-class Host : public streamloft::OverlayCallbacks {
+class Host : public streamloft::BrowserEvents {
  public:
   explicit Host(size_t framesToHold = 0) : framesToHold_(framesToHold) {}
 
-  void BrowserDidStart(int browserID) override { browserID_ = browserID; }
-  void BrowserReceivedVideoFrame(int, std::shared_ptr<const streamloft::VideoFrame> frame) override {
+  // The client's own events for this host.
+  streamloft::ConnectOptions Options(streamloft::ConnectOptions options) {
+    options.connectionClosed = [this] { closed_ = true; };
+    options.diagnostics = [this](const std::string& message) {
+      if (problems_++ < 3) Say("host library problem: %s", message.c_str());
+    };
+    return options;
+  }
+  // A non-owning handle for OpenBrowser: the host outlives its client.
+  std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), this}; }
+
+  void BrowserDidStart(streamloft::Browser&, int browserID) override { browserID_ = browserID; }
+  void BrowserDidFail(streamloft::Browser&, const streamloft::Error& error) override {
+    if (browserID_ == 0) browserID_ = -1;
+    if (error.kind == streamloft::ErrorKind::ConnectionClosed) closed_ = true;
+    if (problems_++ < 3) Say("browser failed: %s", error.Describe().c_str());
+  }
+  void BrowserReceivedVideoFrame(streamloft::Browser&, std::shared_ptr<const streamloft::VideoFrame> frame) override {
     ++frames_;
     if (framesToHold_) {
       std::lock_guard<std::mutex> guard(heldLock_);  // lock order: a leaf
@@ -183,14 +199,10 @@ class Host : public streamloft::OverlayCallbacks {
       if (held_.size() > framesToHold_) held_.pop_front();
     }
   }
-  void BrowserDidReceiveAudioStream(int, int, std::shared_ptr<const streamloft::AudioBuffer> buffer) override {
+  void BrowserDidReceiveAudioStream(streamloft::Browser&, int, std::shared_ptr<const streamloft::AudioBuffer> buffer) override {
     if (buffer) ++audioBuffers_;
   }
-  void RequestSettingsDataForBrowser(int) override { settingsAsked_ = true; }
-  void ConnectionDidClose() override { closed_ = true; }
-  void ClientDidReportProblem(const std::string& message) override {
-    if (problems_++ < 3) Say("host library problem: %s", message.c_str());
-  }
+  void RequestSettingsDataForBrowser(streamloft::Browser&) override { settingsAsked_ = true; }
 
   int browserID() const { return browserID_; }
   uint64_t frames() const { return frames_; }
@@ -214,9 +226,10 @@ class Host : public streamloft::OverlayCallbacks {
 struct Anchor {
   Host host;
   std::unique_ptr<streamloft::OverlayClient> client;
+  std::shared_ptr<streamloft::Browser> browser;
   int id = 0;
   bool large = false;
-  uint64_t settingsAnswered = 0;
+  std::shared_ptr<std::atomic<uint64_t>> settingsAnswered = std::make_shared<std::atomic<uint64_t>>(0);
   bool silent = false;
   Clock::time_point silentSince;
   // Frame counts of the last kSilenceLimit, one per look, oldest first.
@@ -238,12 +251,14 @@ bool ServeAnchors(std::vector<std::unique_ptr<Anchor>>& anchors, uint64_t* setti
   for (auto& anchor : anchors) {
     if (anchor->host.takeSettingsRequest()) {
       const std::string text = "{\"soak\":" + std::to_string(++*settingsTick) + "}";
-      std::string error;
-      if (anchor->client->UpdateBrowserSettingsData(anchor->id, std::vector<uint8_t>(text.begin(), text.end()),
-                                                    &error))
-        ++anchor->settingsAnswered;
-      else
-        Say("settings answer for browser %d refused: %s", anchor->id, error.c_str());
+      anchor->browser->UpdateSettingsData(
+          std::vector<uint8_t>(text.begin(), text.end()),
+          [answered = anchor->settingsAnswered, id = anchor->id](const std::optional<streamloft::Error>& error) {
+            if (!error)
+              ++*answered;
+            else
+              Say("settings answer for browser %d refused: %s", id, error->Describe().c_str());
+          });
     }
     anchor->recent.emplace_back(clockNow, anchor->host.frames());
     while (clockNow - anchor->recent.front().first > kSilenceLimit) anchor->recent.pop_front();
@@ -335,11 +350,12 @@ class Churn {
     streamloft::ConnectOptions options;
     options.socketPath = socket_;
     options.startOnDemand = false;
-    std::string error;
-    std::unique_ptr<streamloft::OverlayClient> client = streamloft::OverlayClient::Connect(host, options, &error);
+    streamloft::Error error;
+    std::shared_ptr<streamloft::Browser> browser;  // goes after the client: kind 1 never closes it
+    std::unique_ptr<streamloft::OverlayClient> client = streamloft::OverlayClient::Connect(host.Options(options), &error);
     if (!client) {
       ++stats_.failures;
-      Say("churn host could not connect: %s", error.c_str());
+      Say("churn host could not connect: %s", error.message.c_str());
       return;
     }
     if (kind == 2) {
@@ -347,17 +363,14 @@ class Churn {
       ++stats_.bare;
       return;
     }
-    if (!client->OpenBrowser(FileURL(config_.page), 480, 270, config_.fps, {FolderURL(config_.page)}, &error)) {
-      ++stats_.failures;
-      Say("churn host could not open a browser: %s", error.c_str());
-      return;
-    }
+    browser = client->OpenBrowser({FileURL(config_.page), 480, 270, config_.fps, {FolderURL(config_.page)}},
+                                  host.events());
     // Like every host, it answers its page's settings requests: the page
     // waits for them on the service's one resource thread.
     auto answerSettings = [&] {
       if (host.takeSettingsRequest() && host.browserID() > 0) {
         const std::string text = "{\"churn\":true}";
-        client->UpdateBrowserSettingsData(host.browserID(), std::vector<uint8_t>(text.begin(), text.end()));
+        browser->UpdateSettingsData(std::vector<uint8_t>(text.begin(), text.end()));
       }
     };
     const bool framed = WaitFor([&] {
@@ -375,7 +388,7 @@ class Churn {
       return Clock::now() > until || host.closed() || stop_;
     }, 3s);
     if (kind == 0) {
-      if (host.browserID() > 0) client->CloseBrowser(host.browserID(), &error);
+      if (host.browserID() > 0) browser->Close();
       ++stats_.closedBrowser;
     } else {
       ++stats_.leftBrowser;
@@ -472,18 +485,19 @@ int main(int argc, char** argv) {
   options.startOnDemand = false;
   for (int i = 0; i < kAnchors && serviceAlive(); ++i) {
     auto anchor = std::make_unique<Anchor>();
-    std::string error;
+    streamloft::Error error;
     WaitFor([&] {
-      anchor->client = streamloft::OverlayClient::Connect(anchor->host, options, &error);
+      anchor->client = streamloft::OverlayClient::Connect(anchor->host.Options(options), &error);
       return anchor->client != nullptr || !serviceAlive();
     }, 30s);
     if (!anchor->client) {
-      Say("anchor %d could not connect: %s", i + 1, error.c_str());
+      Say("anchor %d could not connect: %s", i + 1, error.message.c_str());
       break;
     }
-    if (!anchor->client->OpenBrowser(FileURL(config.page), 640, 360, config.fps, {FolderURL(config.page)}, &error) ||
-        !WaitFor([&] { return anchor->host.browserID() != 0; }, 30s) || anchor->host.browserID() < 0) {
-      Say("anchor %d could not open a browser: %s", i + 1, error.c_str());
+    anchor->browser = anchor->client->OpenBrowser(
+        {FileURL(config.page), 640, 360, config.fps, {FolderURL(config.page)}}, anchor->host.events());
+    if (!WaitFor([&] { return anchor->host.browserID() != 0; }, 30s) || anchor->host.browserID() < 0) {
+      Say("anchor %d could not open a browser", i + 1);
       break;
     }
     anchor->id = anchor->host.browserID();
@@ -514,9 +528,10 @@ int main(int argc, char** argv) {
     if (now >= nextResize) {
       Anchor& anchor = *anchors[resizeRound++ % kAnchors];
       anchor.large = !anchor.large;
-      std::string error;
-      if (!anchor.client->UpdateBrowserSize(anchor.id, anchor.large ? 800 : 640, anchor.large ? 450 : 360, &error))
-        Say("resize of browser %d refused: %s", anchor.id, error.c_str());
+      anchor.browser->Resize(anchor.large ? 800 : 640, anchor.large ? 450 : 360,
+                             [id = anchor.id](const std::optional<streamloft::Error>& error) {
+                               if (error) Say("resize of browser %d refused: %s", id, error->Describe().c_str());
+                             });
       nextResize += config.resizeSeconds;
     }
 
@@ -618,7 +633,7 @@ int main(int argc, char** argv) {
            "back %d times%s\n",
            anchor->id, static_cast<unsigned long long>(anchor->host.frames()), anchor->host.frames() / Elapsed(),
            static_cast<unsigned long long>(anchor->host.audioBuffers()),
-           static_cast<unsigned long long>(anchor->settingsAnswered), anchor->silences, anchor->recoveries,
+           static_cast<unsigned long long>(anchor->settingsAnswered->load()), anchor->silences, anchor->recoveries,
            silentNow ? ", SILENT AT THE END" : "");
     if (anchor->host.problems())
       printf("  (%llu problems reported by the host library)\n",

@@ -2,105 +2,78 @@
 //
 // A streaming application (the host) links this library to have web pages
 // rendered off screen by the overlay service StreamloftCEFOverlayHelper: it
-// connects, opens a browser with a URL, a size and a frame rate, and receives
-// the browser's frames (BGRA surfaces in shared memory), its audio (PCM in
-// shared-memory slots) and its requests for settings data through an
-// OverlayCallbacks object it implements.
+// connects, opens browsers (see Browser.h) with a URL, a size and a frame
+// rate, and receives each browser's frames (BGRA surfaces in shared memory),
+// its audio (PCM in shared-memory slots) and its requests for settings data
+// through the BrowserEvents object it gave for that browser.
 //
 // Threads: every OverlayClient runs one thread of its own with its own GLib
-// main context for the connection. All OverlayCallbacks methods are called on
-// that thread, one at a time, in the order the service sent them. A callback
-// may call the OverlayClient's request methods. A callback that blocks holds
-// up every later callback of that client, so hand long work to another thread.
-// The request methods may be called from any thread; requests are sent in the
-// order they are made.
+// main context for the connection. Events (browser events, completions,
+// ConnectOptions::connectionClosed, ::diagnostics and Disconnect's `done`)
+// are dispatched one at a time, in the order they arose, on the client's
+// event context: the host's own GMainContext when it gave one in
+// ConnectOptions::context, else the library's thread. A callback may make
+// requests (they never block). A callback that blocks holds up every later
+// event of that client, so hand long work to another thread.
 //
 // Destruction: an OverlayClient may be destroyed from any thread, also from
 // inside one of its own callbacks. From another thread the destructor waits
 // for a callback in progress to return (so a callback must not wait for the
-// thread that destroys its client) and no callback is made after it has
-// returned. Inside a callback the destructor returns at once; the callback in
-// progress runs to its end, no further callback is made, and the library
-// thread then ends on its own.
+// thread that destroys its client) and no event is delivered after it has
+// returned. Inside a callback the destructor returns without waiting for the
+// callback in progress, and no further event is delivered.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "streamloft/AudioBuffer.h"
+#include "streamloft/Browser.h"
+#include "streamloft/Error.h"
 #include "streamloft/Export.h"
 #include "streamloft/VideoFrame.h"
 
+typedef struct _GMainContext GMainContext;
+
 namespace streamloft {
-
-// What the service sends back. Every method has an empty default, so a host
-// overrides only what it needs. Frames and audio buffers that the host does
-// not keep are given back to the service as soon as the call returns.
-class SLF_OVERLAY_EXPORT OverlayCallbacks {
- public:
-  virtual ~OverlayCallbacks() = default;
-
-  // An OpenBrowser request was carried out. -1 means that the service could
-  // not create a browser (for example because it has no web engine).
-  virtual void BrowserDidStart(int browserID) { (void)browserID; }
-  // A painted frame. Holding `frame` keeps its surface from being reused.
-  virtual void BrowserReceivedVideoFrame(int browserID, std::shared_ptr<const VideoFrame> frame) {
-    (void)browserID; (void)frame;
-  }
-  virtual void BrowserWillStartAudioStream(int browserID, int streamID, const AudioStreamFormat& format) {
-    (void)browserID; (void)streamID; (void)format;
-  }
-  // A block of PCM audio. `buffer` is null for the empty delivery that comes
-  // right before BrowserWillStopAudioStream.
-  virtual void BrowserDidReceiveAudioStream(int browserID, int streamID, std::shared_ptr<const AudioBuffer> buffer) {
-    (void)browserID; (void)streamID; (void)buffer;
-  }
-  virtual void BrowserWillStopAudioStream(int browserID, int streamID) { (void)browserID; (void)streamID; }
-  // The page asked for its settings data; answer with
-  // OverlayClient::UpdateBrowserSettingsData (the page waits up to 120 s).
-  virtual void RequestSettingsDataForBrowser(int browserID) { (void)browserID; }
-
-  // The reply of OpenBrowser: it arrives when this connection closes the
-  // browser with CloseBrowser, carrying the browser's ID.
-  virtual void OpenBrowserDidReply(int browserID) { (void)browserID; }
-  // The service refused an OpenBrowser request (for example a URL that does
-  // not parse). `error` is the D-Bus error name and message.
-  virtual void OpenBrowserDidFail(const std::string& error) { (void)error; }
-  // The connection to the service is gone (service ended, or Disconnect).
-  virtual void ConnectionDidClose() {}
-  // Something the service sent was refused by the library (a frame whose
-  // properties do not fit its surface, an audio record that does not decode).
-  // The default writes the message to standard error.
-  virtual void ClientDidReportProblem(const std::string& message);
-};
 
 struct ConnectOptions {
   // Socket of the service; empty means the default address,
   // $XDG_RUNTIME_DIR/streamloft/overlay-helper.sock.
   std::string socketPath;
   // When nothing answers at the socket, start the service and connect again.
-  // The service then runs in a session of its own and writes its log to
-  // "<socketPath>.log".
+  // The service then runs detached from the host, in a session of its own,
+  // and writes its log to "<socketPath>.log".
   bool startOnDemand = true;
   // Service executable; empty means $SLF_OVERLAY_HELPER, else the installed
   // StreamloftCEFOverlayHelper.
   std::string helperPath;
   // How long to wait for a service that was just started.
   std::chrono::milliseconds startTimeout{5000};
+  // The host's main context on which every event is dispatched; null means
+  // the library's own thread. The client keeps a reference to it.
+  GMainContext* context = nullptr;
+  // The library's diagnostics (something the service sent that it refused,
+  // and what the audio transport reports); one line each, no line feed. By
+  // default they are dropped: the library never writes to standard error.
+  std::function<void(const std::string& message)> diagnostics;
+  // The connection to the service is gone (the service ended, or
+  // Disconnect). The browsers that were open fail with ConnectionClosed.
+  std::function<void()> connectionClosed;
 };
 
 class SLF_OVERLAY_EXPORT OverlayClient {
  public:
   // Connects to the service (starting it when needed, see ConnectOptions).
-  // Returns null and writes a message to `error` when the service cannot be
-  // reached. `callbacks` must outlive the returned client.
-  static std::unique_ptr<OverlayClient> Connect(OverlayCallbacks& callbacks, const ConnectOptions& options = {},
-                                                std::string* error = nullptr);
+  // Returns null and fills `error` (kind ServiceUnreachable) when the service
+  // cannot be reached. Blocks until connected or failed.
+  static std::unique_ptr<OverlayClient> Connect(const ConnectOptions& options = {}, Error* error = nullptr);
   // The default socket address and the service executable that Connect uses.
   static std::string DefaultSocketPath();
   static std::string DefaultHelperPath();
@@ -111,23 +84,15 @@ class SLF_OVERLAY_EXPORT OverlayClient {
   OverlayClient(const OverlayClient&) = delete;
   OverlayClient& operator=(const OverlayClient&) = delete;
 
-  // Asks for a browser. The ID arrives through BrowserDidStart; the reply of
-  // this request arrives through OpenBrowserDidReply when the browser is
-  // closed, or OpenBrowserDidFail. Returns false when not connected.
-  bool OpenBrowser(const std::string& url, double width, double height, double framerate,
-                   const std::vector<std::string>& permittedFileURLStrings, std::string* error = nullptr);
-  // The remaining requests wait for the service's answer; false and `error`
-  // when it refused the request or the connection is gone.
-  bool UpdateBrowserSize(int browserID, double width, double height, std::string* error = nullptr);
-  bool CloseBrowser(int browserID, std::string* error = nullptr);
-  bool UpdateBrowserSettingsData(int browserID, const std::vector<uint8_t>& settingsData,
-                                 std::string* error = nullptr);
-  bool UpdateBrowserPermittedFileURLStrings(int browserID, const std::vector<std::string>& permittedFileURLStrings,
-                                            std::string* error = nullptr);
+  // Asks for a browser and returns its handle at once; `events` receives its
+  // events from BrowserDidStart (or BrowserDidFail) on. Never null: when the
+  // client is not connected, the handle fails with ConnectionClosed.
+  std::shared_ptr<Browser> OpenBrowser(const BrowserOptions& options, std::shared_ptr<BrowserEvents> events);
 
-  // Closes the connection; the service stops browsers this connection was the
-  // last receiver of. ConnectionDidClose follows on the library thread.
-  void Disconnect();
+  // Closes the connection; the service stops the browsers of this client.
+  // Open browsers fail with ConnectionClosed, connectionClosed follows, and
+  // then `done`, all on the event context.
+  void Disconnect(std::function<void()> done = {});
   bool IsConnected() const;
   // The socket this client is connected to.
   const std::string& SocketPath() const;
