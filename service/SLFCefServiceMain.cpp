@@ -19,8 +19,8 @@
 
 #if SLF_HAVE_WPE_ENGINE
 #include "engine/port/EnginePort.h"
-#include "engine/wpe/WebKitEnginePort.h"
-#include "engine/wpe/WebKitSandbox.h"
+#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeSandbox.h"
 #endif
 #if SLF_HAVE_GTK_ENGINE
 #include "engine/gtk/GtkEnginePort.h"
@@ -87,7 +87,7 @@ void InstallEngine()
 #if SLF_HAVE_GTK_ENGINE
     SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateGtkEnginePort());
 #elif SLF_HAVE_WPE_ENGINE
-    SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateWebKitEnginePort());
+    SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateWpeEnginePort());
 #endif
 #if !(SLF_HAVE_WPE_ENGINE || SLF_HAVE_GTK_ENGINE) || !SLF_HAVE_ENGINE
     NSLog("No web engine in this build: open requests are answered with browser ID -1");

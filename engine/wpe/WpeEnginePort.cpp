@@ -1,14 +1,14 @@
-#include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WpeEnginePort.h"
 
 #include "dbg/NSLog.h"
 #include "engine/CBrowserApp.h"
-#include "engine/wpe/WebKitAudioServer.h"
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitResourceChannel.h"
-#include "engine/wpe/WebKitResourceServer.h"
-#include "engine/wpe/WebKitSandbox.h"
-#include "engine/wpe/WebKitVariantCodec.h"
-#include "engine/wpe/WebKitView.h"
+#include "engine/wpe/WpeAudioServer.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeResourceChannel.h"
+#include "engine/wpe/WpeResourceServer.h"
+#include "engine/wpe/WpeSandbox.h"
+#include "engine/wpe/WpeVariantCodec.h"
+#include "engine/wpe/WpeView.h"
 
 #include <wpe/fdo.h>
 #include <wpe/unstable/fdo-shm.h>
@@ -65,7 +65,7 @@ std::string ExecutableDirectory()
 // The GSource that runs queued tasks on the engine context.
 struct TaskSource {
     GSource source;
-    WebKitEnginePort* port;
+    WpeEnginePort* port;
 
     static gboolean Prepare(GSource* source, gint* timeout)
     {
@@ -83,14 +83,14 @@ struct TaskSource {
 static GSourceFuncs s_TaskSourceFuncs = {TaskSource::Prepare, TaskSource::Check, TaskSource::Dispatch, nullptr,
                                          nullptr, nullptr};
 
-EnginePort* CreateWebKitEnginePort()
+EnginePort* CreateWpeEnginePort()
 {
-    return new WebKitEnginePort();
+    return new WpeEnginePort();
 }
 
-WebKitEnginePort::WebKitEnginePort() = default;
+WpeEnginePort::WpeEnginePort() = default;
 
-WebKitEnginePort::~WebKitEnginePort()
+WpeEnginePort::~WpeEnginePort()
 {
     if (m_pResourceServer)
         m_pResourceServer->Stop();
@@ -101,7 +101,7 @@ WebKitEnginePort::~WebKitEnginePort()
         g_variant_unref(entry.second);
 }
 
-void WebKitEnginePort::SetExtensionInitValue(const std::string& key, GVariant* value)
+void WpeEnginePort::SetExtensionInitValue(const std::string& key, GVariant* value)
 {
     if (!value)
         return;
@@ -116,21 +116,21 @@ void WebKitEnginePort::SetExtensionInitValue(const std::string& key, GVariant* v
     m_ExtraInitValues.emplace_back(key, value);
 }
 
-std::string WebKitEnginePort::GetExtensionFolder() const
+std::string WpeEnginePort::GetExtensionFolder() const
 {
     return m_strExtensionFolder;
 }
 
-bool WebKitEnginePort::IsPumpThread() const
+bool WpeEnginePort::IsPumpThread() const
 {
     return m_bRunning.load() && std::this_thread::get_id() == m_PumpThread;
 }
 
-bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
+bool WpeEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
 {
     bool expected = false;
     if (!g_bEngineClaimed.compare_exchange_strong(expected, true)) {
-        NSLog("WebKitEnginePort::Initialize - the engine was already initialised in this process");
+        NSLog("WpeEnginePort::Initialize - the engine was already initialised in this process");
         return false;
     }
 
@@ -140,13 +140,13 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
         m_pApp->OnBeforeCommandLineProcessing(std::string(), commandLine);
     m_DeviceScaleFactor = ForcedDeviceScaleFactor(commandLine);
     if (commandLine.HasSwitch("force-device-scale-factor") && !m_DeviceScaleFactor)
-        NSLog("WebKitEnginePort::Initialize - ignoring force-device-scale-factor \"%s\": not a positive number",
+        NSLog("WpeEnginePort::Initialize - ignoring force-device-scale-factor \"%s\": not a positive number",
               commandLine.GetSwitchValue("force-device-scale-factor").c_str());
     m_strModuleFolder = settings.browser_subprocess_path.empty() ? ExecutableDirectory()
                                                                  : DirectoryOf(settings.browser_subprocess_path);
     m_strExtensionFolder = m_strModuleFolder + "/web-extensions";
     if (settings.multi_threaded_message_loop)
-        NSLog("WebKitEnginePort::Initialize - a multi-threaded message loop is not offered; the caller pumps");
+        NSLog("WpeEnginePort::Initialize - a multi-threaded message loop is not offered; the caller pumps");
 
     // No accessibility bus exists for an off-screen service; this keeps the
     // engine from looking for one (also in its web processes).
@@ -159,12 +159,12 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     g_main_context_push_thread_default(m_pMainContext);
 
     if (!wpe_loader_init(kBackendLibrary)) {
-        NSLog("WebKitEnginePort::Initialize - could not load the view backend %s", kBackendLibrary);
+        NSLog("WpeEnginePort::Initialize - could not load the view backend %s", kBackendLibrary);
         g_main_context_pop_thread_default(m_pMainContext);
         return false;
     }
     if (!wpe_fdo_initialize_shm()) {
-        NSLog("WebKitEnginePort::Initialize - could not initialise shared-memory rendering");
+        NSLog("WpeEnginePort::Initialize - could not initialise shared-memory rendering");
         g_main_context_pop_thread_default(m_pMainContext);
         return false;
     }
@@ -181,12 +181,12 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     // in a private folder that the sandbox shows them; otherwise on
     // abstract addresses unique to this process.
     std::string why;
-    m_bSandboxed = WebKitSandboxWorksHere(why);
+    m_bSandboxed = WpeSandboxWorksHere(why);
     std::string socketBase;
     if (m_bSandboxed && (socketBase = MakeEngineSocketFolder(why)).empty())
         m_bSandboxed = false;
     if (!m_bSandboxed)
-        NSLog("WebKitEnginePort::Initialize - web processes run without a sandbox: %s", why.c_str());
+        NSLog("WpeEnginePort::Initialize - web processes run without a sandbox: %s", why.c_str());
     if (socketBase.empty()) {
         gchar* token = g_uuid_string_random();
         socketBase = "@slf-engine-" + std::to_string(getpid()) + "-" + token;
@@ -195,17 +195,17 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
 
     // Resource requests of every page are offered to the clients through
     // the resource thread; the web processes learn its socket.
-    m_pResourceServer = std::make_unique<WebKitResourceServer>(*this);
+    m_pResourceServer = std::make_unique<WpeResourceServer>(*this);
     if (m_pResourceServer->Start(socketBase + "/resources")) {
         SetExtensionInitValue(kResourceSocketKey, g_variant_new_string(m_pResourceServer->GetSocketPath().c_str()));
     } else {
-        NSLog("WebKitEnginePort::Initialize - resource requests go unchecked: the resource thread did not start");
+        NSLog("WpeEnginePort::Initialize - resource requests go unchecked: the resource thread did not start");
         m_pResourceServer.reset();
     }
 
     // Page audio: the web processes find our sink through the plugin path
     // and its way back to the service through the environment.
-    m_pAudioServer = std::make_unique<WebKitAudioServer>(*this);
+    m_pAudioServer = std::make_unique<WpeAudioServer>(*this);
     const std::string audioSocket = socketBase + "/audio";
     if (m_pAudioServer->Start(audioSocket)) {
         g_setenv(kAudioSocketVariable, audioSocket.c_str(), TRUE);
@@ -214,7 +214,7 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
             pluginPath += std::string(":") + existing;
         g_setenv("GST_PLUGIN_PATH", pluginPath.c_str(), TRUE);
     } else {
-        NSLog("WebKitEnginePort::Initialize - page audio is not delivered: the audio thread did not start");
+        NSLog("WpeEnginePort::Initialize - page audio is not delivered: the audio thread did not start");
         m_pAudioServer.reset();
     }
 
@@ -244,14 +244,14 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     return true;
 }
 
-void WebKitEnginePort::InitializeWebExtensionsThunk(WebKitWebContext*, gpointer self)
+void WpeEnginePort::InitializeWebExtensionsThunk(WebKitWebContext*, gpointer self)
 {
-    static_cast<WebKitEnginePort*>(self)->OnInitializeWebExtensions();
+    static_cast<WpeEnginePort*>(self)->OnInitializeWebExtensions();
 }
 
-void WebKitEnginePort::SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self)
+void WpeEnginePort::SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self)
 {
-    auto* port = static_cast<WebKitEnginePort*>(self);
+    auto* port = static_cast<WpeEnginePort*>(self);
     if (port->m_pResourceServer) {
         port->m_pResourceServer->OnSchemeRequest(request);
     } else {
@@ -261,33 +261,33 @@ void WebKitEnginePort::SchemeRequestThunk(WebKitURISchemeRequest* request, gpoin
     }
 }
 
-std::shared_ptr<WebKitView> WebKitEnginePort::FindViewForPage(uint64_t pageId)
+std::shared_ptr<WpeView> WpeEnginePort::FindViewForPage(uint64_t pageId)
 {
     std::lock_guard<std::mutex> lock(m_PageMutex);
     auto found = m_Pages.find(pageId);
     return found == m_Pages.end() ? nullptr : found->second.lock();
 }
 
-void WebKitEnginePort::RegisterPage(uint64_t pageId, const std::shared_ptr<WebKitView>& view)
+void WpeEnginePort::RegisterPage(uint64_t pageId, const std::shared_ptr<WpeView>& view)
 {
     std::lock_guard<std::mutex> lock(m_PageMutex);
     m_Pages[pageId] = view;
 }
 
-void WebKitEnginePort::UnregisterPage(uint64_t pageId)
+void WpeEnginePort::UnregisterPage(uint64_t pageId)
 {
     std::lock_guard<std::mutex> lock(m_PageMutex);
     m_Pages.erase(pageId);
 }
 
-std::shared_ptr<WebKitView> WebKitEnginePort::FindViewForProcess(int pid)
+std::shared_ptr<WpeView> WpeEnginePort::FindViewForProcess(int pid)
 {
     std::lock_guard<std::mutex> lock(m_PageMutex);
     auto found = m_Processes.find(pid);
     return found == m_Processes.end() ? nullptr : found->second.lock();
 }
 
-void WebKitEnginePort::ClaimPageFromView(uint64_t token, const std::shared_ptr<WebKitView>& view)
+void WpeEnginePort::ClaimPageFromView(uint64_t token, const std::shared_ptr<WpeView>& view)
 {
     int claimed = 0;
     {
@@ -302,12 +302,12 @@ void WebKitEnginePort::ClaimPageFromView(uint64_t token, const std::shared_ptr<W
         m_pResourceServer->PagesChanged();
 }
 
-bool WebKitEnginePort::ClaimPageFromProcess(uint64_t token, int pid, int* holder)
+bool WpeEnginePort::ClaimPageFromProcess(uint64_t token, int pid, int* holder)
 {
     bool complete = false;
     {
         std::lock_guard<std::mutex> lock(m_PageMutex);
-        std::shared_ptr<WebKitView> view;
+        std::shared_ptr<WpeView> view;
         if (!m_Claims.FromProcess(token, pid, &view)) {
             *holder = m_Claims.HolderOf(token);
             return false;
@@ -323,7 +323,7 @@ bool WebKitEnginePort::ClaimPageFromProcess(uint64_t token, int pid, int* holder
     return true;
 }
 
-void WebKitEnginePort::CorrectProcessId(const WebKitView& view, EngineProcessMessage& message)
+void WpeEnginePort::CorrectProcessId(const WpeView& view, EngineProcessMessage& message)
 {
     if (!m_bSandboxed || message.GetName() != kResponseGetRenderProcessId || !message.HasArgumentList() ||
         message.GetArgumentList().empty() || !std::holds_alternative<int>(message.GetArgumentList()[0]))
@@ -335,7 +335,7 @@ void WebKitEnginePort::CorrectProcessId(const WebKitView& view, EngineProcessMes
     }
 }
 
-std::vector<int> WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
+std::vector<int> WpeEnginePort::UnregisterProcessesOf(const WpeView* view)
 {
     std::vector<int> pids;
     {
@@ -354,15 +354,15 @@ std::vector<int> WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
     return pids;
 }
 
-bool WebKitEnginePort::ProcessShowsPage(int pid, uint64_t pageId)
+bool WpeEnginePort::ProcessShowsPage(int pid, uint64_t pageId)
 {
     std::lock_guard<std::mutex> lock(m_PageMutex);
     auto page = m_Pages.find(pageId);
-    const std::shared_ptr<WebKitView> view = page == m_Pages.end() ? nullptr : page->second.lock();
+    const std::shared_ptr<WpeView> view = page == m_Pages.end() ? nullptr : page->second.lock();
     return view && m_ProcessViews.count({pid, view.get()}) != 0;
 }
 
-void WebKitEnginePort::OnInitializeWebExtensions()
+void WpeEnginePort::OnInitializeWebExtensions()
 {
     // A web process is about to start: its command line is made now, and
     // travels in the module's initialisation data.
@@ -391,14 +391,14 @@ void WebKitEnginePort::OnInitializeWebExtensions()
     webkit_web_context_set_web_extensions_initialization_user_data(m_pWebContext, data);
 }
 
-void WebKitEnginePort::DoMessageLoopWork()
+void WpeEnginePort::DoMessageLoopWork()
 {
     if (!IsPumpThread())
         return;
     g_main_context_iteration(m_pMainContext, FALSE);
 }
 
-int64_t WebKitEnginePort::GetNextDueTime()
+int64_t WpeEnginePort::GetNextDueTime()
 {
     if (!IsPumpThread())
         return -1;
@@ -411,7 +411,7 @@ int64_t WebKitEnginePort::GetNextDueTime()
     return earliest;
 }
 
-void WebKitEnginePort::Post(std::function<void()> task)
+void WpeEnginePort::Post(std::function<void()> task)
 {
     {
         std::lock_guard<std::mutex> lock(m_TaskMutex);
@@ -425,7 +425,7 @@ void WebKitEnginePort::Post(std::function<void()> task)
         g_main_context_wakeup(m_pMainContext);
 }
 
-void WebKitEnginePort::RunTasks()
+void WpeEnginePort::RunTasks()
 {
     // Only the tasks queued so far run now; tasks they queue run in a later
     // pass, which is what "reported from a later pump pass" relies on.
@@ -439,24 +439,24 @@ void WebKitEnginePort::RunTasks()
         task();
 }
 
-bool WebKitEnginePort::CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
-                                     const EngineBrowserSettings& settings)
+bool WpeEnginePort::CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
+                                  const EngineBrowserSettings& settings)
 {
     if (!m_bRunning.load() || !client)
         return false;
     if (!windowInfo.windowless_rendering_enabled)
-        NSLog("WebKitEnginePort::CreateBrowser - only windowless browsers exist; rendering off screen");
+        NSLog("WpeEnginePort::CreateBrowser - only windowless browsers exist; rendering off screen");
     const int id = m_nNextBrowserId.fetch_add(1);
     Post([this, id, client, url, settings]() { CreateView(id, client, url, settings); });
     return true;
 }
 
-void WebKitEnginePort::CreateView(int id, EngineClient* client, const std::string& url,
-                                  const EngineBrowserSettings& settings)
+void WpeEnginePort::CreateView(int id, EngineClient* client, const std::string& url,
+                               const EngineBrowserSettings& settings)
 {
     // The view holds its URL before the client learns it: the creator may
     // ask for it as soon as OnAfterCreated wakes it.
-    auto view = std::make_shared<WebKitView>(*this, id, client, settings, url);
+    auto view = std::make_shared<WpeView>(*this, id, client, settings, url);
     m_Views[id] = view;
     // The client learns the browser first, so that it can answer
     // GetViewRect for it when the view is made.
@@ -465,12 +465,12 @@ void WebKitEnginePort::CreateView(int id, EngineClient* client, const std::strin
     view->Open();
 }
 
-void WebKitEnginePort::ForgetView(int id)
+void WpeEnginePort::ForgetView(int id)
 {
     m_Views.erase(id);
 }
 
-void WebKitEnginePort::Shutdown()
+void WpeEnginePort::Shutdown()
 {
     if (!IsPumpThread())
         return;
@@ -519,7 +519,7 @@ void WebKitEnginePort::Shutdown()
             kill(process.first, signalNumber);
     };
     if (!runUntilGone(false, kShutdownWaitMicroseconds))
-        NSLog("WebKitEnginePort::Shutdown - web processes still running after %d ms; terminating them",
+        NSLog("WpeEnginePort::Shutdown - web processes still running after %d ms; terminating them",
               static_cast<int>(kShutdownWaitMicroseconds / 1000));
     // What is left (the network process of the ephemeral session, which
     // outlives the context in the engine's own bookkeeping, and web
@@ -529,7 +529,7 @@ void WebKitEnginePort::Shutdown()
     if (!runUntilGone(true, kTerminateWaitMicroseconds)) {
         signalAll(SIGKILL);
         if (!runUntilGone(true, kKillWaitMicroseconds))
-            NSLog("WebKitEnginePort::Shutdown - engine processes still running after SIGKILL");
+            NSLog("WpeEnginePort::Shutdown - engine processes still running after SIGKILL");
     }
 
     if (m_pTaskSource) {
@@ -542,7 +542,7 @@ void WebKitEnginePort::Shutdown()
     g_main_context_pop_thread_default(m_pMainContext);
 }
 
-std::vector<int> WebKitEnginePort::RunningWebProcesses()
+std::vector<int> WpeEnginePort::RunningWebProcesses()
 {
     std::vector<int> result;
     for (const auto& process : RunningEngineProcesses()) {
@@ -552,7 +552,7 @@ std::vector<int> WebKitEnginePort::RunningWebProcesses()
     return result;
 }
 
-std::vector<std::pair<int, bool>> WebKitEnginePort::RunningEngineProcesses()
+std::vector<std::pair<int, bool>> WpeEnginePort::RunningEngineProcesses()
 {
     std::vector<std::pair<int, bool>> result;
     // The children of a process, over all its threads.

@@ -1,4 +1,4 @@
-// One browser of the WebKit port: a WebKitWebView on an exportable
+// One browser of the WPE port: a WebKitWebView on an exportable
 // shared-memory view backend. The object is the browser, its host and its
 // main frame at once. Calls from any thread are queued to the pump thread;
 // the WebKit objects are touched only there.
@@ -29,20 +29,20 @@ struct wl_listener;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-class WebKitEnginePort;
+class WpeEnginePort;
 
-class WebKitView : public EngineBrowser,
-                   public EngineBrowserHost,
-                   public EngineFrame,
-                   public std::enable_shared_from_this<WebKitView> {
+class WpeView : public EngineBrowser,
+                public EngineBrowserHost,
+                public EngineFrame,
+                public std::enable_shared_from_this<WpeView> {
 public:
     // url is the view's URL from the start ("about:blank" for none), so
     // GetURL answers it as soon as the client learns the browser.
-    WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
-               const std::string& url);
-    ~WebKitView() override;
-    WebKitView(const WebKitView&) = delete;
-    WebKitView& operator=(const WebKitView&) = delete;
+    WpeView(WpeEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
+            const std::string& url);
+    ~WpeView() override;
+    WpeView(const WpeView&) = delete;
+    WpeView& operator=(const WpeView&) = delete;
 
     // Pump thread: creates the WebKit view at the size the render handler
     // reports and starts loading the URL the view was made with.
@@ -145,7 +145,7 @@ private:
     static void DestroyBackendThunk(gpointer data);
     static gboolean FrameTimerThunk(gpointer data);
 
-    WebKitEnginePort& m_Port;
+    WpeEnginePort& m_Port;
     const int m_nId;
     EngineClient* const m_pClient;
     const EngineBrowserSettings m_Settings;

@@ -1,12 +1,12 @@
-#include "engine/wpe/WebKitView.h"
+#include "engine/wpe/WpeView.h"
 
 #include "dbg/NSLog.h"
-#include "engine/wpe/WebKitEnginePort.h"
-#include "engine/wpe/WebKitAudioServer.h"
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitInput.h"
-#include "engine/wpe/WebKitResourceServer.h"
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeAudioServer.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeInput.h"
+#include "engine/wpe/WpeResourceServer.h"
+#include "engine/wpe/WpeVariantCodec.h"
 
 #include <wayland-server.h>
 #include <wpe/fdo.h>
@@ -19,11 +19,11 @@
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-struct WebKitView::HeldBuffer {
+struct WpeView::HeldBuffer {
     // Notified when the buffer's resource is destroyed (its web process
     // ended); set up once the buffer is held.
     struct wl_listener destroyListener;
-    WebKitView* view;
+    WpeView* view;
     struct wpe_fdo_shm_exported_buffer* exported;
     struct wl_shm_buffer* shm;
     int width;
@@ -47,7 +47,7 @@ constexpr int kMaxWheelSteps = 100;
 // The backend's destroy notification keeps the view object alive as long as
 // WebKit may call its export callback.
 struct BackendHolder {
-    std::shared_ptr<WebKitView> view;
+    std::shared_ptr<WpeView> view;
     struct wpe_view_backend_exportable_fdo* exportable;
 };
 
@@ -67,14 +67,14 @@ GSourceFuncs s_FrameTimerFuncs = {nullptr, nullptr,
 
 } // namespace
 
-WebKitView::WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
-                       const std::string& url)
+WpeView::WpeView(WpeEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
+                 const std::string& url)
     : m_Port(port), m_nId(id), m_pClient(client), m_Settings(settings), m_strUrl(url.empty() ? "about:blank" : url)
 {
     m_nFrameRate = std::clamp(settings.windowless_frame_rate, kMinFrameRate, kMaxFrameRate);
 }
 
-WebKitView::~WebKitView()
+WpeView::~WpeView()
 {
     // A buffer still held (the view never closed) leaves its resource's
     // listeners; it cannot be given back without the backend.
@@ -83,7 +83,7 @@ WebKitView::~WebKitView()
 }
 
 template <typename Fn>
-void WebKitView::OnPump(Fn fn)
+void WpeView::OnPump(Fn fn)
 {
     auto self = shared_from_this();
     m_Port.Post([self, fn = std::move(fn)]() mutable {
@@ -92,17 +92,17 @@ void WebKitView::OnPump(Fn fn)
     });
 }
 
-struct wpe_view_backend* WebKitView::Backend() const
+struct wpe_view_backend* WpeView::Backend() const
 {
     return m_pExportable ? wpe_view_backend_exportable_fdo_get_view_backend(m_pExportable) : nullptr;
 }
 
-uint32_t WebKitView::EventTime() const
+uint32_t WpeView::EventTime() const
 {
     return static_cast<uint32_t>(g_get_monotonic_time() / 1000);
 }
 
-void WebKitView::SetUrl(const char* uri)
+void WpeView::SetUrl(const char* uri)
 {
     std::lock_guard<std::mutex> lock(m_UrlMutex);
     m_strUrl = uri ? uri : "";
@@ -110,7 +110,7 @@ void WebKitView::SetUrl(const char* uri)
 
 // ---- life cycle ------------------------------------------------------------
 
-void WebKitView::Open()
+void WpeView::Open()
 {
     if (m_bClosed || m_pView)
         return;
@@ -174,7 +174,7 @@ void WebKitView::Open()
     g_source_attach(m_pFrameTimer, m_Port.GetMainContext());
 
     g_signal_connect(m_pView, "load-changed", G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer self) {
-                         static_cast<WebKitView*>(self)->OnLoadChanged(event);
+                         static_cast<WpeView*>(self)->OnLoadChanged(event);
                      }),
                      this);
     // WebKit clears the URI when the web process ends; the browser keeps
@@ -182,49 +182,49 @@ void WebKitView::Open()
     g_signal_connect(m_pView, "notify::uri", G_CALLBACK(+[](WebKitWebView* view, GParamSpec*, gpointer self) {
                          const char* uri = webkit_web_view_get_uri(view);
                          if (uri && *uri)
-                             static_cast<WebKitView*>(self)->SetUrl(uri);
+                             static_cast<WpeView*>(self)->SetUrl(uri);
                      }),
                      this);
     g_signal_connect(m_pView, "create",
                      G_CALLBACK(+[](WebKitWebView*, WebKitNavigationAction* action, gpointer self) -> WebKitWebView* {
-                         static_cast<WebKitView*>(self)->OnPopupRequest(action);
+                         static_cast<WpeView*>(self)->OnPopupRequest(action);
                          return nullptr;
                      }),
                      this);
     g_signal_connect(m_pView, "script-dialog",
                      G_CALLBACK(+[](WebKitWebView*, WebKitScriptDialog* dialog, gpointer self) -> gboolean {
-                         return static_cast<WebKitView*>(self)->OnScriptDialog(dialog);
+                         return static_cast<WpeView*>(self)->OnScriptDialog(dialog);
                      }),
                      this);
     g_signal_connect(m_pView, "mouse-target-changed",
                      G_CALLBACK(+[](WebKitWebView*, WebKitHitTestResult* hit, guint, gpointer self) {
-                         static_cast<WebKitView*>(self)->OnMouseTargetChanged(hit);
+                         static_cast<WpeView*>(self)->OnMouseTargetChanged(hit);
                      }),
                      this);
     g_signal_connect(m_pView, "user-message-received",
                      G_CALLBACK(+[](WebKitWebView*, WebKitUserMessage* message, gpointer self) -> gboolean {
-                         return static_cast<WebKitView*>(self)->OnUserMessage(message);
+                         return static_cast<WpeView*>(self)->OnUserMessage(message);
                      }),
                      this);
     g_signal_connect(m_pView, "close", G_CALLBACK(+[](WebKitWebView*, gpointer self) {
-                         static_cast<WebKitView*>(self)->Close(true);
+                         static_cast<WpeView*>(self)->Close(true);
                      }),
                      this);
     g_signal_connect(m_pView, "web-process-terminated",
                      G_CALLBACK(+[](WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer self) {
-                         static_cast<WebKitView*>(self)->OnWebProcessTerminated(reason);
+                         static_cast<WpeView*>(self)->OnWebProcessTerminated(reason);
                      }),
                      this);
     g_signal_connect(m_pView, "notify::is-web-process-responsive",
                      G_CALLBACK(+[](WebKitWebView*, GParamSpec*, gpointer self) {
-                         static_cast<WebKitView*>(self)->OnResponsivenessChanged();
+                         static_cast<WpeView*>(self)->OnResponsivenessChanged();
                      }),
                      this);
 
     webkit_web_view_load_uri(m_pView, GetURL().c_str());
 }
 
-void WebKitView::Close(bool notify)
+void WpeView::Close(bool notify)
 {
     if (m_bClosed)
         return;
@@ -241,7 +241,7 @@ void WebKitView::Close(bool notify)
     }
 }
 
-void WebKitView::DestroyWebView(bool cancelHandlers)
+void WpeView::DestroyWebView(bool cancelHandlers)
 {
     StopHangTimer();
     if (m_pFrameTimer) {
@@ -284,7 +284,7 @@ void WebKitView::DestroyWebView(bool cancelHandlers)
         m_Port.GetResourceServer()->CancelRequests(handlers);
 }
 
-bool WebKitView::KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler)
+bool WpeView::KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler)
 {
     if (m_bClosed)
         return false;
@@ -293,7 +293,7 @@ bool WebKitView::KeepRequestOpen(WebKitURISchemeRequest* request, EngineResource
     return true;
 }
 
-void WebKitView::DestroyBackendThunk(gpointer data)
+void WpeView::DestroyBackendThunk(gpointer data)
 {
     auto* holder = static_cast<BackendHolder*>(data);
     wpe_view_backend_exportable_fdo_destroy(holder->exportable);
@@ -322,7 +322,7 @@ const char* TerminationText(EngineTerminationStatus status)
 
 } // namespace
 
-void WebKitView::OnWebProcessTerminated(int reason)
+void WpeView::OnWebProcessTerminated(int reason)
 {
     // Inside WebKit's own handling of the process's end: the view itself is
     // made again from a later pump pass.
@@ -334,7 +334,7 @@ void WebKitView::OnWebProcessTerminated(int reason)
     RecoverWebProcess(status);
 }
 
-void WebKitView::OnResponsivenessChanged()
+void WpeView::OnResponsivenessChanged()
 {
     if (!m_pView || m_bClosed || m_bRecovering)
         return;
@@ -350,7 +350,7 @@ void WebKitView::OnResponsivenessChanged()
     g_source_attach(m_pHangTimer, m_Port.GetMainContext());
 }
 
-void WebKitView::StopHangTimer()
+void WpeView::StopHangTimer()
 {
     if (!m_pHangTimer)
         return;
@@ -359,16 +359,16 @@ void WebKitView::StopHangTimer()
     m_pHangTimer = nullptr;
 }
 
-gboolean WebKitView::HangTimerThunk(gpointer data)
+gboolean WpeView::HangTimerThunk(gpointer data)
 {
-    auto* self = static_cast<WebKitView*>(data);
+    auto* self = static_cast<WpeView*>(data);
     self->StopHangTimer();
     if (self->m_pView && !webkit_web_view_get_is_web_process_responsive(self->m_pView))
         self->RecoverWebProcess(TS_PROCESS_WAS_KILLED);
     return G_SOURCE_REMOVE;
 }
 
-void WebKitView::RecoverWebProcess(EngineTerminationStatus status)
+void WpeView::RecoverWebProcess(EngineTerminationStatus status)
 {
     if (m_bClosed || m_bRecovering || !m_pView)
         return;
@@ -383,12 +383,12 @@ void WebKitView::RecoverWebProcess(EngineTerminationStatus status)
         m_Recoveries.pop_front();
     const bool giveUp = m_Recoveries.size() >= kMaxRecoveries;
     if (giveUp) {
-        NSLog("WebKitView - browser %d: web process %d %s; given up after %zu recoveries within a minute, the "
+        NSLog("WpeView - browser %d: web process %d %s; given up after %zu recoveries within a minute, the "
               "browser stays open without frames",
               m_nId, pid, TerminationText(status), m_Recoveries.size());
     } else {
         m_Recoveries.push_back(now);
-        NSLog("WebKitView - browser %d: web process %d %s; loading the page again in a new web process (recovery "
+        NSLog("WpeView - browser %d: web process %d %s; loading the page again in a new web process (recovery "
               "%zu of %zu within a minute)",
               m_nId, pid, TerminationText(status), m_Recoveries.size(), kMaxRecoveries);
     }
@@ -402,13 +402,13 @@ void WebKitView::RecoverWebProcess(EngineTerminationStatus status)
     auto rebuild = [self, status, giveUp]() {
         self->m_Port.Post([self, status, giveUp]() { self->RebuildWebView(status, giveUp); });
     };
-    if (WebKitAudioServer* audio = m_Port.GetAudioServer())
+    if (WpeAudioServer* audio = m_Port.GetAudioServer())
         audio->EndStreamsOfProcesses(pids, rebuild);
     else
         rebuild();
 }
 
-void WebKitView::RebuildWebView(EngineTerminationStatus status, bool giveUp)
+void WpeView::RebuildWebView(EngineTerminationStatus status, bool giveUp)
 {
     if (m_bClosed)
         return;
@@ -424,12 +424,12 @@ void WebKitView::RebuildWebView(EngineTerminationStatus status, bool giveUp)
 
 // ---- browser and frame -----------------------------------------------------
 
-void WebKitView::Reload()
+void WpeView::Reload()
 {
     OnPump([this]() { webkit_web_view_reload(m_pView); });
 }
 
-void WebKitView::SendProcessMessage(const EngineProcessMessageRef& message)
+void WpeView::SendProcessMessage(const EngineProcessMessageRef& message)
 {
     if (!message)
         return;
@@ -440,32 +440,32 @@ void WebKitView::SendProcessMessage(const EngineProcessMessageRef& message)
     });
 }
 
-std::string WebKitView::GetURL()
+std::string WpeView::GetURL()
 {
     std::lock_guard<std::mutex> lock(m_UrlMutex);
     return m_strUrl;
 }
 
-void WebKitView::ExecuteJavaScript(const std::string& code, const std::string&, int)
+void WpeView::ExecuteJavaScript(const std::string& code, const std::string&, int)
 {
     OnPump([this, code]() { webkit_web_view_run_javascript(m_pView, code.c_str(), nullptr, nullptr, nullptr); });
 }
 
 // ---- host ------------------------------------------------------------------
 
-void WebKitView::WasResized()
+void WpeView::WasResized()
 {
     OnPump([this]() { DoResize(); });
 }
 
-void WebKitView::DoResize()
+void WpeView::DoResize()
 {
     EngineRenderHandler* handler = m_pClient->GetRenderHandler();
     EngineRect rect;
     if (!handler || !handler->GetViewRect(shared_from_this(), rect) || rect.width <= 0 || rect.height <= 0)
         return;
     if (rect.width > kMaxEdge || rect.height > kMaxEdge) {
-        NSLog("WebKitView::WasResized - browser %d: %d x %d is larger than the engine renders; cut to %d", m_nId,
+        NSLog("WpeView::WasResized - browser %d: %d x %d is larger than the engine renders; cut to %d", m_nId,
               rect.width, rect.height, kMaxEdge);
         rect.width = std::min(rect.width, kMaxEdge);
         rect.height = std::min(rect.height, kMaxEdge);
@@ -475,7 +475,7 @@ void WebKitView::DoResize()
                                            static_cast<uint32_t>(rect.height));
 }
 
-void WebKitView::WasHidden(bool hidden)
+void WpeView::WasHidden(bool hidden)
 {
     OnPump([this, hidden]() {
         m_bHidden = hidden;
@@ -489,7 +489,7 @@ void WebKitView::WasHidden(bool hidden)
     });
 }
 
-void WebKitView::Invalidate()
+void WpeView::Invalidate()
 {
     OnPump([this]() {
         if (!DeliverHeldBuffer() && !m_LastImage.empty())
@@ -497,13 +497,13 @@ void WebKitView::Invalidate()
     });
 }
 
-void WebKitView::SendMouseClickEvent(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp,
-                                     int clickCount)
+void WpeView::SendMouseClickEvent(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp,
+                                  int clickCount)
 {
     OnPump([this, event, type, mouseUp, clickCount]() { DoClick(event, type, mouseUp, clickCount); });
 }
 
-void WebKitView::DoClick(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp, int clickCount)
+void WpeView::DoClick(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp, int clickCount)
 {
     struct wpe_view_backend* backend = Backend();
     if (!backend)
@@ -539,7 +539,7 @@ void WebKitView::DoClick(const EngineMouseEvent& event, EngineMouseButtonType ty
     send(!mouseUp);
 }
 
-void WebKitView::SendMouseMoveEvent(const EngineMouseEvent& event, bool)
+void WpeView::SendMouseMoveEvent(const EngineMouseEvent& event, bool)
 {
     OnPump([this, event]() {
         struct wpe_view_backend* backend = Backend();
@@ -556,7 +556,7 @@ void WebKitView::SendMouseMoveEvent(const EngineMouseEvent& event, bool)
     });
 }
 
-void WebKitView::SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, int deltaY)
+void WpeView::SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, int deltaY)
 {
     OnPump([this, event, deltaX, deltaY]() {
         struct wpe_view_backend* backend = Backend();
@@ -582,12 +582,12 @@ void WebKitView::SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, 
     });
 }
 
-void WebKitView::SendKeyEvent(const EngineKeyEvent& event)
+void WpeView::SendKeyEvent(const EngineKeyEvent& event)
 {
     OnPump([this, event]() { DoKey(event); });
 }
 
-void WebKitView::DoKey(const EngineKeyEvent& event)
+void WpeView::DoKey(const EngineKeyEvent& event)
 {
     struct wpe_input_xkb_context* xkb = wpe_input_xkb_context_get_default();
     const bool pressed = event.type != KEYEVENT_KEYUP;
@@ -609,7 +609,7 @@ void WebKitView::DoKey(const EngineKeyEvent& event)
     if (!keysym && event.character)
         keysym = KeysymForCharacter(event.character);
     if (!keysym) {
-        NSLog("WebKitView::SendKeyEvent - no key for key code %d (native %d); dropped", event.windows_key_code,
+        NSLog("WpeView::SendKeyEvent - no key for key code %d (native %d); dropped", event.windows_key_code,
               event.native_key_code);
         return;
     }
@@ -645,7 +645,7 @@ void WebKitView::DoKey(const EngineKeyEvent& event)
     }
 }
 
-void WebKitView::DispatchKey(uint32_t keysym, uint32_t hardwareKeyCode, bool pressed, uint32_t modifiers)
+void WpeView::DispatchKey(uint32_t keysym, uint32_t hardwareKeyCode, bool pressed, uint32_t modifiers)
 {
     struct wpe_view_backend* backend = Backend();
     if (!backend)
@@ -654,7 +654,7 @@ void WebKitView::DispatchKey(uint32_t keysym, uint32_t hardwareKeyCode, bool pre
     wpe_view_backend_dispatch_keyboard_event(backend, &key);
 }
 
-void WebKitView::CloseBrowser(bool forceClose)
+void WpeView::CloseBrowser(bool forceClose)
 {
     // Also a browser given up after its crashes (no WebKit view) closes.
     auto self = shared_from_this();
@@ -670,12 +670,12 @@ void WebKitView::CloseBrowser(bool forceClose)
 
 // ---- painting --------------------------------------------------------------
 
-void WebKitView::ExportShmBufferThunk(void* data, struct wpe_fdo_shm_exported_buffer* buffer)
+void WpeView::ExportShmBufferThunk(void* data, struct wpe_fdo_shm_exported_buffer* buffer)
 {
-    static_cast<WebKitView*>(data)->OnExportedBuffer(buffer);
+    static_cast<WpeView*>(data)->OnExportedBuffer(buffer);
 }
 
-void WebKitView::OnExportedBuffer(struct wpe_fdo_shm_exported_buffer* buffer)
+void WpeView::OnExportedBuffer(struct wpe_fdo_shm_exported_buffer* buffer)
 {
     bool copied = false;
     bool held = false;
@@ -722,7 +722,7 @@ void WebKitView::OnExportedBuffer(struct wpe_fdo_shm_exported_buffer* buffer)
             }
         }
         if (!held && !copied)
-            NSLog("WebKitView - browser %d: unusable frame (format %u, %d x %d, stride %d) dropped", m_nId, format,
+            NSLog("WpeView - browser %d: unusable frame (format %u, %d x %d, stride %d) dropped", m_nId, format,
                   width, height, stride);
     }
     if (!held && m_pExportable)
@@ -735,7 +735,7 @@ void WebKitView::OnExportedBuffer(struct wpe_fdo_shm_exported_buffer* buffer)
         DeliverPaint(m_LastImage.data(), m_nLastWidth, m_nLastHeight);
 }
 
-bool WebKitView::DeliverHeldBuffer()
+bool WpeView::DeliverHeldBuffer()
 {
     if (!m_pHeldBuffer)
         return false;
@@ -747,7 +747,7 @@ bool WebKitView::DeliverHeldBuffer()
     return true;
 }
 
-void WebKitView::ReleaseHeldBuffer()
+void WpeView::ReleaseHeldBuffer()
 {
     if (!m_pHeldBuffer)
         return;
@@ -757,10 +757,10 @@ void WebKitView::ReleaseHeldBuffer()
         wpe_view_backend_exportable_fdo_dispatch_release_shm_exported_buffer(m_pExportable, held->exported);
 }
 
-void WebKitView::HeldBufferDestroyed(struct wl_listener* listener, void*)
+void WpeView::HeldBufferDestroyed(struct wl_listener* listener, void*)
 {
     HeldBuffer* held = wl_container_of(listener, held, destroyListener);
-    WebKitView* self = held->view;
+    WpeView* self = held->view;
     // The buffer's memory is still there while its resource is being
     // destroyed: the image is copied so that Invalidate still has it. The
     // exported buffer cannot be given back any more (the backend's record
@@ -777,7 +777,7 @@ void WebKitView::HeldBufferDestroyed(struct wl_listener* listener, void*)
     self->m_pHeldBuffer.reset();
 }
 
-void WebKitView::DeliverPaint(const void* pixels, int width, int height)
+void WpeView::DeliverPaint(const void* pixels, int width, int height)
 {
     if (m_bClosed)
         return;
@@ -785,12 +785,12 @@ void WebKitView::DeliverPaint(const void* pixels, int width, int height)
         handler->OnPaint(shared_from_this(), pixels, width, height);
 }
 
-int64_t WebKitView::FrameSlotTime(int64_t slot) const
+int64_t WpeView::FrameSlotTime(int64_t slot) const
 {
     return m_nFrameOrigin + slot * G_USEC_PER_SEC / m_nFrameRate;
 }
 
-void WebKitView::ScheduleFrameComplete()
+void WpeView::ScheduleFrameComplete()
 {
     if (!m_pFrameTimer || m_nFrameDue >= 0)
         return;
@@ -814,13 +814,13 @@ void WebKitView::ScheduleFrameComplete()
     g_source_set_ready_time(m_pFrameTimer, m_nFrameDue);
 }
 
-gboolean WebKitView::FrameTimerThunk(gpointer data)
+gboolean WpeView::FrameTimerThunk(gpointer data)
 {
-    static_cast<WebKitView*>(data)->DispatchFrameComplete();
+    static_cast<WpeView*>(data)->DispatchFrameComplete();
     return G_SOURCE_CONTINUE;
 }
 
-void WebKitView::DispatchFrameComplete()
+void WpeView::DispatchFrameComplete()
 {
     if (m_pFrameTimer)
         g_source_set_ready_time(m_pFrameTimer, -1);
@@ -833,7 +833,7 @@ void WebKitView::DispatchFrameComplete()
 
 // ---- WebKit signals ----------------------------------------------------------
 
-void WebKitView::OnLoadChanged(int loadEvent)
+void WpeView::OnLoadChanged(int loadEvent)
 {
     EngineLoadHandler* handler = m_pClient->GetLoadHandler();
     if (!handler)
@@ -855,7 +855,7 @@ void WebKitView::OnLoadChanged(int loadEvent)
     }
 }
 
-bool WebKitView::OnScriptDialog(WebKitScriptDialog* dialog)
+bool WpeView::OnScriptDialog(WebKitScriptDialog* dialog)
 {
     const WebKitScriptDialogType type = webkit_script_dialog_get_dialog_type(dialog);
     if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM) {
@@ -884,7 +884,7 @@ bool WebKitView::OnScriptDialog(WebKitScriptDialog* dialog)
     return true;
 }
 
-void WebKitView::OnMouseTargetChanged(WebKitHitTestResult* hit)
+void WpeView::OnMouseTargetChanged(WebKitHitTestResult* hit)
 {
     EngineCursorType cursor = CT_POINTER;
     if (webkit_hit_test_result_context_is_link(hit))
@@ -898,7 +898,7 @@ void WebKitView::OnMouseTargetChanged(WebKitHitTestResult* hit)
         handler->OnCursorChange(shared_from_this(), cursor);
 }
 
-bool WebKitView::OnUserMessage(WebKitUserMessage* userMessage)
+bool WpeView::OnUserMessage(WebKitUserMessage* userMessage)
 {
     const char* name = webkit_user_message_get_name(userMessage);
     // The web process tells which process shows this page (for its audio);
@@ -915,14 +915,14 @@ bool WebKitView::OnUserMessage(WebKitUserMessage* userMessage)
     EngineProcessMessageRef message =
         ProcessMessageFromVariant(name ? name : "", webkit_user_message_get_parameters(userMessage), error);
     if (!message) {
-        NSLog("WebKitView - browser %d: message from the web process dropped: %s", m_nId, error.c_str());
+        NSLog("WpeView - browser %d: message from the web process dropped: %s", m_nId, error.c_str());
         return true;
     }
     m_Port.CorrectProcessId(*this, *message);
     return m_pClient->OnProcessMessageReceived(shared_from_this(), message);
 }
 
-void WebKitView::OnPopupRequest(WebKitNavigationAction* action)
+void WpeView::OnPopupRequest(WebKitNavigationAction* action)
 {
     std::string target;
     if (WebKitURIRequest* request = webkit_navigation_action_get_request(action)) {
@@ -933,7 +933,7 @@ void WebKitView::OnPopupRequest(WebKitNavigationAction* action)
     if (EngineLifeSpanHandler* handler = m_pClient->GetLifeSpanHandler())
         cancelled = handler->OnBeforePopup(shared_from_this(), target);
     if (!cancelled)
-        NSLog("WebKitView - browser %d: popup to %s refused; off-screen browsers open no windows", m_nId,
+        NSLog("WpeView - browser %d: popup to %s refused; off-screen browsers open no windows", m_nId,
               target.c_str());
 }
 

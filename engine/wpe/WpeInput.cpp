@@ -1,4 +1,4 @@
-#include "engine/wpe/WebKitInput.h"
+#include "engine/wpe/WpeInput.h"
 
 #include <wpe/wpe.h>
 #include <xkbcommon/xkbcommon.h>
