@@ -4,6 +4,10 @@
 // exportable backend into shared-memory buffers, which are handed to the
 // client's render handler as packed BGRA images. Every browser, host and
 // frame call from any thread is queued to that context in order.
+//
+// Start, task queue, browsers and shutdown are in WpeEnginePort.cpp; the
+// record of which web process shows which page, and the engine's helper
+// processes, in WpeEnginePortProcesses.cpp. Each browser is a WpeView.
 #pragma once
 
 #include "engine/port/EnginePort.h"
@@ -74,6 +78,8 @@ public:
     // A view was closed: forget it.
     void ForgetView(int id);
 
+    // ---- pages and processes (WpeEnginePortProcesses.cpp); used by the
+    // views, the resource and the audio thread, from any thread ------------
     // The view showing a page (by WebKit's page identifier), from any
     // thread; null when none does.
     std::shared_ptr<WpeView> FindViewForPage(uint64_t pageId);
@@ -106,6 +112,7 @@ public:
     // Initialize: where the machine can run bubblewrap).
     bool IsSandboxed() const { return m_bSandboxed; }
 
+    // ---- the engine's helper processes (WpeEnginePortProcesses.cpp) -------
     // Process ids of the web processes this process started that still run
     // (as this process sees them, also when sandboxed).
     static std::vector<int> RunningWebProcesses();
