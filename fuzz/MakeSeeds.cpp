@@ -3,9 +3,9 @@
 // use. Usage: slf-fuzz-seeds <corpus folder>
 #include "audio_transport/NVKXPCAudioBuffer.h"
 #include "audio_transport/NVKXPCRecord.h"
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitResourceChannel.h"
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeResourceChannel.h"
+#include "engine/wpe/WpeVariantCodec.h"
 #include "protocol/SurfaceDictionary.h"
 
 #include <sys/stat.h>

@@ -1,7 +1,7 @@
 // The audio socket between a web process and the service: a stream of
 // messages, each a 4-byte length, a fixed header and its payload. Walk the
 // bytes message by message as the audio thread does.
-#include "engine/wpe/WebKitAudioWire.h"
+#include "engine/wpe/WpeAudioWire.h"
 #include "fuzz/FuzzSupport.h"
 
 #include <cstring>

@@ -2,7 +2,7 @@
 // type: build the message from them as the service does, and read the same
 // value as the module's initialisation data. A message that was built must
 // survive being sent on and read again.
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeVariantCodec.h"
 #include "fuzz/FuzzSupport.h"
 
 using namespace SLF_ChromiumEmbeddedFramework;

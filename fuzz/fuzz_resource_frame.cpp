@@ -2,7 +2,7 @@
 // 4-byte length and a serialised value. Decode a frame as the service reads a
 // question and as a web process reads an answer, and use the values as they
 // do (the URL of a question, the identifier of an answer).
-#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WpeResourceChannel.h"
 #include "fuzz/FuzzSupport.h"
 
 #include <cstring>

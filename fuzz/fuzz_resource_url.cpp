@@ -6,7 +6,7 @@
 // its path is escaped.
 #include "engine/CBrowserClient.h"
 #include "engine/CBrowserHelper.h"
-#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WpeResourceChannel.h"
 #include "fuzz/FuzzSupport.h"
 #include "windows/SLFCefWindowRepresentation.h"
 

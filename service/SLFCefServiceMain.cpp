@@ -18,8 +18,8 @@
 #if SLF_HAVE_GTK_ENGINE
 #include "engine/gtk/GtkEnginePort.h"
 #else
-#include "engine/wpe/WebKitEnginePort.h"
-#include "engine/wpe/WebKitSandbox.h"
+#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeSandbox.h"
 #endif
 
 #include <CLI/CLI.hpp>
@@ -77,7 +77,7 @@ void InstallEngine()
 #if SLF_HAVE_GTK_ENGINE
     SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateGtkEnginePort());
 #else
-    SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateWebKitEnginePort());
+    SLF_ChromiumEmbeddedFramework::SetEnginePort(SLF_ChromiumEmbeddedFramework::CreateWpeEnginePort());
 #endif
 }
 

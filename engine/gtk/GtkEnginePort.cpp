@@ -2,7 +2,7 @@
 
 #include "dbg/NSLog.h"
 #include "engine/gtk/GtkView.h"
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeVariantCodec.h"
 #include "platform/NplFile.h"
 
 #include <gtk/gtk.h>

@@ -2,8 +2,8 @@
 
 #include "dbg/NSLog.h"
 #include "engine/gtk/GtkEnginePort.h"
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeVariantCodec.h"
 
 #include <cairo.h>
 #include <gtk/gtk.h>

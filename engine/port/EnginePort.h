@@ -383,7 +383,7 @@ public:
                                const EngineBrowserSettings& settings) = 0;
 };
 
-// The port this process uses. The service installs the WebKit port at start,
+// The port this process uses. The service installs the WPE port at start,
 // tests install a fake; with none installed the engine cannot be initialised.
 void SetEnginePort(EnginePort* port);
 EnginePort* GetEnginePort();

@@ -5,8 +5,8 @@
 // buffer to the service's audio thread. Outside the service (no socket in
 // the environment) it refuses to open, and the next sink is chosen.
 
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeResourceChannel.h"
 
 #include <gst/base/gstbasesink.h>
 #include <gst/gst.h>

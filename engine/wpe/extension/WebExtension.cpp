@@ -4,12 +4,12 @@
 // the page the message is for as the browser.
 
 #include "engine/port/EnginePort.h"
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeVariantCodec.h"
 #include "engine/wpe/extension/WebPageBrowser.h"
 #include "engine/wpe/extension/WebProcessApp.h"
 #include "engine/wpe/extension/WebResourceFilter.h"
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeResourceChannel.h"
 
 #include <wpe/webkit-web-extension.h>
 

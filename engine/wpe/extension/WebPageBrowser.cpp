@@ -1,6 +1,6 @@
 #include "engine/wpe/extension/WebPageBrowser.h"
 
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeVariantCodec.h"
 
 #include <wpe/webkit-web-extension.h>
 

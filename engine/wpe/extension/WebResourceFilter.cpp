@@ -1,6 +1,6 @@
 #include "engine/wpe/extension/WebResourceFilter.h"
 
-#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WpeResourceChannel.h"
 
 #include <wpe/webkit-web-extension.h>
 

@@ -23,7 +23,7 @@
 #pragma once
 
 #include "engine/port/EnginePort.h"
-#include "engine/wpe/WebKitSocketServer.h"
+#include "engine/wpe/WpeSocketServer.h"
 
 #include <atomic>
 #include <cstdint>
@@ -41,17 +41,17 @@ typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-class WebKitEnginePort;
-class WebKitView;
+class WpeEnginePort;
+class WpeView;
 
 using ResourceVerdictAndUrl = std::pair<uint8_t, std::string>;
 
-class WebKitResourceServer {
+class WpeResourceServer {
 public:
-    explicit WebKitResourceServer(WebKitEnginePort& port);
-    ~WebKitResourceServer();
-    WebKitResourceServer(const WebKitResourceServer&) = delete;
-    WebKitResourceServer& operator=(const WebKitResourceServer&) = delete;
+    explicit WpeResourceServer(WpeEnginePort& port);
+    ~WpeResourceServer();
+    WpeResourceServer(const WpeResourceServer&) = delete;
+    WpeResourceServer& operator=(const WpeResourceServer&) = delete;
 
     // Listens on socketPath ("@name" for an abstract address) and starts
     // the resource thread. Only processes of this user are answered.
@@ -72,7 +72,7 @@ public:
 private:
     // A taken-over request waiting for its scheme request.
     struct Pending {
-        std::shared_ptr<WebKitView> view;
+        std::shared_ptr<WpeView> view;
         uint64_t pageId = 0;
         EngineRequestRef request;
         EngineResourceHandler* handler = nullptr;
@@ -98,7 +98,7 @@ private:
 
     void RunJobs();
     void OnAccept(int fd, int pid);
-    bool OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error);
+    bool OnMessage(const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error);
     // Answers the questions of fd that can be answered now; false when the
     // connection is to end.
     bool AnswerQuestions(int fd, Connection& connection);
@@ -114,8 +114,8 @@ private:
     void RunLane(uint64_t pageId);
     void StopLanes();
 
-    WebKitEnginePort& m_Port;
-    WebKitSocketServer m_Server;
+    WpeEnginePort& m_Port;
+    WpeSocketServer m_Server;
 
     // True from Start to Stop; shared with the retry timers.
     std::shared_ptr<std::atomic<bool>> m_pRunning = std::make_shared<std::atomic<bool>>(false);

@@ -1,7 +1,7 @@
-#include "engine/wpe/WebKitSocketServer.h"
+#include "engine/wpe/WpeSocketServer.h"
 
 #include "dbg/NSLog.h"
-#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WpeResourceChannel.h"
 
 #include <errno.h>
 #include <fcntl.h>
@@ -34,7 +34,7 @@ int64_t NowMs()
 
 } // namespace
 
-struct WebKitSocketServer::Connection {
+struct WpeSocketServer::Connection {
     int fd = -1;
     int pid = 0;
     // Bytes received and not yet handed over: the start of a message.
@@ -43,18 +43,18 @@ struct WebKitSocketServer::Connection {
     int64_t deadline = 0;
 };
 
-WebKitSocketServer::WebKitSocketServer(const char* owner, const char* role, const char* threadName,
-                                       size_t maxMessageBytes)
+WpeSocketServer::WpeSocketServer(const char* owner, const char* role, const char* threadName,
+                                 size_t maxMessageBytes)
     : m_szOwner(owner), m_szRole(role), m_szThreadName(threadName), m_nMaxMessageBytes(maxMessageBytes)
 {
 }
 
-WebKitSocketServer::~WebKitSocketServer()
+WpeSocketServer::~WpeSocketServer()
 {
     Stop();
 }
 
-bool WebKitSocketServer::Start(const std::string& socketPath, Handlers handlers)
+bool WpeSocketServer::Start(const std::string& socketPath, Handlers handlers)
 {
     m_nListenFd = ListenOnUnixSocket(socketPath);
     if (m_nListenFd < 0) {
@@ -76,7 +76,7 @@ bool WebKitSocketServer::Start(const std::string& socketPath, Handlers handlers)
     return true;
 }
 
-void WebKitSocketServer::Stop()
+void WpeSocketServer::Stop()
 {
     if (m_Thread.joinable()) {
         m_bStop.store(true);
@@ -95,7 +95,7 @@ void WebKitSocketServer::Stop()
     m_strSocketPath.clear();
 }
 
-bool WebKitSocketServer::Wake()
+bool WpeSocketServer::Wake()
 {
     const uint64_t one = 1;
     if (write(m_nWakeFd, &one, sizeof(one)) >= 0)
@@ -104,7 +104,7 @@ bool WebKitSocketServer::Wake()
     return false;
 }
 
-bool WebKitSocketServer::Receive(Connection& connection, std::string& error, bool& peerEnded)
+bool WpeSocketServer::Receive(Connection& connection, std::string& error, bool& peerEnded)
 {
     uint8_t chunk[kReadChunk];
     ssize_t got;
@@ -150,7 +150,7 @@ bool WebKitSocketServer::Receive(Connection& connection, std::string& error, boo
     return true;
 }
 
-void WebKitSocketServer::ThreadMain()
+void WpeSocketServer::ThreadMain()
 {
     pthread_setname_np(pthread_self(), m_szThreadName);
     std::vector<Connection> connections;

@@ -21,7 +21,7 @@
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-class WebKitSocketServer {
+class WpeSocketServer {
 public:
     // The sending process of a connection, from the socket's credentials.
     struct Peer {
@@ -47,13 +47,13 @@ public:
     // More connections than this at once are refused.
     static constexpr size_t kMaxConnections = 256;
 
-    // owner prefixes log lines ("WebKitAudioServer"), role names the thread
+    // owner prefixes log lines ("WpeAudioServer"), role names the thread
     // in them ("audio thread"), threadName is the system's name of it;
     // maxMessageBytes is the largest message a peer may send.
-    WebKitSocketServer(const char* owner, const char* role, const char* threadName, size_t maxMessageBytes);
-    ~WebKitSocketServer();
-    WebKitSocketServer(const WebKitSocketServer&) = delete;
-    WebKitSocketServer& operator=(const WebKitSocketServer&) = delete;
+    WpeSocketServer(const char* owner, const char* role, const char* threadName, size_t maxMessageBytes);
+    ~WpeSocketServer();
+    WpeSocketServer(const WpeSocketServer&) = delete;
+    WpeSocketServer& operator=(const WpeSocketServer&) = delete;
 
     // Before Start: how long a message may stay half-sent.
     void SetHalfMessageLimit(int milliseconds) { m_nHalfMessageMs = milliseconds; }

@@ -8,7 +8,7 @@
 // its connection.
 #pragma once
 
-#include "engine/wpe/WebKitSocketServer.h"
+#include "engine/wpe/WpeSocketServer.h"
 
 #include <cstdint>
 #include <deque>
@@ -21,15 +21,15 @@
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-class WebKitEnginePort;
-class WebKitView;
+class WpeEnginePort;
+class WpeView;
 
-class WebKitAudioServer {
+class WpeAudioServer {
 public:
-    explicit WebKitAudioServer(WebKitEnginePort& port);
-    ~WebKitAudioServer();
-    WebKitAudioServer(const WebKitAudioServer&) = delete;
-    WebKitAudioServer& operator=(const WebKitAudioServer&) = delete;
+    explicit WpeAudioServer(WpeEnginePort& port);
+    ~WpeAudioServer();
+    WpeAudioServer(const WpeAudioServer&) = delete;
+    WpeAudioServer& operator=(const WpeAudioServer&) = delete;
 
     // Listens on socketPath ("@name" for an abstract address) and starts
     // the audio thread. Only processes of this user are heard.
@@ -51,14 +51,14 @@ public:
         int bits = 0;
         bool announced = false; // the start frame arrived
         bool started = false;   // the handler was told
-        std::shared_ptr<WebKitView> view;
+        std::shared_ptr<WpeView> view;
     };
 
 private:
-    bool OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error);
+    bool OnMessage(const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error);
 
-    WebKitEnginePort& m_Port;
-    WebKitSocketServer m_Server;
+    WpeEnginePort& m_Port;
+    WpeSocketServer m_Server;
 
     // Audio-thread state: the streams by connection.
     std::map<int, Stream> m_Streams;

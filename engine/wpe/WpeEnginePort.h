@@ -4,10 +4,14 @@
 // exportable backend into shared-memory buffers, which are handed to the
 // client's render handler as packed BGRA images. Every browser, host and
 // frame call from any thread is queued to that context in order.
+//
+// Start, task queue, browsers and shutdown are in WpeEnginePort.cpp; the
+// record of which web process shows which page, and the engine's helper
+// processes, in WpeEnginePortProcesses.cpp. Each browser is a WpeView.
 #pragma once
 
 #include "engine/port/EnginePort.h"
-#include "engine/wpe/WebKitPageClaims.h"
+#include "engine/wpe/WpePageClaims.h"
 
 #include <glib.h>
 
@@ -28,20 +32,20 @@ typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-class WebKitView;
-class WebKitResourceServer;
-class WebKitAudioServer;
+class WpeView;
+class WpeResourceServer;
+class WpeAudioServer;
 
-// Creates the WebKit port; the caller owns it and installs it with
+// Creates the WPE port; the caller owns it and installs it with
 // SetEnginePort.
-EnginePort* CreateWebKitEnginePort();
+EnginePort* CreateWpeEnginePort();
 
-class WebKitEnginePort : public EnginePort {
+class WpeEnginePort : public EnginePort {
 public:
-    WebKitEnginePort();
-    ~WebKitEnginePort() override;
-    WebKitEnginePort(const WebKitEnginePort&) = delete;
-    WebKitEnginePort& operator=(const WebKitEnginePort&) = delete;
+    WpeEnginePort();
+    ~WpeEnginePort() override;
+    WpeEnginePort(const WpeEnginePort&) = delete;
+    WpeEnginePort& operator=(const WpeEnginePort&) = delete;
 
     bool Initialize(const EngineSettings& settings, EngineApp* app) override;
     void DoMessageLoopWork() override;
@@ -74,38 +78,41 @@ public:
     // A view was closed: forget it.
     void ForgetView(int id);
 
+    // ---- pages and processes (WpeEnginePortProcesses.cpp); used by the
+    // views, the resource and the audio thread, from any thread ------------
     // The view showing a page (by WebKit's page identifier), from any
     // thread; null when none does.
-    std::shared_ptr<WebKitView> FindViewForPage(uint64_t pageId);
-    void RegisterPage(uint64_t pageId, const std::shared_ptr<WebKitView>& view);
+    std::shared_ptr<WpeView> FindViewForPage(uint64_t pageId);
+    void RegisterPage(uint64_t pageId, const std::shared_ptr<WpeView>& view);
     void UnregisterPage(uint64_t pageId);
     // The view whose page a web process shows, from any thread (the most
     // recent claim wins); null when none is known.
-    std::shared_ptr<WebKitView> FindViewForProcess(int pid);
-    // The two halves of a page claim (see WebKitPageClaims): the view's,
+    std::shared_ptr<WpeView> FindViewForProcess(int pid);
+    // The two halves of a page claim (see WpePageClaims): the view's,
     // and the process's with the pid from its socket's credentials. The
     // latter is false when the claim is refused; *holder then names the
     // process that holds the token (0 when the claims are full).
-    void ClaimPageFromView(uint64_t token, const std::shared_ptr<WebKitView>& view);
+    void ClaimPageFromView(uint64_t token, const std::shared_ptr<WpeView>& view);
     bool ClaimPageFromProcess(uint64_t token, int pid, int* holder);
     // Forgets the processes known to show the view's page; returns them.
-    std::vector<int> UnregisterProcessesOf(const WebKitView* view);
+    std::vector<int> UnregisterProcessesOf(const WpeView* view);
     // A sandboxed web process knows its own pid only inside its process
     // namespace: its answer to the render-process-ID question gets the pid
     // this process sees (from the page claims) when it is known.
-    void CorrectProcessId(const WebKitView& view, EngineProcessMessage& message);
+    void CorrectProcessId(const WpeView& view, EngineProcessMessage& message);
     // True when the web process pid has claimed the page (every completed
     // claim counts, also one before a process swap), from any thread.
     bool ProcessShowsPage(int pid, uint64_t pageId);
     // Null when resource requests are not offered to the clients.
-    WebKitResourceServer* GetResourceServer() const { return m_pResourceServer.get(); }
+    WpeResourceServer* GetResourceServer() const { return m_pResourceServer.get(); }
     // Null when page audio is not delivered.
-    WebKitAudioServer* GetAudioServer() const { return m_pAudioServer.get(); }
+    WpeAudioServer* GetAudioServer() const { return m_pAudioServer.get(); }
 
     // Whether the web processes run in WebKit's sandbox (decided once, at
     // Initialize: where the machine can run bubblewrap).
     bool IsSandboxed() const { return m_bSandboxed; }
 
+    // ---- the engine's helper processes (WpeEnginePortProcesses.cpp) -------
     // Process ids of the web processes this process started that still run
     // (as this process sees them, also when sandboxed).
     static std::vector<int> RunningWebProcesses();
@@ -134,18 +141,18 @@ private:
     GMainContext* m_pMainContext = nullptr;
     GSource* m_pTaskSource = nullptr;
     WebKitWebContext* m_pWebContext = nullptr;
-    std::map<int, std::shared_ptr<WebKitView>> m_Views;
-    std::unique_ptr<WebKitResourceServer> m_pResourceServer;
-    std::unique_ptr<WebKitAudioServer> m_pAudioServer;
+    std::map<int, std::shared_ptr<WpeView>> m_Views;
+    std::unique_ptr<WpeResourceServer> m_pResourceServer;
+    std::unique_ptr<WpeAudioServer> m_pAudioServer;
 
     // Views by page identifier and by web process, for the resource and
     // audio threads. Lock order: a leaf lock.
     std::mutex m_PageMutex;
-    std::map<uint64_t, std::weak_ptr<WebKitView>> m_Pages;
-    std::map<int, std::weak_ptr<WebKitView>> m_Processes;
-    WebKitPageClaims<WebKitView> m_Claims;
+    std::map<uint64_t, std::weak_ptr<WpeView>> m_Pages;
+    std::map<int, std::weak_ptr<WpeView>> m_Processes;
+    WpePageClaims<WpeView> m_Claims;
     // Every completed (process, view) claim, until the view closes.
-    std::set<std::pair<int, const WebKitView*>> m_ProcessViews;
+    std::set<std::pair<int, const WpeView*>> m_ProcessViews;
 
     bool m_bSandboxed = false;
     std::atomic<bool> m_bRunning{false};

@@ -1,7 +1,7 @@
 // A web process that hangs, under the engine wrapper on the real WebKit
 // port: the port ends it and the browser goes on in a new one.
 #include "engine/CBrowserWrapper.h"
-#include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WpeEnginePort.h"
 
 #include <gtest/gtest.h>
 
@@ -44,9 +44,9 @@ bool ProcessRuns(int pid)
     return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
 }
 
-TEST(WebKitRecovery, AWebProcessThatStopsRespondingIsEndedAndTheBrowserGoesOnInANewOne)
+TEST(WpeRecovery, AWebProcessThatStopsRespondingIsEndedAndTheBrowserGoesOnInANewOne)
 {
-    SetEnginePort(CreateWebKitEnginePort());
+    SetEnginePort(CreateWpeEnginePort());
     CBrowserWrapper wrapper;
     ASSERT_TRUE(wrapper.StartCEF());
     CAccessHandlingForRequestSettings access;

@@ -3,10 +3,10 @@
 // next to it keeps painting and playing, new pages still load through the
 // resource thread, and the engine still stops within its bound.
 #include "engine/CBrowserApp.h"
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitEnginePort.h"
-#include "engine/wpe/WebKitResourceChannel.h"
-#include "engine/wpe/WebKitResourceServer.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeResourceChannel.h"
+#include "engine/wpe/WpeResourceServer.h"
 
 #include <gtest/gtest.h>
 
@@ -97,11 +97,11 @@ bool ClosedByTheService(int fd)
     return got == 0 || (got < 0 && errno == ECONNRESET);
 }
 
-class WebKitUntrustedPeerTest : public ::testing::Test {
+class WpeUntrustedPeerTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        s_pPort = new WebKitEnginePort(); // the engine keeps references to the port's context: never deleted
+        s_pPort = new WpeEnginePort(); // the engine keeps references to the port's context: never deleted
         EngineSettings settings;
         settings.windowless_rendering_enabled = true;
         s_bInitialized = s_pPort->Initialize(settings, &s_App);
@@ -117,12 +117,12 @@ protected:
         return true;
     }
 
-    static inline WebKitEnginePort* s_pPort = nullptr;
+    static inline WpeEnginePort* s_pPort = nullptr;
     static inline bool s_bInitialized = false;
     static inline CBrowserApp s_App;
 };
 
-TEST_F(WebKitUntrustedPeerTest, MisbehavingPeersAreCutOffWhileRealPagesGoOnAndTheEngineStopsInTime)
+TEST_F(WpeUntrustedPeerTest, MisbehavingPeersAreCutOffWhileRealPagesGoOnAndTheEngineStopsInTime)
 {
     PageClient playing;
     EngineWindowInfo windowInfo;

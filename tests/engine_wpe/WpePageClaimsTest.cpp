@@ -1,4 +1,4 @@
-#include "engine/wpe/WebKitPageClaims.h"
+#include "engine/wpe/WpePageClaims.h"
 
 #include <gtest/gtest.h>
 
@@ -17,7 +17,7 @@ struct View {
 // in either order; a process that claims another's token is refused.
 TEST(PageClaims, BothHalvesMeetInEitherOrderAndForeignTokensAreRefused)
 {
-    WebKitPageClaims<View> claims;
+    WpePageClaims<View> claims;
     auto first = std::make_shared<View>(View{1});
     auto second = std::make_shared<View>(View{2});
     std::shared_ptr<View> tied;
@@ -58,13 +58,13 @@ TEST(PageClaims, BothHalvesMeetInEitherOrderAndForeignTokensAreRefused)
 
 TEST(PageClaims, OpenProcessClaimsAreBounded)
 {
-    WebKitPageClaims<View> claims;
+    WpePageClaims<View> claims;
     std::shared_ptr<View> tied;
-    for (uint64_t token = 1; token <= WebKitPageClaims<View>::kMaxOpenClaims; ++token)
+    for (uint64_t token = 1; token <= WpePageClaims<View>::kMaxOpenClaims; ++token)
         ASSERT_TRUE(claims.FromProcess(token, 7, &tied)) << token;
-    EXPECT_FALSE(claims.FromProcess(WebKitPageClaims<View>::kMaxOpenClaims + 1, 7, &tied));
-    EXPECT_EQ(claims.HolderOf(WebKitPageClaims<View>::kMaxOpenClaims + 1), 0);
-    EXPECT_EQ(claims.Size(), WebKitPageClaims<View>::kMaxOpenClaims);
+    EXPECT_FALSE(claims.FromProcess(WpePageClaims<View>::kMaxOpenClaims + 1, 7, &tied));
+    EXPECT_EQ(claims.HolderOf(WpePageClaims<View>::kMaxOpenClaims + 1), 0);
+    EXPECT_EQ(claims.Size(), WpePageClaims<View>::kMaxOpenClaims);
 }
 
 } // namespace

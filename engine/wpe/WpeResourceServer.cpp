@@ -1,8 +1,8 @@
-#include "engine/wpe/WebKitResourceServer.h"
+#include "engine/wpe/WpeResourceServer.h"
 
-#include "engine/wpe/WebKitEnginePort.h"
-#include "engine/wpe/WebKitResourceChannel.h"
-#include "engine/wpe/WebKitView.h"
+#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeResourceChannel.h"
+#include "engine/wpe/WpeView.h"
 
 #include "dbg/NSLog.h"
 
@@ -109,33 +109,33 @@ void FinishRequest(WebKitURISchemeRequest* request, ResourceResult& result)
 
 } // namespace
 
-WebKitResourceServer::WebKitResourceServer(WebKitEnginePort& port)
-    : m_Port(port), m_Server("WebKitResourceServer", "resource thread", "SlfResources", kMaxFrameBytes)
+WpeResourceServer::WpeResourceServer(WpeEnginePort& port)
+    : m_Port(port), m_Server("WpeResourceServer", "resource thread", "SlfResources", kMaxFrameBytes)
 {
 }
 
-WebKitResourceServer::~WebKitResourceServer()
+WpeResourceServer::~WpeResourceServer()
 {
     Stop();
 }
 
-bool WebKitResourceServer::Start(const std::string& socketPath)
+bool WpeResourceServer::Start(const std::string& socketPath)
 {
     {
         std::lock_guard<std::mutex> lock(m_LaneMutex);
         m_bLanesStopped = false;
     }
     m_pRunning = std::make_shared<std::atomic<bool>>(true);
-    WebKitSocketServer::Handlers handlers;
+    WpeSocketServer::Handlers handlers;
     handlers.onAccept = [this](int fd, int pid) { OnAccept(fd, pid); };
-    handlers.onMessage = [this](const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
+    handlers.onMessage = [this](const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size,
                                 std::string& error) { return OnMessage(peer, data, size, error); };
     handlers.onClose = [this](int fd) { m_Connections.erase(fd); };
     handlers.onWake = [this] { RunJobs(); };
     return m_Server.Start(socketPath, std::move(handlers));
 }
 
-void WebKitResourceServer::Stop()
+void WpeResourceServer::Stop()
 {
     m_pRunning->store(false);
     m_Server.Stop();
@@ -148,7 +148,7 @@ void WebKitResourceServer::Stop()
     m_Jobs.clear();
 }
 
-void WebKitResourceServer::Queue(std::function<void()> job)
+void WpeResourceServer::Queue(std::function<void()> job)
 {
     {
         std::lock_guard<std::mutex> lock(m_JobMutex);
@@ -157,7 +157,7 @@ void WebKitResourceServer::Queue(std::function<void()> job)
     m_Server.Wake();
 }
 
-void WebKitResourceServer::OnSchemeRequest(WebKitURISchemeRequest* request)
+void WpeResourceServer::OnSchemeRequest(WebKitURISchemeRequest* request)
 {
     const std::string token = ResourceTokenFromUrl(webkit_uri_scheme_request_get_uri(request));
     WebKitWebView* webView = webkit_uri_scheme_request_get_web_view(request);
@@ -166,7 +166,7 @@ void WebKitResourceServer::OnSchemeRequest(WebKitURISchemeRequest* request)
     Queue([this, token, pageId, request] { Serve(token, pageId, request); });
 }
 
-void WebKitResourceServer::CancelRequests(const std::vector<EngineResourceHandler*>& handlers)
+void WpeResourceServer::CancelRequests(const std::vector<EngineResourceHandler*>& handlers)
 {
     Queue([handlers] {
         for (EngineResourceHandler* handler : handlers)
@@ -174,12 +174,12 @@ void WebKitResourceServer::CancelRequests(const std::vector<EngineResourceHandle
     });
 }
 
-void WebKitResourceServer::PagesChanged()
+void WpeResourceServer::PagesChanged()
 {
     Queue([this] { AnswerAllWaiting(); });
 }
 
-void WebKitResourceServer::RunJobs()
+void WpeResourceServer::RunJobs()
 {
     std::deque<std::function<void()>> jobs;
     {
@@ -190,13 +190,13 @@ void WebKitResourceServer::RunJobs()
         job();
 }
 
-void WebKitResourceServer::OnAccept(int fd, int pid)
+void WpeResourceServer::OnAccept(int fd, int pid)
 {
     m_Connections[fd] = Connection{pid, {}};
 }
 
-bool WebKitResourceServer::OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
-                                     std::string& error)
+bool WpeResourceServer::OnMessage(const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size,
+                                  std::string& error)
 {
     auto connection = m_Connections.find(peer.fd);
     GVariant* question = DecodeResourceFrame(data, size, kQuestionType);
@@ -223,7 +223,7 @@ bool WebKitResourceServer::OnMessage(const WebKitSocketServer::Peer& peer, const
     return false;
 }
 
-bool WebKitResourceServer::AnswerQuestions(int fd, Connection& connection)
+bool WpeResourceServer::AnswerQuestions(int fd, Connection& connection)
 {
     while (!connection.questions.empty()) {
         const Question& question = connection.questions.front();
@@ -243,7 +243,7 @@ bool WebKitResourceServer::AnswerQuestions(int fd, Connection& connection)
             }
             return true;
         } else {
-            NSLog("WebKitResourceServer - web process %d asked about page %llu, which it does not show; refused",
+            NSLog("WpeResourceServer - web process %d asked about page %llu, which it does not show; refused",
                   connection.pid, static_cast<unsigned long long>(question.pageId));
         }
         connection.questions.pop_front();
@@ -254,32 +254,32 @@ bool WebKitResourceServer::AnswerQuestions(int fd, Connection& connection)
     return true;
 }
 
-void WebKitResourceServer::ScheduleRetry()
+void WpeResourceServer::ScheduleRetry()
 {
     // A timer on the engine context; it does nothing once this server has
     // stopped (the flag outlives the server).
     std::shared_ptr<std::atomic<bool>> running = m_pRunning;
     m_Port.Post([this, running] {
         GSource* timer = g_timeout_source_new(static_cast<guint>(kOwnerReportWaitMicroseconds / 1000 + 50));
-        auto* data = new std::pair<WebKitResourceServer*, std::shared_ptr<std::atomic<bool>>>(this, running);
+        auto* data = new std::pair<WpeResourceServer*, std::shared_ptr<std::atomic<bool>>>(this, running);
         g_source_set_callback(
             timer,
             +[](gpointer pair) -> gboolean {
-                auto* entry = static_cast<std::pair<WebKitResourceServer*, std::shared_ptr<std::atomic<bool>>>*>(pair);
+                auto* entry = static_cast<std::pair<WpeResourceServer*, std::shared_ptr<std::atomic<bool>>>*>(pair);
                 if (entry->second->load())
                     entry->first->PagesChanged();
                 return G_SOURCE_REMOVE;
             },
             data,
             +[](gpointer pair) {
-                delete static_cast<std::pair<WebKitResourceServer*, std::shared_ptr<std::atomic<bool>>>*>(pair);
+                delete static_cast<std::pair<WpeResourceServer*, std::shared_ptr<std::atomic<bool>>>*>(pair);
             });
         g_source_attach(timer, m_Port.GetMainContext());
         g_source_unref(timer);
     });
 }
 
-void WebKitResourceServer::AnswerAllWaiting()
+void WpeResourceServer::AnswerAllWaiting()
 {
     std::vector<int> broken;
     for (auto& [fd, connection] : m_Connections) {
@@ -291,16 +291,16 @@ void WebKitResourceServer::AnswerAllWaiting()
         shutdown(fd, SHUT_RDWR);
 }
 
-ResourceVerdictAndUrl WebKitResourceServer::Answer(uint64_t pageId, const std::string& url)
+ResourceVerdictAndUrl WpeResourceServer::Answer(uint64_t pageId, const std::string& url)
 {
     // Only the service makes these URLs, and only as the answer to a
     // question; a page that loads one itself gets nothing.
     if (IsResourceUrl(url.c_str())) {
-        NSLog("WebKitResourceServer - page %llu loads the internal URL %s itself; refused",
+        NSLog("WpeResourceServer - page %llu loads the internal URL %s itself; refused",
               static_cast<unsigned long long>(pageId), url.c_str());
         return {kRefused, std::string()};
     }
-    std::shared_ptr<WebKitView> view = m_Port.FindViewForPage(pageId);
+    std::shared_ptr<WpeView> view = m_Port.FindViewForPage(pageId);
     if (!view)
         return {kRefused, std::string()};
     EngineRequestHandler* requestHandler = view->GetClient()->GetRequestHandler();
@@ -313,7 +313,7 @@ ResourceVerdictAndUrl WebKitResourceServer::Answer(uint64_t pageId, const std::s
     });
     std::string token = NewResourceToken();
     if (token.empty() || m_Pending.count(token)) {
-        NSLog("WebKitResourceServer - no random token for a request of page %llu; refused",
+        NSLog("WpeResourceServer - no random token for a request of page %llu; refused",
               static_cast<unsigned long long>(pageId));
         return {kRefused, std::string()};
     }
@@ -328,14 +328,14 @@ ResourceVerdictAndUrl WebKitResourceServer::Answer(uint64_t pageId, const std::s
     return {kTakenOver, ResourceUrlForToken(token)};
 }
 
-void WebKitResourceServer::Serve(const std::string& token, uint64_t loadingPageId, WebKitURISchemeRequest* request)
+void WpeResourceServer::Serve(const std::string& token, uint64_t loadingPageId, WebKitURISchemeRequest* request)
 {
     auto found = token.empty() ? m_Pending.end() : m_Pending.find(token);
     if (found == m_Pending.end() || found->second.pageId != loadingPageId) {
         // A token that was never given out, was used already, or belongs
         // to another view: the load fails, and another view's pending
         // response stays where it is.
-        NSLog("WebKitResourceServer - page %llu loaded %s, which is not one of its taken-over requests; refused",
+        NSLog("WpeResourceServer - page %llu loaded %s, which is not one of its taken-over requests; refused",
               static_cast<unsigned long long>(loadingPageId), webkit_uri_scheme_request_get_uri(request));
         m_Port.Post([request]() {
             FailRequest(request, "not a request of this view");
@@ -397,7 +397,7 @@ void WebKitResourceServer::Serve(const std::string& token, uint64_t loadingPageI
     });
 }
 
-void WebKitResourceServer::Dispatch(uint64_t pageId, std::function<void()> job)
+void WpeResourceServer::Dispatch(uint64_t pageId, std::function<void()> job)
 {
     std::vector<std::thread> finished;
     {
@@ -428,7 +428,7 @@ void WebKitResourceServer::Dispatch(uint64_t pageId, std::function<void()> job)
     }
 }
 
-void WebKitResourceServer::RunLane(uint64_t pageId)
+void WpeResourceServer::RunLane(uint64_t pageId)
 {
     pthread_setname_np(pthread_self(), "SlfServe");
     for (;;) {
@@ -447,7 +447,7 @@ void WebKitResourceServer::RunLane(uint64_t pageId)
     }
 }
 
-void WebKitResourceServer::StopLanes()
+void WpeResourceServer::StopLanes()
 {
     std::vector<std::thread> threads;
     {

@@ -1,9 +1,9 @@
-#include "engine/wpe/WebKitAudioServer.h"
+#include "engine/wpe/WpeAudioServer.h"
 
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitEnginePort.h"
-#include "engine/wpe/WebKitResourceChannel.h"
-#include "engine/wpe/WebKitView.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeResourceChannel.h"
+#include "engine/wpe/WpeView.h"
 
 #include <algorithm>
 #include <atomic>
@@ -16,12 +16,12 @@ namespace {
 
 std::atomic<int> g_nNextStreamId{1};
 
-EngineAudioHandler* HandlerOf(const WebKitAudioServer::Stream& stream)
+EngineAudioHandler* HandlerOf(const WpeAudioServer::Stream& stream)
 {
     return stream.view ? stream.view->GetClient()->GetAudioHandler() : nullptr;
 }
 
-void EndStream(WebKitAudioServer::Stream& stream)
+void EndStream(WpeAudioServer::Stream& stream)
 {
     if (stream.started) {
         if (EngineAudioHandler* handler = HandlerOf(stream))
@@ -33,25 +33,25 @@ void EndStream(WebKitAudioServer::Stream& stream)
 
 } // namespace
 
-WebKitAudioServer::WebKitAudioServer(WebKitEnginePort& port)
-    : m_Port(port), m_Server("WebKitAudioServer", "audio thread", "SlfAudio", kMaxAudioMessageBytes)
+WpeAudioServer::WpeAudioServer(WpeEnginePort& port)
+    : m_Port(port), m_Server("WpeAudioServer", "audio thread", "SlfAudio", kMaxAudioMessageBytes)
 {
 }
 
-WebKitAudioServer::~WebKitAudioServer()
+WpeAudioServer::~WpeAudioServer()
 {
     Stop();
 }
 
-bool WebKitAudioServer::Start(const std::string& socketPath)
+bool WpeAudioServer::Start(const std::string& socketPath)
 {
-    WebKitSocketServer::Handlers handlers;
+    WpeSocketServer::Handlers handlers;
     handlers.onAccept = [this](int fd, int pid) {
         Stream stream;
         stream.pid = pid;
         m_Streams[fd] = stream;
     };
-    handlers.onMessage = [this](const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
+    handlers.onMessage = [this](const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size,
                                 std::string& error) { return OnMessage(peer, data, size, error); };
     handlers.onClose = [this](int fd) {
         EndStream(m_Streams[fd]);
@@ -69,7 +69,7 @@ bool WebKitAudioServer::Start(const std::string& socketPath)
     return m_Server.Start(socketPath, std::move(handlers));
 }
 
-void WebKitAudioServer::EndStreamsOfProcesses(std::vector<int> pids, std::function<void()> then)
+void WpeAudioServer::EndStreamsOfProcesses(std::vector<int> pids, std::function<void()> then)
 {
     auto job = [this, pids = std::move(pids), then]() {
         for (auto& entry : m_Streams) {
@@ -97,13 +97,13 @@ void WebKitAudioServer::EndStreamsOfProcesses(std::vector<int> pids, std::functi
     }
 }
 
-void WebKitAudioServer::Stop()
+void WpeAudioServer::Stop()
 {
     m_Server.Stop();
 }
 
-bool WebKitAudioServer::OnMessage(const WebKitSocketServer::Peer& peer, const uint8_t* data, size_t size,
-                                  std::string& error)
+bool WpeAudioServer::OnMessage(const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size,
+                               std::string& error)
 {
     Stream& stream = m_Streams[peer.fd];
     AudioFrameHeader header = {};

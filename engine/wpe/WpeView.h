@@ -1,10 +1,17 @@
-// One browser of the WebKit port: a WebKitWebView on an exportable
+// One browser of the WPE port: a WebKitWebView on an exportable
 // shared-memory view backend. The object is the browser, its host and its
 // main frame at once. Calls from any thread are queued to the pump thread;
 // the WebKit objects are touched only there.
+//
+// Owned by the port (WpeEnginePort::m_Views) and by the client's browser
+// references. The view keeps its life cycle and WebKit's signals here
+// (WpeView.cpp) and its web-process recovery in WpeViewRecovery.cpp; it owns
+// its frame export and pacing (WpeFrameExporter) and its input synthesis
+// (WpeInput).
 #pragma once
 
 #include "engine/port/EnginePort.h"
+#include "engine/wpe/WpeInput.h"
 
 #include <glib.h>
 
@@ -12,7 +19,6 @@
 #include <deque>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -23,33 +29,33 @@ typedef struct _WebKitScriptDialog WebKitScriptDialog;
 typedef struct _WebKitNavigationAction WebKitNavigationAction;
 typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
 struct wpe_view_backend;
-struct wpe_view_backend_exportable_fdo;
-struct wpe_fdo_shm_exported_buffer;
-struct wl_listener;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-class WebKitEnginePort;
+class WpeEnginePort;
+class WpeFrameExporter;
 
-class WebKitView : public EngineBrowser,
-                   public EngineBrowserHost,
-                   public EngineFrame,
-                   public std::enable_shared_from_this<WebKitView> {
+class WpeView : public EngineBrowser,
+                public EngineBrowserHost,
+                public EngineFrame,
+                public std::enable_shared_from_this<WpeView> {
 public:
     // url is the view's URL from the start ("about:blank" for none), so
     // GetURL answers it as soon as the client learns the browser.
-    WebKitView(WebKitEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
-               const std::string& url);
-    ~WebKitView() override;
-    WebKitView(const WebKitView&) = delete;
-    WebKitView& operator=(const WebKitView&) = delete;
+    WpeView(WpeEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
+            const std::string& url);
+    ~WpeView() override;
+    WpeView(const WpeView&) = delete;
+    WpeView& operator=(const WpeView&) = delete;
 
+    // ---- life cycle; used by the port (CreateView, Shutdown) --------------
     // Pump thread: creates the WebKit view at the size the render handler
     // reports and starts loading the URL the view was made with.
     void Open();
     // Pump thread: destroys the WebKit view (idempotent). With notify, the
     // client's OnBeforeClose follows from a later pump pass.
     void Close(bool notify);
+    // ---- web-process recovery (WpeViewRecovery.cpp); pump thread ----------
     // Pump thread: the view's web process is gone (or is ended because it
     // stopped responding). The view is made again at the browser's size,
     // rate and URL in a new web process, under the same identifier and
@@ -65,14 +71,18 @@ public:
     // How long the web process may stay unresponsive before it is ended.
     static constexpr int64_t kUnresponsiveLimit = 10 * G_USEC_PER_SEC;
 
+    // ---- used by the port, its resource and audio servers -----------------
     EngineClient* GetClient() const { return m_pClient; }
-    // Pump thread: when the view's next frame_complete is due (microseconds
-    // of g_get_monotonic_time), or -1 when none is waiting.
-    int64_t GetFrameDueTime() const { return m_nFrameDue; }
+    // Pump thread (the port asks after every pump pass): when the view's
+    // next frame_complete is due (microseconds of g_get_monotonic_time), or
+    // -1 when none is waiting.
+    int64_t GetFrameDueTime() const;
     // Engine context: keeps a request for the internal scheme open until
     // the view closes (false when it has closed already).
     bool KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler);
 
+    // ---- the port's interfaces; used by the client, from any thread (queued
+    // to the pump thread) -----------------------------------------------------
     // EngineBrowser
     int GetIdentifier() override { return m_nId; }
     EngineBrowserHostRef GetHost() override { return shared_from_this(); }
@@ -96,30 +106,28 @@ public:
     void ExecuteJavaScript(const std::string& code, const std::string& scriptUrl, int startLine) override;
 
 private:
+    // ---- life cycle (WpeView.cpp) ------------------------------------------
     // Runs fn on the pump thread while the WebKit view exists.
     template <typename Fn>
     void OnPump(Fn fn);
-
     struct wpe_view_backend* Backend() const;
-    uint32_t EventTime() const;
     void SetUrl(const char* uri);
     void DoResize();
-    void DoClick(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp, int clickCount);
-    void DoKey(const EngineKeyEvent& event);
-    void DispatchKey(uint32_t keysym, uint32_t hardwareKeyCode, bool pressed, uint32_t modifiers);
+    // Hands an image to the client's render handler (the exporter's sink).
     void DeliverPaint(const void* pixels, int width, int height);
-    // Delivers the held shared-memory image (false without one).
-    bool DeliverHeldBuffer();
-    // Gives the held buffer back to the web process.
-    void ReleaseHeldBuffer();
-    // The held buffer's resource goes away with its web process: its image
-    // is kept as a copy.
-    static void HeldBufferDestroyed(struct wl_listener* listener, void* data);
-
     // Tears the WebKit view down with everything that belongs to its page
-    // (timers, held image, page and process records, requests kept open;
-    // their handlers are cancelled with cancelHandlers).
+    // (frame export, page and process records, requests kept open; their
+    // handlers are cancelled with cancelHandlers).
     void DestroyWebView(bool cancelHandlers);
+
+    // ---- WebKit signals (WpeView.cpp), on the pump thread -----------------
+    void OnLoadChanged(int loadEvent);
+    bool OnScriptDialog(WebKitScriptDialog* dialog);
+    void OnMouseTargetChanged(WebKitHitTestResult* hit);
+    bool OnUserMessage(WebKitUserMessage* message);
+    void OnPopupRequest(WebKitNavigationAction* action);
+
+    // ---- web-process recovery (WpeViewRecovery.cpp) ------------------------
     // After a web process ended: the view is made anew (or not, given up).
     void RebuildWebView(EngineTerminationStatus status, bool giveUp);
     void OnWebProcessTerminated(int reason);
@@ -127,65 +135,38 @@ private:
     void StopHangTimer();
     static gboolean HangTimerThunk(gpointer data);
 
-    // Frame pacing: WebKit renders the next frame only after frame_complete,
-    // which goes out on a fixed grid of slots, slot k at m_nFrameOrigin +
-    // k seconds / rate, so that the frame rate is the one asked for.
-    void ScheduleFrameComplete();
-    int64_t FrameSlotTime(int64_t slot) const;
-    void DispatchFrameComplete();
-
-    // WebKit and backend callbacks.
-    void OnExportedBuffer(struct wpe_fdo_shm_exported_buffer* buffer);
-    void OnLoadChanged(int loadEvent);
-    bool OnScriptDialog(WebKitScriptDialog* dialog);
-    void OnMouseTargetChanged(WebKitHitTestResult* hit);
-    bool OnUserMessage(WebKitUserMessage* message);
-    void OnPopupRequest(WebKitNavigationAction* action);
-    static void ExportShmBufferThunk(void* data, struct wpe_fdo_shm_exported_buffer* buffer);
-    static void DestroyBackendThunk(gpointer data);
-    static gboolean FrameTimerThunk(gpointer data);
-
-    WebKitEnginePort& m_Port;
+    // ---- identity; set at construction, read from any thread --------------
+    WpeEnginePort& m_Port;
     const int m_nId;
     EngineClient* const m_pClient;
     const EngineBrowserSettings m_Settings;
 
-    // Pump-thread state.
+    // ---- the WebKit view; pump thread ---------------------------------------
     WebKitWebView* m_pView = nullptr;
-    struct wpe_view_backend_exportable_fdo* m_pExportable = nullptr;
-    GSource* m_pFrameTimer = nullptr;
     bool m_bClosed = false;
-    bool m_bFramePending = false;
-    int m_nFrameRate = 0;         // frames a second
-    int64_t m_nFrameOrigin = -1;  // monotonic microseconds of slot 0; -1 before the first frame
-    int64_t m_nFrameSlot = 0;     // the slot of the last frame_complete scheduled
-    int64_t m_nFrameDue = -1;     // when the scheduled frame_complete is due; -1 for none
-    // The last painted image, for Invalidate: either the web process's
-    // shared-memory buffer itself, held (not given back) until the next one
-    // arrives, or, when that buffer cannot be delivered as it is (another
-    // row stride, no alpha), a tightly packed copy.
-    struct HeldBuffer;
-    std::unique_ptr<HeldBuffer> m_pHeldBuffer;
-    std::vector<uint8_t> m_LastImage;
-    int m_nLastWidth = 0;
-    int m_nLastHeight = 0;
-    int m_nCursor = -1;
-    std::set<uint32_t> m_PressedKeys;
-    int64_t m_nLastPressTime = 0;
-    int m_nLastPressX = 0;
-    int m_nLastPressY = 0;
-    uint64_t m_nPageId = 0;
+    bool m_bHidden = false; // kept for a view made again
+    int m_nCursor = -1;     // the cursor last reported to the render handler
+    uint64_t m_nPageId = 0; // WebKit's page identifier, registered with the port
+    // Requests for the internal scheme kept open until the view goes.
     std::vector<std::pair<WebKitURISchemeRequest*, EngineResourceHandler*>> m_OpenRequests;
-    // Web-process recovery: the hang timer runs while WebKit reports the
-    // process unresponsive; m_bRecovering from the end of a process until
-    // its view is made again; the times of the recent recoveries.
+
+    // ---- frames; owned here, pump thread (see WpeFrameExporter) ------------
+    std::unique_ptr<WpeFrameExporter> m_pFrames;
+
+    // ---- input; owned here, pump thread (see WpeInput) ---------------------
+    WpeInput m_Input;
+
+    // ---- web-process recovery; pump thread ---------------------------------
+    // The hang timer runs while WebKit reports the process unresponsive;
+    // m_bRecovering from the end of a process until its view is made again;
+    // the times of the recent recoveries.
     GSource* m_pHangTimer = nullptr;
     bool m_bRecovering = false;
     bool m_bGivenUp = false;
-    bool m_bHidden = false;
     std::deque<int64_t> m_Recoveries; // monotonic microseconds
 
-    // The view's URL, readable from any thread. Lock order: a leaf lock.
+    // ---- the view's URL, readable from any thread -------------------------
+    // Lock order: a leaf lock.
     std::mutex m_UrlMutex;
     std::string m_strUrl;
 };

@@ -1,4 +1,4 @@
-#include "engine/wpe/WebKitResourceChannel.h"
+#include "engine/wpe/WpeResourceChannel.h"
 
 #include <errno.h>
 #include <sys/random.h>

@@ -1,7 +1,7 @@
 // The engine wrapper, client and application object over the real WebKit
 // port in threaded mode: one process, one engine start.
 #include "engine/CBrowserWrapper.h"
-#include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WpeEnginePort.h"
 
 #include <gtest/gtest.h>
 
@@ -75,9 +75,9 @@ bool ProcessRuns(int pid)
 
 constexpr uint32_t kRed = 0xFFFF0000, kBlue = 0xFF0000FF;
 
-TEST(WebKitWrapper, ThreadedEngineServesPagesAndStopsInTime)
+TEST(WpeWrapper, ThreadedEngineServesPagesAndStopsInTime)
 {
-    SetEnginePort(CreateWebKitEnginePort());
+    SetEnginePort(CreateWpeEnginePort());
     CBrowserWrapper wrapper;
     ASSERT_TRUE(wrapper.StartCEF()) << "the engine did not start on the worker";
 
@@ -122,7 +122,7 @@ TEST(WebKitWrapper, ThreadedEngineServesPagesAndStopsInTime)
     const auto stopStart = std::chrono::steady_clock::now();
     wrapper.StopCEF();
     EXPECT_LT(std::chrono::steady_clock::now() - stopStart, std::chrono::milliseconds(2000));
-    EXPECT_TRUE(WebKitEnginePort::RunningEngineProcesses().empty());
+    EXPECT_TRUE(WpeEnginePort::RunningEngineProcesses().empty());
 }
 
 } // namespace

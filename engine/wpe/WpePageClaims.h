@@ -15,7 +15,7 @@
 namespace SLF_ChromiumEmbeddedFramework {
 
 template <class View>
-class WebKitPageClaims {
+class WpePageClaims {
 public:
     // Halves a process sent for pages that no view has named (yet) are kept
     // up to this many; beyond it a process's claims are refused.

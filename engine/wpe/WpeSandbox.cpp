@@ -1,4 +1,4 @@
-#include "engine/wpe/WebKitSandbox.h"
+#include "engine/wpe/WpeSandbox.h"
 
 #include <glib.h>
 
@@ -15,7 +15,7 @@ std::string g_strSocketFolder;
 
 } // namespace
 
-bool WebKitSandboxWorksHere(std::string& why)
+bool WpeSandboxWorksHere(std::string& why)
 {
     // WebKit itself never uses bubblewrap inside these (it would not work
     // in many of them), whatever the context asks for.

@@ -1,26 +1,24 @@
-#include "engine/wpe/WebKitEnginePort.h"
+#include "engine/wpe/WpeEnginePort.h"
 
 #include "dbg/NSLog.h"
 #include "engine/CBrowserApp.h"
-#include "engine/wpe/WebKitAudioServer.h"
-#include "engine/wpe/WebKitAudioWire.h"
-#include "engine/wpe/WebKitResourceChannel.h"
-#include "engine/wpe/WebKitResourceServer.h"
-#include "engine/wpe/WebKitSandbox.h"
-#include "engine/wpe/WebKitVariantCodec.h"
-#include "engine/wpe/WebKitView.h"
+#include "engine/wpe/WpeAudioServer.h"
+#include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeResourceChannel.h"
+#include "engine/wpe/WpeResourceServer.h"
+#include "engine/wpe/WpeSandbox.h"
+#include "engine/wpe/WpeVariantCodec.h"
+#include "engine/wpe/WpeView.h"
 #include "platform/NplFile.h"
 
 #include <wpe/fdo.h>
 #include <wpe/unstable/fdo-shm.h>
 #include <wpe/webkit.h>
 
-#include <dirent.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <climits>
-#include <fstream>
 #include <sstream>
 
 namespace SLF_ChromiumEmbeddedFramework {
@@ -46,7 +44,7 @@ constexpr gint64 kKillWaitMicroseconds = 100 * 1000;
 // The GSource that runs queued tasks on the engine context.
 struct TaskSource {
     GSource source;
-    WebKitEnginePort* port;
+    WpeEnginePort* port;
 
     static gboolean Prepare(GSource* source, gint* timeout)
     {
@@ -64,14 +62,14 @@ struct TaskSource {
 static GSourceFuncs s_TaskSourceFuncs = {TaskSource::Prepare, TaskSource::Check, TaskSource::Dispatch, nullptr,
                                          nullptr, nullptr};
 
-EnginePort* CreateWebKitEnginePort()
+EnginePort* CreateWpeEnginePort()
 {
-    return new WebKitEnginePort();
+    return new WpeEnginePort();
 }
 
-WebKitEnginePort::WebKitEnginePort() = default;
+WpeEnginePort::WpeEnginePort() = default;
 
-WebKitEnginePort::~WebKitEnginePort()
+WpeEnginePort::~WpeEnginePort()
 {
     if (m_pResourceServer)
         m_pResourceServer->Stop();
@@ -82,7 +80,7 @@ WebKitEnginePort::~WebKitEnginePort()
         g_variant_unref(entry.second);
 }
 
-void WebKitEnginePort::SetExtensionInitValue(const std::string& key, GVariant* value)
+void WpeEnginePort::SetExtensionInitValue(const std::string& key, GVariant* value)
 {
     if (!value)
         return;
@@ -97,21 +95,21 @@ void WebKitEnginePort::SetExtensionInitValue(const std::string& key, GVariant* v
     m_ExtraInitValues.emplace_back(key, value);
 }
 
-std::string WebKitEnginePort::GetExtensionFolder() const
+std::string WpeEnginePort::GetExtensionFolder() const
 {
     return m_strExtensionFolder;
 }
 
-bool WebKitEnginePort::IsPumpThread() const
+bool WpeEnginePort::IsPumpThread() const
 {
     return m_bRunning.load() && std::this_thread::get_id() == m_PumpThread;
 }
 
-bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
+bool WpeEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
 {
     bool expected = false;
     if (!g_bEngineClaimed.compare_exchange_strong(expected, true)) {
-        NSLog("WebKitEnginePort::Initialize - the engine was already initialised in this process");
+        NSLog("WpeEnginePort::Initialize - the engine was already initialised in this process");
         return false;
     }
 
@@ -121,13 +119,13 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
         m_pApp->OnBeforeCommandLineProcessing(std::string(), commandLine);
     m_DeviceScaleFactor = ForcedDeviceScaleFactor(commandLine);
     if (commandLine.HasSwitch("force-device-scale-factor") && !m_DeviceScaleFactor)
-        NSLog("WebKitEnginePort::Initialize - ignoring force-device-scale-factor \"%s\": not a positive number",
+        NSLog("WpeEnginePort::Initialize - ignoring force-device-scale-factor \"%s\": not a positive number",
               commandLine.GetSwitchValue("force-device-scale-factor").c_str());
     m_strModuleFolder = settings.browser_subprocess_path.empty() ? NplFile_ExecutableFolder()
                                                                  : NplFile_FolderOf(settings.browser_subprocess_path);
     m_strExtensionFolder = m_strModuleFolder + "/web-extensions";
     if (settings.multi_threaded_message_loop)
-        NSLog("WebKitEnginePort::Initialize - a multi-threaded message loop is not offered; the caller pumps");
+        NSLog("WpeEnginePort::Initialize - a multi-threaded message loop is not offered; the caller pumps");
 
     // No accessibility bus exists for an off-screen service; this keeps the
     // engine from looking for one (also in its web processes).
@@ -140,12 +138,12 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     g_main_context_push_thread_default(m_pMainContext);
 
     if (!wpe_loader_init(kBackendLibrary)) {
-        NSLog("WebKitEnginePort::Initialize - could not load the view backend %s", kBackendLibrary);
+        NSLog("WpeEnginePort::Initialize - could not load the view backend %s", kBackendLibrary);
         g_main_context_pop_thread_default(m_pMainContext);
         return false;
     }
     if (!wpe_fdo_initialize_shm()) {
-        NSLog("WebKitEnginePort::Initialize - could not initialise shared-memory rendering");
+        NSLog("WpeEnginePort::Initialize - could not initialise shared-memory rendering");
         g_main_context_pop_thread_default(m_pMainContext);
         return false;
     }
@@ -162,12 +160,12 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     // in a private folder that the sandbox shows them; otherwise on
     // abstract addresses unique to this process.
     std::string why;
-    m_bSandboxed = WebKitSandboxWorksHere(why);
+    m_bSandboxed = WpeSandboxWorksHere(why);
     std::string socketBase;
     if (m_bSandboxed && (socketBase = MakeEngineSocketFolder(why)).empty())
         m_bSandboxed = false;
     if (!m_bSandboxed)
-        NSLog("WebKitEnginePort::Initialize - web processes run without a sandbox: %s", why.c_str());
+        NSLog("WpeEnginePort::Initialize - web processes run without a sandbox: %s", why.c_str());
     if (socketBase.empty()) {
         gchar* token = g_uuid_string_random();
         socketBase = "@slf-engine-" + std::to_string(getpid()) + "-" + token;
@@ -176,17 +174,17 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
 
     // Resource requests of every page are offered to the clients through
     // the resource thread; the web processes learn its socket.
-    m_pResourceServer = std::make_unique<WebKitResourceServer>(*this);
+    m_pResourceServer = std::make_unique<WpeResourceServer>(*this);
     if (m_pResourceServer->Start(socketBase + "/resources")) {
         SetExtensionInitValue(kResourceSocketKey, g_variant_new_string(m_pResourceServer->GetSocketPath().c_str()));
     } else {
-        NSLog("WebKitEnginePort::Initialize - resource requests go unchecked: the resource thread did not start");
+        NSLog("WpeEnginePort::Initialize - resource requests go unchecked: the resource thread did not start");
         m_pResourceServer.reset();
     }
 
     // Page audio: the web processes find our sink through the plugin path
     // and its way back to the service through the environment.
-    m_pAudioServer = std::make_unique<WebKitAudioServer>(*this);
+    m_pAudioServer = std::make_unique<WpeAudioServer>(*this);
     const std::string audioSocket = socketBase + "/audio";
     if (m_pAudioServer->Start(audioSocket)) {
         g_setenv(kAudioSocketVariable, audioSocket.c_str(), TRUE);
@@ -195,7 +193,7 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
             pluginPath += std::string(":") + existing;
         g_setenv("GST_PLUGIN_PATH", pluginPath.c_str(), TRUE);
     } else {
-        NSLog("WebKitEnginePort::Initialize - page audio is not delivered: the audio thread did not start");
+        NSLog("WpeEnginePort::Initialize - page audio is not delivered: the audio thread did not start");
         m_pAudioServer.reset();
     }
 
@@ -225,14 +223,14 @@ bool WebKitEnginePort::Initialize(const EngineSettings& settings, EngineApp* app
     return true;
 }
 
-void WebKitEnginePort::InitializeWebExtensionsThunk(WebKitWebContext*, gpointer self)
+void WpeEnginePort::InitializeWebExtensionsThunk(WebKitWebContext*, gpointer self)
 {
-    static_cast<WebKitEnginePort*>(self)->OnInitializeWebExtensions();
+    static_cast<WpeEnginePort*>(self)->OnInitializeWebExtensions();
 }
 
-void WebKitEnginePort::SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self)
+void WpeEnginePort::SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self)
 {
-    auto* port = static_cast<WebKitEnginePort*>(self);
+    auto* port = static_cast<WpeEnginePort*>(self);
     if (port->m_pResourceServer) {
         port->m_pResourceServer->OnSchemeRequest(request);
     } else {
@@ -242,108 +240,7 @@ void WebKitEnginePort::SchemeRequestThunk(WebKitURISchemeRequest* request, gpoin
     }
 }
 
-std::shared_ptr<WebKitView> WebKitEnginePort::FindViewForPage(uint64_t pageId)
-{
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    auto found = m_Pages.find(pageId);
-    return found == m_Pages.end() ? nullptr : found->second.lock();
-}
-
-void WebKitEnginePort::RegisterPage(uint64_t pageId, const std::shared_ptr<WebKitView>& view)
-{
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    m_Pages[pageId] = view;
-}
-
-void WebKitEnginePort::UnregisterPage(uint64_t pageId)
-{
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    m_Pages.erase(pageId);
-}
-
-std::shared_ptr<WebKitView> WebKitEnginePort::FindViewForProcess(int pid)
-{
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    auto found = m_Processes.find(pid);
-    return found == m_Processes.end() ? nullptr : found->second.lock();
-}
-
-void WebKitEnginePort::ClaimPageFromView(uint64_t token, const std::shared_ptr<WebKitView>& view)
-{
-    int claimed = 0;
-    {
-        std::lock_guard<std::mutex> lock(m_PageMutex);
-        if ((claimed = m_Claims.FromView(token, view))) {
-            m_Processes[claimed] = view;
-            m_ProcessViews.emplace(claimed, view.get());
-        }
-    }
-    // Questions of that process may have been waiting for this claim.
-    if (claimed && m_pResourceServer)
-        m_pResourceServer->PagesChanged();
-}
-
-bool WebKitEnginePort::ClaimPageFromProcess(uint64_t token, int pid, int* holder)
-{
-    bool complete = false;
-    {
-        std::lock_guard<std::mutex> lock(m_PageMutex);
-        std::shared_ptr<WebKitView> view;
-        if (!m_Claims.FromProcess(token, pid, &view)) {
-            *holder = m_Claims.HolderOf(token);
-            return false;
-        }
-        if (view) {
-            m_Processes[pid] = view;
-            m_ProcessViews.emplace(pid, view.get());
-            complete = true;
-        }
-    }
-    if (complete && m_pResourceServer)
-        m_pResourceServer->PagesChanged();
-    return true;
-}
-
-void WebKitEnginePort::CorrectProcessId(const WebKitView& view, EngineProcessMessage& message)
-{
-    if (!m_bSandboxed || message.GetName() != kResponseGetRenderProcessId || !message.HasArgumentList() ||
-        message.GetArgumentList().empty() || !std::holds_alternative<int>(message.GetArgumentList()[0]))
-        return;
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    for (const auto& [pid, known] : m_Processes) {
-        if (known.lock().get() == &view)
-            message.GetArgumentList()[0] = pid;
-    }
-}
-
-std::vector<int> WebKitEnginePort::UnregisterProcessesOf(const WebKitView* view)
-{
-    std::vector<int> pids;
-    {
-        std::lock_guard<std::mutex> lock(m_PageMutex);
-        std::erase_if(m_Processes, [view, &pids](const auto& entry) {
-            auto known = entry.second.lock();
-            if (known && known.get() == view)
-                pids.push_back(entry.first);
-            return !known || known.get() == view;
-        });
-        std::erase_if(m_ProcessViews, [view](const auto& entry) { return entry.second == view; });
-        m_Claims.Forget(view);
-    }
-    if (m_pResourceServer)
-        m_pResourceServer->PagesChanged();
-    return pids;
-}
-
-bool WebKitEnginePort::ProcessShowsPage(int pid, uint64_t pageId)
-{
-    std::lock_guard<std::mutex> lock(m_PageMutex);
-    auto page = m_Pages.find(pageId);
-    const std::shared_ptr<WebKitView> view = page == m_Pages.end() ? nullptr : page->second.lock();
-    return view && m_ProcessViews.count({pid, view.get()}) != 0;
-}
-
-void WebKitEnginePort::OnInitializeWebExtensions()
+void WpeEnginePort::OnInitializeWebExtensions()
 {
     // A web process is about to start: its command line is made now, and
     // travels in the module's initialisation data.
@@ -372,14 +269,14 @@ void WebKitEnginePort::OnInitializeWebExtensions()
     webkit_web_context_set_web_extensions_initialization_user_data(m_pWebContext, data);
 }
 
-void WebKitEnginePort::DoMessageLoopWork()
+void WpeEnginePort::DoMessageLoopWork()
 {
     if (!IsPumpThread())
         return;
     g_main_context_iteration(m_pMainContext, FALSE);
 }
 
-int64_t WebKitEnginePort::GetNextDueTime()
+int64_t WpeEnginePort::GetNextDueTime()
 {
     if (!IsPumpThread())
         return -1;
@@ -392,7 +289,7 @@ int64_t WebKitEnginePort::GetNextDueTime()
     return earliest;
 }
 
-void WebKitEnginePort::Post(std::function<void()> task)
+void WpeEnginePort::Post(std::function<void()> task)
 {
     {
         std::lock_guard<std::mutex> lock(m_TaskMutex);
@@ -406,7 +303,7 @@ void WebKitEnginePort::Post(std::function<void()> task)
         g_main_context_wakeup(m_pMainContext);
 }
 
-void WebKitEnginePort::RunTasks()
+void WpeEnginePort::RunTasks()
 {
     // Only the tasks queued so far run now; tasks they queue run in a later
     // pass, which is what "reported from a later pump pass" relies on.
@@ -420,24 +317,24 @@ void WebKitEnginePort::RunTasks()
         task();
 }
 
-bool WebKitEnginePort::CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
-                                     const EngineBrowserSettings& settings)
+bool WpeEnginePort::CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
+                                  const EngineBrowserSettings& settings)
 {
     if (!m_bRunning.load() || !client)
         return false;
     if (!windowInfo.windowless_rendering_enabled)
-        NSLog("WebKitEnginePort::CreateBrowser - only windowless browsers exist; rendering off screen");
+        NSLog("WpeEnginePort::CreateBrowser - only windowless browsers exist; rendering off screen");
     const int id = m_nNextBrowserId.fetch_add(1);
     Post([this, id, client, url, settings]() { CreateView(id, client, url, settings); });
     return true;
 }
 
-void WebKitEnginePort::CreateView(int id, EngineClient* client, const std::string& url,
-                                  const EngineBrowserSettings& settings)
+void WpeEnginePort::CreateView(int id, EngineClient* client, const std::string& url,
+                               const EngineBrowserSettings& settings)
 {
     // The view holds its URL before the client learns it: the creator may
     // ask for it as soon as OnAfterCreated wakes it.
-    auto view = std::make_shared<WebKitView>(*this, id, client, settings, url);
+    auto view = std::make_shared<WpeView>(*this, id, client, settings, url);
     m_Views[id] = view;
     // The client learns the browser first, so that it can answer
     // GetViewRect for it when the view is made.
@@ -446,12 +343,12 @@ void WebKitEnginePort::CreateView(int id, EngineClient* client, const std::strin
     view->Open();
 }
 
-void WebKitEnginePort::ForgetView(int id)
+void WpeEnginePort::ForgetView(int id)
 {
     m_Views.erase(id);
 }
 
-void WebKitEnginePort::Shutdown()
+void WpeEnginePort::Shutdown()
 {
     if (!IsPumpThread())
         return;
@@ -500,7 +397,7 @@ void WebKitEnginePort::Shutdown()
             kill(process.first, signalNumber);
     };
     if (!runUntilGone(false, kShutdownWaitMicroseconds))
-        NSLog("WebKitEnginePort::Shutdown - web processes still running after %d ms; terminating them",
+        NSLog("WpeEnginePort::Shutdown - web processes still running after %d ms; terminating them",
               static_cast<int>(kShutdownWaitMicroseconds / 1000));
     // What is left (the network process of the ephemeral session, which
     // outlives the context in the engine's own bookkeeping, and web
@@ -510,7 +407,7 @@ void WebKitEnginePort::Shutdown()
     if (!runUntilGone(true, kTerminateWaitMicroseconds)) {
         signalAll(SIGKILL);
         if (!runUntilGone(true, kKillWaitMicroseconds))
-            NSLog("WebKitEnginePort::Shutdown - engine processes still running after SIGKILL");
+            NSLog("WpeEnginePort::Shutdown - engine processes still running after SIGKILL");
     }
 
     if (m_pTaskSource) {
@@ -521,66 +418,6 @@ void WebKitEnginePort::Shutdown()
     // WebKit's run loop keeps its reference to the context; it only stops
     // being the thread default.
     g_main_context_pop_thread_default(m_pMainContext);
-}
-
-std::vector<int> WebKitEnginePort::RunningWebProcesses()
-{
-    std::vector<int> result;
-    for (const auto& process : RunningEngineProcesses()) {
-        if (!process.second)
-            result.push_back(process.first);
-    }
-    return result;
-}
-
-std::vector<std::pair<int, bool>> WebKitEnginePort::RunningEngineProcesses()
-{
-    std::vector<std::pair<int, bool>> result;
-    // The children of a process, over all its threads.
-    auto childrenOf = [](const std::string& process) {
-        std::vector<int> children;
-        DIR* tasks = opendir(("/proc/" + process + "/task").c_str());
-        if (!tasks)
-            return children;
-        while (struct dirent* entry = readdir(tasks)) {
-            if (entry->d_name[0] == '.')
-                continue;
-            std::ifstream list("/proc/" + process + "/task/" + entry->d_name + "/children");
-            int pid = 0;
-            while (list >> pid)
-                children.push_back(pid);
-        }
-        closedir(tasks);
-        return children;
-    };
-    // The engine's helpers are named WPE...; sandboxed ones run below one
-    // or two bubblewrap processes, which are searched too.
-    std::vector<std::pair<int, int>> pending; // pid, depth
-    for (int pid : childrenOf("self"))
-        pending.emplace_back(pid, 0);
-    while (!pending.empty()) {
-        const auto [pid, depth] = pending.back();
-        pending.pop_back();
-        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-        std::string line;
-        std::getline(stat, line);
-        // "pid (comm) state ..."
-        const size_t open = line.find('(');
-        const size_t close = line.rfind(')');
-        if (open == std::string::npos || close == std::string::npos || close + 2 >= line.size())
-            continue;
-        const std::string comm = line.substr(open + 1, close - open - 1);
-        const char state = line[close + 2];
-        if (state == 'Z' || state == 'X')
-            continue;
-        if (comm.rfind("WPE", 0) == 0) {
-            result.emplace_back(pid, comm.rfind("WPENetwork", 0) == 0);
-        } else if (comm == "bwrap" && depth < 3) {
-            for (int child : childrenOf(std::to_string(pid)))
-                pending.emplace_back(child, depth + 1);
-        }
-    }
-    return result;
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

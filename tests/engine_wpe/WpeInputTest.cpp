@@ -1,6 +1,6 @@
 // Spot checks of the input translation: case of letters, the ends of the
 // function-key range, swapped buttons, and codes without a key symbol.
-#include "engine/wpe/WebKitInput.h"
+#include "engine/wpe/WpeInput.h"
 
 #include <gtest/gtest.h>
 #include <wpe/wpe.h>
@@ -8,7 +8,7 @@
 
 using namespace SLF_ChromiumEmbeddedFramework;
 
-TEST(WebKitInput, KeysAndModifiers)
+TEST(WpeInput, KeysAndModifiers)
 {
     EXPECT_EQ(KeysymForWindowsKeyCode('A', false), uint32_t(XKB_KEY_a));
     EXPECT_EQ(KeysymForWindowsKeyCode('Z', true), uint32_t(XKB_KEY_Z));

@@ -1,4 +1,4 @@
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeVariantCodec.h"
 
 #include <cmath>
 #include <cstdlib>

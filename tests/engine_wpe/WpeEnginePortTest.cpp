@@ -1,10 +1,10 @@
-// The WebKit engine port with the engine's application object against the
+// The WPE port with the engine's application object against the
 // real engine, on shipped pages with known colours. The engine starts once
 // per process: one port serves every case, pumped by the test thread.
 #include "engine/CBrowserApp.h"
-#include "engine/wpe/WebKitEnginePort.h"
-#include "engine/wpe/WebKitResourceChannel.h"
-#include "engine/wpe/WebKitResourceServer.h"
+#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeResourceChannel.h"
+#include "engine/wpe/WpeResourceServer.h"
 
 #include <gtest/gtest.h>
 
@@ -77,11 +77,11 @@ public:
     std::vector<uint8_t> image;
 };
 
-class WebKitEnginePortTest : public ::testing::Test {
+class WpeEnginePortTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        s_pPort = new WebKitEnginePort(); // the engine keeps references to the port's context: never deleted
+        s_pPort = new WpeEnginePort(); // the engine keeps references to the port's context: never deleted
         EngineSettings settings;
         settings.no_sandbox = true;
         settings.windowless_rendering_enabled = true;
@@ -92,7 +92,7 @@ protected:
         if (s_bInitialized) {
             s_pPort->Shutdown();
             EXPECT_FALSE(s_pPort->Initialize(EngineSettings(), &s_App)) << "initialised again after shutdown";
-            EXPECT_TRUE(WebKitEnginePort::RunningEngineProcesses().empty());
+            EXPECT_TRUE(WpeEnginePort::RunningEngineProcesses().empty());
         }
     }
     void SetUp() override { ASSERT_TRUE(s_bInitialized) << "the engine did not start"; }
@@ -117,12 +117,12 @@ protected:
         ASSERT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == ready; })) << "page never painted";
     }
 
-    static inline WebKitEnginePort* s_pPort = nullptr;
+    static inline WpeEnginePort* s_pPort = nullptr;
     static inline bool s_bInitialized = false;
     static inline CBrowserApp s_App; // forces a device scale factor of 1
 };
 
-TEST_F(WebKitEnginePortTest, PaintsPageColoursKeepsTransparencyAndRefusesPopups)
+TEST_F(WpeEnginePortTest, PaintsPageColoursKeepsTransparencyAndRefusesPopups)
 {
     TestClient client(200, 100);
     Open(client);
@@ -145,7 +145,7 @@ TEST_F(WebKitEnginePortTest, PaintsPageColoursKeepsTransparencyAndRefusesPopups)
     EXPECT_EQ(client.Pixel(25, 25), kRed);
 }
 
-TEST_F(WebKitEnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
+TEST_F(WpeEnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
 {
     TestClient first(200, 100);
     TestClient second(200, 60);
@@ -194,7 +194,7 @@ TEST_F(WebKitEnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
 
 // Catches: a blocking dialog, a reversed wheel, a double click that arrives
 // as one click, a cursor not reported, a page not shown again.
-TEST_F(WebKitEnginePortTest, DialogsWheelDoubleClickCursorAndVisibility)
+TEST_F(WpeEnginePortTest, DialogsWheelDoubleClickCursorAndVisibility)
 {
     TestClient client(250, 100);
     Open(client, kEventsPage, kLime); // lime: confirm gave false and prompt null
@@ -230,7 +230,7 @@ TEST_F(WebKitEnginePortTest, DialogsWheelDoubleClickCursorAndVisibility)
 // Where the machine runs WebKit's sandbox, a web process lives in a mount
 // namespace of its own, which shows nothing of the user's home, while
 // permitted file pages (Open loads one) still load.
-TEST_F(WebKitEnginePortTest, WebProcessesRunInASandboxThatHidesTheHome)
+TEST_F(WpeEnginePortTest, WebProcessesRunInASandboxThatHidesTheHome)
 {
     if (!s_pPort->IsSandboxed())
         GTEST_SKIP() << "no web-process sandbox on this machine (the port logged why)";
@@ -241,7 +241,7 @@ TEST_F(WebKitEnginePortTest, WebProcessesRunInASandboxThatHidesTheHome)
 
     TestClient client(100, 50);
     Open(client);
-    const std::vector<int> processes = WebKitEnginePort::RunningWebProcesses();
+    const std::vector<int> processes = WpeEnginePort::RunningWebProcesses();
     ASSERT_FALSE(processes.empty());
     auto link = [](const std::string& path) {
         char target[128] = {};
@@ -265,11 +265,11 @@ TEST_F(WebKitEnginePortTest, WebProcessesRunInASandboxThatHidesTheHome)
 // web process lying about its page) gets refusals, never an answer meant
 // for the page's own process; questions about pages nobody shows are
 // refused at once.
-TEST_F(WebKitEnginePortTest, QuestionsAboutPagesOfAnotherProcessAreRefused)
+TEST_F(WpeEnginePortTest, QuestionsAboutPagesOfAnotherProcessAreRefused)
 {
     TestClient client(50, 50);
     Open(client);
-    WebKitResourceServer* server = s_pPort->GetResourceServer();
+    WpeResourceServer* server = s_pPort->GetResourceServer();
     ASSERT_NE(server, nullptr);
     const int fd = ConnectToUnixSocket(server->GetSocketPath());
     ASSERT_GE(fd, 0);

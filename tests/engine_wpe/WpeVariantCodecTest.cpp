@@ -1,4 +1,4 @@
-#include "engine/wpe/WebKitVariantCodec.h"
+#include "engine/wpe/WpeVariantCodec.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ struct Variant {
 };
 
 // A missing argument list and an empty one must stay apart.
-TEST(WebKitVariantCodec, ProcessMessagesRoundTrip)
+TEST(WpeVariantCodec, ProcessMessagesRoundTrip)
 {
     EngineProcessMessage message("m");
     message.GetArgumentList() = {EngineValue(4242), EngineValue(std::string("text")), EngineValue(-1)};
@@ -40,7 +40,7 @@ TEST(WebKitVariantCodec, ProcessMessagesRoundTrip)
     EXPECT_TRUE(decoded->Arguments()->empty());
 }
 
-TEST(WebKitVariantCodec, ForeignParametersAreReadOrRefused)
+TEST(WpeVariantCodec, ForeignParametersAreReadOrRefused)
 {
     std::string error;
     Variant boxed(g_variant_new("(uv)", 7u, g_variant_new_string("inner")));
@@ -55,7 +55,7 @@ TEST(WebKitVariantCodec, ForeignParametersAreReadOrRefused)
     EXPECT_NE(error.find("argument 1"), std::string::npos) << error;
 }
 
-TEST(WebKitVariantCodec, InitDataCarriesTheCommandLineAndTheScaleFactorMustBePositive)
+TEST(WpeVariantCodec, InitDataCarriesTheCommandLineAndTheScaleFactorMustBePositive)
 {
     EngineCommandLine switches;
     switches.AppendSwitchWithValue("force-device-scale-factor", "1");

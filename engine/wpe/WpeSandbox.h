@@ -11,7 +11,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 // Whether web processes can run in WebKit's sandbox here: bubblewrap and
 // xdg-dbus-proxy are installed, bubblewrap can make its namespaces, and
 // this is no container in which WebKit refuses to use it. why says why not.
-bool WebKitSandboxWorksHere(std::string& why);
+bool WpeSandboxWorksHere(std::string& why);
 
 // Makes the private folder (mode 0700) for the engine's sockets and
 // returns its path; empty on failure (why says why). One per process.
