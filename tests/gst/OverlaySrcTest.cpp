@@ -198,6 +198,39 @@ TEST_F(OverlaySrcTest, NegotiatesTheSizeStampsIncreasingTimesFollowsACapsChangeA
   if (eos) gst_message_unref(eos);
 }
 
+TEST_F(OverlaySrcTest, AStaticPageKeepsTheNegotiatedRateWithRepeatedFrames) {
+  // The page paints once (and again only on damage): the element repeats its
+  // last frame for every slot of 30/1 that passes without one.
+  ASSERT_TRUE(Launch(Source("frames_colours.html") +
+                     " ! video/x-raw,width=64,height=64,framerate=30/1"
+                     " ! appsink name=sink sync=false max-buffers=100 drop=false"));
+  ASSERT_NE(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
+  ASSERT_GT(WaitForBrowserMessage(pipeline_, "slf-browser-started", 60), 0);
+
+  GstElement* sink = Child("sink");
+  Sample first;
+  ASSERT_TRUE(Pull(sink, first, 60));
+  ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(first.pts));
+  // 90 more buffers: three seconds of the pipeline's time. Without repeats a
+  // static page gives a handful and the pulls time out.
+  constexpr int kBuffers = 90;
+  GstClockTime last = first.pts;
+  for (int i = 0; i < kBuffers; ++i) {
+    Sample frame;
+    ASSERT_TRUE(Pull(sink, frame, 10)) << "buffer " << i;
+    ASSERT_EQ(frame.bytes.size(), 64u * 64u * 4u);
+    ASSERT_TRUE(GST_CLOCK_TIME_IS_VALID(frame.pts));
+    ASSERT_GT(frame.pts, last) << "buffer " << i;
+    last = frame.pts;
+  }
+  // About one buffer per 1/30 s of running time: not a burst (far fewer than
+  // the slots that passed) and not far more than the slots that passed. The
+  // bounds leave room for a busy machine that skipped slots.
+  const double span = double(last - first.pts) / GST_SECOND;
+  EXPECT_GT(span, kBuffers / 30.0 * 0.8) << "repeats come faster than the rate";
+  EXPECT_LT(span, kBuffers / 30.0 * 4) << "most slots stayed empty";
+}
+
 void LinkAudioPad(GstElement*, GstPad* pad, gpointer sink) {
   if (g_str_has_prefix(GST_PAD_NAME(pad), "audio_")) {
     GstPad* sinkPad = gst_element_get_static_pad(GST_ELEMENT(sink), "sink");
