@@ -1,6 +1,7 @@
 #include "engine/CBrowserClient.h"
 
 #include "dbg/FlowLog.h"
+#include "dbg/NSLog.h"
 #include "engine/CBrowserApp.h"
 #include "engine/EngineLog.h"
 #include "platform/NplTypes.h"
@@ -389,8 +390,13 @@ bool CBrowserClient::OnProcessMessageReceived(EngineBrowserRef browser, EnginePr
     if (record && message->HasArgumentList()) {
         const auto& arguments = *message->Arguments();
         if (!arguments.empty()) {
-            if (const int* pid = std::get_if<int>(&arguments[0]))
+            if (const int* pid = std::get_if<int>(&arguments[0])) {
+                // Which process shows a browser is not otherwise visible
+                // from outside (web processes may be shared or lent).
+                if (*pid != record->m_nRenderProcessId)
+                    NSLog("CBrowserClient - browser %d is shown by process %d", id, *pid);
                 record->m_nRenderProcessId = *pid;
+            }
         }
     }
     return true;
