@@ -9,7 +9,7 @@
 //     scheduler allows at best);
 //   - first frame: OpenBrowser until the first frame with content, warm (the
 //     service and its engine running, no other browser), warm beside a
-//     running browser (the engine then keeps a web process started ahead)
+//     running browser (its web process is busy painting meanwhile)
 //     and cold (no service: the host library starts it on demand), the
 //     median of --samples each; the baseline is the round trip of a request
 //     that the service answers without the engine.
@@ -365,7 +365,7 @@ int Run(const Settings& settings, const std::string& dir)
             beside.push_back(openToFrame);
             std::this_thread::sleep_for(300ms);
         }
-        running->client->CloseBrowser(running->browserID);
+        running->Close();
     }
     probe.reset();
     kill(service, SIGTERM);
