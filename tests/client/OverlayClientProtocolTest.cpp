@@ -15,7 +15,7 @@
 #include "audio_transport/NVKXPCAudioBufferPool.h"
 #include "streamloft/OverlayClient.h"
 #include "tests/client/FakeOverlayService.h"
-#include "tests/client/RecordingCallbacks.h"
+#include "tests/support/RecordingCallbacks.h"
 
 using namespace std::chrono_literals;
 using streamloft::AudioBuffer;

@@ -1,3 +1,4 @@
+#include "tests/support/Wait.h"
 #include "dbg/dbg.h"
 #include "platform/CNplThread.h"
 #include "platform/NplDebug.h"
@@ -49,14 +50,6 @@ struct LogCapture {
     std::vector<std::string> lines;
 };
 
-template <typename Predicate>
-bool WaitFor(Predicate predicate)
-{
-    for (int i = 0; i < 5000 && !predicate(); ++i)
-        usleep(1000);
-    return predicate();
-}
-
 // Loops until its thread object asks it to stop or, without one, until released.
 struct Worker {
     CNplThread* thread = nullptr;
@@ -84,7 +77,7 @@ TEST(CNplThread, CooperativeStopAndReuse)
     Worker worker;
     worker.thread = &thread;
     ASSERT_TRUE(thread.CreateThread(&Worker::Run, &worker, "coop"));
-    ASSERT_TRUE(WaitFor([&] { return worker.loops > 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return worker.loops > 0; }));
     EXPECT_TRUE(thread.IsRunning());
     EXPECT_TRUE(thread.StopThread(5000, false, false));
     EXPECT_TRUE(worker.finished);
@@ -94,7 +87,7 @@ TEST(CNplThread, CooperativeStopAndReuse)
     Worker late;
     ASSERT_TRUE(thread.CreateThread(&Worker::Run, &late, nullptr));
     EXPECT_FALSE(thread.IsTerminationRequested());
-    ASSERT_TRUE(WaitFor([&] { return late.loops > 0; }));
+    ASSERT_TRUE(WaitUntil([&] { return late.loops > 0; }));
     std::thread releaser([&] {
         usleep(100000);
         late.release = true;
@@ -123,14 +116,14 @@ TEST(CNplThread, StopOfAWorkerThatIgnoresTheRequest)
         auto* worker = new Worker;
         retained->insert(retained->end(), {thread, worker});
         ASSERT_TRUE(thread->CreateThread(&Worker::Run, worker, "stubborn"));
-        ASSERT_TRUE(WaitFor([&] { return thread->IsRunning() && worker->loops > 0; }));
+        ASSERT_TRUE(WaitUntil([&] { return thread->IsRunning() && worker->loops > 0; }));
         const int id = thread->GetThreadId();
         const int64_t start = NplTime_GetMonotonicNanoseconds();
         EXPECT_EQ(thread->StopThread(c.timeoutMs, c.debugger, c.forceKill), c.result);
         EXPECT_GE(NplTime_GetMonotonicNanoseconds() - start, (c.timeoutMs - 5) * 1000000LL);
         EXPECT_FALSE(thread->IsRunning());
         const int loops = worker->loops;
-        EXPECT_TRUE(WaitFor([&] { return worker->loops > loops; })); // still runs
+        EXPECT_TRUE(WaitUntil([&] { return worker->loops > loops; })); // still runs
 
         char expected[160];
         snprintf(expected, sizeof expected,
@@ -146,7 +139,7 @@ TEST(CNplThread, StopOfAWorkerThatIgnoresTheRequest)
         }
         EXPECT_EQ(log.Matching("npl      void BreakIntoDebugger(): Debugger!!!\n").size(), c.debugger ? 1u : 0u);
         worker->release = true;
-        EXPECT_TRUE(WaitFor([&] { return worker->finished.load(); }));
+        EXPECT_TRUE(WaitUntil([&] { return worker->finished.load(); }));
     }
 }
 
@@ -195,14 +188,14 @@ TEST(CNplThread, AutoDeleteAndDestructorStop)
     std::atomic<bool> destroyed{false};
     auto* thread = new AutoDeleteThread(&destroyed);
     ASSERT_TRUE(thread->CreateThread([](void*) -> void* { return nullptr; }, nullptr, "auto"));
-    EXPECT_TRUE(WaitFor([&] { return destroyed.load(); }));
+    EXPECT_TRUE(WaitUntil([&] { return destroyed.load(); }));
 
     Worker worker;
     {
         CNplThread scoped(false);
         worker.thread = &scoped;
         ASSERT_TRUE(scoped.CreateThread(&Worker::Run, &worker, "scoped"));
-        ASSERT_TRUE(WaitFor([&] { return scoped.IsRunning(); }));
+        ASSERT_TRUE(WaitUntil([&] { return scoped.IsRunning(); }));
     }
     EXPECT_TRUE(worker.finished);
 }
