@@ -51,33 +51,52 @@ GVariant* FrameCall(uint64_t width, uint64_t height, uint64_t stride, uint64_t i
 
 GVariant* AudioCall(int stream, GVariant* record) { return g_variant_new("(ii@a{sv})", 7, stream, record); }
 
-class OverlayClientProtocolTest : public ::testing::Test {
+// A stand-in service for each host that connects (the latest in service_).
+class OverlayClientLifetimeTest : public ::testing::Test {
  protected:
   void SetUp() override {
     char pattern[] = "/tmp/slf-client-test-XXXXXX";
     dir_ = mkdtemp(pattern);
-    service_ = std::make_unique<FakeOverlayService>(dir_ + "/overlay.sock");
+  }
+  void TearDown() override {
+    service_.reset();
+    std::filesystem::remove_all(dir_);
+  }
+  std::unique_ptr<OverlayClient> Connect(RecordingCallbacks& host) {
+    service_ = std::make_unique<FakeOverlayService>(dir_ + "/overlay-" + std::to_string(++services_) + ".sock");
     streamloft::ConnectOptions options;
     options.socketPath = service_->socketPath();
     options.startOnDemand = false;
     streamloft::Error error;
-    client_ = OverlayClient::Connect(callbacks_.Options(options), &error);
-    ASSERT_TRUE(client_) << error.message;
-    ASSERT_TRUE(service_->waitForHost());
+    auto client = OverlayClient::Connect(host.Options(options), &error);
+    EXPECT_TRUE(client) << error.message;
+    EXPECT_TRUE(service_->waitForHost());
+    return client;
+  }
+
+  std::string dir_;
+  int services_ = 0;
+  std::unique_ptr<FakeOverlayService> service_;
+};
+
+// One host connected from the start.
+class OverlayClientProtocolTest : public OverlayClientLifetimeTest {
+ protected:
+  void SetUp() override {
+    OverlayClientLifetimeTest::SetUp();
+    client_ = Connect(callbacks_);
+    ASSERT_TRUE(client_);
   }
   void TearDown() override {
     browser_.reset();
     client_.reset();
-    service_.reset();
-    std::filesystem::remove_all(dir_);
+    OverlayClientLifetimeTest::TearDown();
   }
   void Open() {
     browser_ = client_->OpenBrowser({"https://example.org/", 640, 360, 30, {}}, callbacks_.events());
     ASSERT_EQ(callbacks_.WaitFor("start "), "start 7");
   }
 
-  std::string dir_;
-  std::unique_ptr<FakeOverlayService> service_;
   RecordingCallbacks callbacks_;
   std::unique_ptr<OverlayClient> client_;
   std::shared_ptr<streamloft::Browser> browser_;
@@ -275,31 +294,6 @@ class SelfDestroyingHost : public RecordingCallbacks {
 
  private:
   std::string at_;
-};
-
-class OverlayClientLifetimeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/slf-client-test-XXXXXX";
-    dir_ = mkdtemp(pattern);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-  // A stand-in service for one host, and that host's client.
-  std::unique_ptr<OverlayClient> Connect(RecordingCallbacks& host) {
-    service_ = std::make_unique<FakeOverlayService>(dir_ + "/overlay-" + std::to_string(++services_) + ".sock");
-    streamloft::ConnectOptions options;
-    options.socketPath = service_->socketPath();
-    options.startOnDemand = false;
-    streamloft::Error error;
-    auto client = OverlayClient::Connect(host.Options(options), &error);
-    EXPECT_TRUE(client) << error.message;
-    EXPECT_TRUE(service_->waitForHost());
-    return client;
-  }
-
-  std::string dir_;
-  int services_ = 0;
-  std::unique_ptr<FakeOverlayService> service_;
 };
 
 TEST_F(OverlayClientLifetimeTest, DestroyedInsideItsOwnCallbackTheClientEndsWithoutCallingBack) {
