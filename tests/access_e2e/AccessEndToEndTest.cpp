@@ -5,11 +5,7 @@
 // late settings answer while the other probes the internal scheme for it,
 // loads and paints. The pages report what they saw by asking for a refused
 // file URL, which the service logs as blocked.
-#include <algorithm>
-#include <condition_variable>
-#include <map>
-#include <mutex>
-
+#include "tests/support/RecordingCallbacks.h"
 #include "tests/support/ServiceProcess.h"
 
 using namespace slftest;
@@ -19,76 +15,19 @@ namespace {
 const std::string kSvg = "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"4\" height=\"4\"><rect width=\"4\" "
                          "height=\"4\" fill=\"blue\"/></svg>";
 
-// Answers every settings request with `settings` at once, except those of
-// the held browser, which the test answers; counts each browser's frames.
-class SettingsHost : public streamloft::BrowserEvents {
-public:
-    explicit SettingsHost(std::string settings) : settings_(std::move(settings)) {}
-    void BrowserDidStart(streamloft::Browser&, int id) override
+// Each settings request answered at once with `settings`, except the held
+// browser's; frames counted, not kept.
+struct SettingsHost : RecordingCallbacks {
+    explicit SettingsHost(const std::string& text)
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        started_.push_back(id);
-        changed_.notify_all();
-    }
-    void BrowserReceivedVideoFrame(streamloft::Browser& browser, std::shared_ptr<const streamloft::VideoFrame>) override
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        ++frames_[browser.ID()];
-    }
-    void RequestSettingsDataForBrowser(streamloft::Browser& browser) override
-    {
-        std::unique_lock<std::mutex> guard(lock_);
-        requestedFor_.push_back(browser.ID());
-        changed_.notify_all();
-        if (browser.ID() == heldBrowser_)
-            return;
-        guard.unlock();
-        Answer(browser, settings_);
-    }
-    void Answer(streamloft::Browser& browser, const std::string& text)
-    {
-        browser.UpdateSettingsData({text.begin(), text.end()}, [](const std::optional<streamloft::Error>& error) {
-            if (error)
-                ADD_FAILURE() << "UpdateSettingsData: " << error->Describe();
-        });
-    }
-    std::shared_ptr<streamloft::BrowserEvents> events() { return {std::shared_ptr<void>(), this}; }
-    // The ID of the count-th browser that started (waiting up to 30 s), or -1.
-    int WaitForStart(size_t count)
-    {
-        std::unique_lock<std::mutex> guard(lock_);
-        changed_.wait_for(guard, 30s, [&] { return started_.size() >= count; });
-        return started_.size() >= count ? started_[count - 1] : -1;
-    }
-    bool WaitForRequestFrom(int id)
-    {
-        std::unique_lock<std::mutex> guard(lock_);
-        return changed_.wait_for(
-            guard, 30s, [&] { return std::find(requestedFor_.begin(), requestedFor_.end(), id) != requestedFor_.end(); });
-    }
-    void Hold(int id)
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        heldBrowser_ = id;
+        settings = text;
+        keepFrames = false;
     }
     int Frames(int id)
     {
-        std::lock_guard<std::mutex> guard(lock_);
-        return frames_[id];
+        const auto events = Events();
+        return int(std::count(events.begin(), events.end(), "frame " + std::to_string(id)));
     }
-    std::vector<int> RequestedFor()
-    {
-        std::lock_guard<std::mutex> guard(lock_);
-        return requestedFor_;
-    }
-
-private:
-    const std::string settings_;
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::vector<int> started_, requestedFor_;
-    std::map<int, int> frames_;
-    int heldBrowser_ = -1;
 };
 
 // The first line of `text` that contains `needle`, or "".
@@ -133,7 +72,7 @@ TEST_F(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheH
     ASSERT_TRUE(client);
     const std::string url = Permitted() + "access_policy.html?empty=" + dir_ + "/empty.txt";
     auto browser = client->OpenBrowser({url, 64, 64, 30, {Permitted()}}, host.events());
-    const int id = host.WaitForStart(1);
+    const int id = Id(host.WaitFor("start ", 30s));
     ASSERT_GT(id, 0) << "no browser started";
 
     const std::string report = WaitForLogLine("Blocked URL file:///slf-access-report/", 60s);
@@ -145,7 +84,8 @@ TEST_F(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheH
     EXPECT_NE(FindLine(text, "Blocked URL file://" + dir_ + "/secret/blocked.svg [("), "") << text;
     EXPECT_NE(text.find("\"" + Permitted() + "\""), std::string::npos);
     EXPECT_EQ(FindLine(text, "allowed.svg"), "");
-    EXPECT_EQ(host.RequestedFor(), std::vector<int>{id});
+    EXPECT_EQ(host.WaitFor("settings-asked ", 0ms), "settings-asked " + std::to_string(id));
+    EXPECT_EQ(host.WaitFor("settings-asked ", 0ms, 2), "");
 }
 
 // The victim's settings answer is held back until the prober has reported
@@ -163,14 +103,14 @@ TEST_F(AccessEndToEnd, ABrowserWaitingForSettingsHoldsUpNoNeighbourAndLeaksNothi
     // nothing: its refused image stays refused.
     auto victimBrowser =
         client->OpenBrowser({Permitted() + "isolation_victim.html", 64, 64, 30, {"", Permitted()}}, host.events());
-    const int victim = host.WaitForStart(1);
+    const int victim = Id(host.WaitFor("start ", 30s));
     ASSERT_GT(victim, 0);
-    host.Hold(victim);
-    ASSERT_TRUE(host.WaitForRequestFrom(victim)) << Log();
+    host.heldBrowser = victim;
+    ASSERT_NE(host.WaitFor("settings-asked " + std::to_string(victim), 30s), "") << Log();
 
     auto proberBrowser =
         client->OpenBrowser({Permitted() + "isolation_prober.html", 64, 64, 30, {Permitted()}}, host.events());
-    const int prober = host.WaitForStart(2);
+    const int prober = Id(host.WaitFor("start ", 30s, 2));
     ASSERT_GT(prober, 0);
     const std::string proberReport = WaitForLogLine("Blocked URL file:///slf-prober-report/", 60s);
     const int proberFramesWhileVictimWaited = host.Frames(prober);

@@ -5,7 +5,6 @@
 #include <glib.h>
 
 #include <set>
-#include <sstream>
 
 #include "tests/support/RecordingCallbacks.h"
 #include "tests/support/ServiceProcess.h"
@@ -16,14 +15,8 @@ using namespace slftest;
 namespace {
 
 pid_t ParentOf(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  std::getline(stat, line);
-  std::istringstream rest(line.substr(line.rfind(')') + 2));
-  char state = 0;
-  pid_t parent = -1;
-  rest >> state >> parent;
-  return parent;
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  return std::atoi(stat.c_str() + stat.rfind(')') + 4);  // after ") S "
 }
 
 class BrowserHandleTest : public ServiceTest {

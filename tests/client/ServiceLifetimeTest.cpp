@@ -21,18 +21,12 @@ bool Answers(OverlayClient& client) {
   return probe.WaitFor("failed", 10s).rfind("failed invalid-url", 0) == 0;
 }
 
-size_t CountEntries(const std::string& folder) {
-  size_t count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator(folder, error); !error && it != decltype(it)(); it.increment(error))
-    ++count;
-  return count;
-}
-
-// What a service process holds: descriptors, threads, and of the descriptors
+// What a service process holds: descriptors (and their targets, "socket:[123]",
+// "/memfd:...", paths, for failure messages), threads, and of the descriptors
 // and mappings those of frames (memfd surfaces) and audio pools (segments).
 struct Holdings {
   size_t descriptors = 0, threads = 0, surfaces = 0, audioSegments = 0;
+  std::string targets;
   std::string Describe() const {
     return std::to_string(descriptors) + " descriptors, " + std::to_string(threads) + " threads, " +
            std::to_string(surfaces) + " surface descriptors, " + std::to_string(audioSegments) +
@@ -43,32 +37,20 @@ struct Holdings {
 Holdings ReadHoldings(pid_t pid) {
   const std::string proc = "/proc/" + std::to_string(pid);
   Holdings h;
-  h.threads = CountEntries(proc + "/task");
   std::error_code error;
+  for (auto it = std::filesystem::directory_iterator(proc + "/task", error); !error && it != decltype(it)();
+       it.increment(error))
+    ++h.threads;
   for (auto it = std::filesystem::directory_iterator(proc + "/fd", error); !error && it != decltype(it)();
        it.increment(error)) {
     ++h.descriptors;
     std::error_code linkError;
     const std::string target = std::filesystem::read_symlink(it->path(), linkError).string();
     if (target.rfind("/memfd:", 0) == 0 && target.find("slf-surface") != std::string::npos) ++h.surfaces;
+    h.targets += "  " + it->path().filename().string() + " -> " + target + "\n";
   }
-  std::ifstream maps(proc + "/maps");
-  for (std::string line; std::getline(maps, line);)
-    if (line.find("/dev/shm/NVKXPCABN_") != std::string::npos) ++h.audioSegments;
+  h.audioSegments = AudioSegmentsMappedBy(pid).size();
   return h;
-}
-
-// The descriptors' targets ("socket:[123]", "/memfd:...", paths), one a
-// line, for failure messages.
-std::string DescribeDescriptors(pid_t pid) {
-  std::string text;
-  const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator(folder, error); !error && it != decltype(it)(); it.increment(error)) {
-    std::error_code linkError;
-    text += "  " + it->path().filename().string() + " -> " + std::filesystem::read_symlink(it->path(), linkError).string() + "\n";
-  }
-  return text;
 }
 
 // Waits (bounded) until the service holds no more than `limit` of anything;
@@ -173,10 +155,10 @@ TEST_F(ServiceLifetimeTest, ManyHostConnectionsLeaveNothingBehind) {
   // own now and then (timers, its memory monitor); what one connection
   // leaves behind would show up 20 to 60 times over.
   constexpr size_t kSlack = 2;
-  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0});
+  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0, {}});
   EXPECT_LE(after.descriptors, before.descriptors + kSlack) << "before: " << before.Describe() << "; after " << kSessions
                                                    << " host sessions: " << after.Describe() << "\n"
-                                                   << DescribeDescriptors(service);
+                                                   << after.targets;
   EXPECT_LE(after.threads, before.threads + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
 }
 
@@ -219,7 +201,7 @@ TEST_F(ServiceLifetimeTest, AHostKilledWhileHoldingFramesAndAudioGivesEverything
 
   // The same slack as above for what the engine opens on its own.
   constexpr size_t kSlack = 2;
-  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0});
+  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0, {}});
   EXPECT_EQ(after.surfaces, 0u) << after.Describe();
   EXPECT_EQ(after.audioSegments, 0u) << after.Describe();
   EXPECT_LE(after.descriptors, before.descriptors + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
