@@ -233,10 +233,7 @@ TEST_F(OverlayClientProtocolTest, AudioBuffersAreReadFromSharedMemoryReturnedWhe
   // A stopped stream's buffer and a hostile pool record: answered at once,
   // and reported to the host's diagnostics (also the audio transport's own
   // line), never to standard error.
-  char stderrPattern[] = "/tmp/slf-client-stderr-XXXXXX";
-  const int captured = mkstemp(stderrPattern);
-  const int savedStderr = dup(STDERR_FILENO);
-  dup2(captured, STDERR_FILENO);
+  testing::internal::CaptureStderr();
   auto stopped = service_->callHost("BrowserDidReceiveAudioStream", AudioCall(3, slot->encodeRecord()));
   auto badPool = service_->callHost("BrowserWillStartAudioStream",
                                     g_variant_new_parsed("(7, 4, {'NVKShmemName': <'not-a-segment'>})"));
@@ -244,11 +241,7 @@ TEST_F(OverlayClientProtocolTest, AudioBuffersAreReadFromSharedMemoryReturnedWhe
   for (auto token : {stopped, badPool, afterBadPool}) EXPECT_TRUE(service_->waitForReply(token));
   EXPECT_NE(callbacks_.WaitFor("problem the pool of audio stream 4"), "");
   EXPECT_NE(callbacks_.WaitFor("problem NVKXPCAudioBufferPool initWithRecord - Refused a pool record"), "");
-  dup2(savedStderr, STDERR_FILENO);
-  close(savedStderr);
-  EXPECT_EQ(lseek(captured, 0, SEEK_END), 0) << "the library wrote to standard error";
-  close(captured);
-  unlink(stderrPattern);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "the library wrote to standard error";
   EXPECT_EQ(callbacks_.WaitFor("audio-buffer", 100ms, 2), "");
 }
 

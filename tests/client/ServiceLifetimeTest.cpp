@@ -288,10 +288,8 @@ TEST_F(ServiceLifetimeTest, HostsConnectingWhileTheServiceEndsAlwaysGetALiveConn
   std::set<pid_t> seen;
   for (int i = 0; i < 8; ++i) {
     RecordingCallbacks host;
-    streamloft::ConnectOptions options;
-    options.socketPath = socket_;
+    streamloft::ConnectOptions options = Options();
     options.helperPath = wrapper;
-    options.startTimeout = 20s;
     streamloft::Error error;
     auto client = OverlayClient::Connect(host.Options(options), &error);
     ASSERT_TRUE(client) << "round " << i << ": " << error.message;
