@@ -49,9 +49,15 @@ endif()
 # registers its cases with CTest. LABELS: "unit" runs everywhere (also under
 # the sanitizers), "integration" needs the real service and engine.
 # TEST_FILTER (a GoogleTest filter) keeps cases out of CTest, such as the body
-# of a child process that a test starts.
+# of a child process that a test starts. SERVICE: the test runs the real
+# service (tests/support/ServiceProcess.h): it is an integration test and
+# gets the service's and the test pages' paths. RESOURCE_LOCK: a CTest
+# resource its cases hold.
 function(slf_add_test name)
-  cmake_parse_arguments(T "" "LABEL;TIMEOUT;TEST_FILTER" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "SERVICE" "LABEL;TIMEOUT;TEST_FILTER;RESOURCE_LOCK" "SOURCES;LIBS" ${ARGN})
+  if(T_SERVICE AND NOT T_LABEL)
+    set(T_LABEL integration)
+  endif()
   if(NOT T_LABEL)
     set(T_LABEL unit)
   endif()
@@ -60,11 +66,22 @@ function(slf_add_test name)
   endif()
   add_executable(${name} ${T_SOURCES})
   target_link_libraries(${name} PRIVATE ${T_LIBS} GTest::gtest GTest::gmock GTest::gtest_main slf_warnings)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
+  if(T_SERVICE)
+    target_compile_definitions(${name} PRIVATE
+      SLF_TEST_HELPER_PATH="$<TARGET_FILE:StreamloftCEFOverlayHelper>"
+      SLF_TEST_PAGES_DIR="${PROJECT_SOURCE_DIR}/tests/pages")
+    add_dependencies(${name} StreamloftCEFOverlayHelper)
+  endif()
   if(NOT T_TEST_FILTER)
     set(T_TEST_FILTER "*")
   endif()
+  set(lock)
+  if(T_RESOURCE_LOCK)
+    set(lock RESOURCE_LOCK ${T_RESOURCE_LOCK})
+  endif()
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_FILTER ${T_TEST_FILTER}
-                       PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT})
+                       PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT} ${lock})
 endfunction()
 
 # The second engine port, over WebKitGTK: built only when asked for (it needs

@@ -3,83 +3,31 @@
 // drop, typed errors, requests from inside callbacks, and events dispatched
 // on a host's own main context.
 #include <glib.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iostream>
 #include <set>
-#include <sstream>
-#include <thread>
 
-#include "streamloft/OverlayClient.h"
-#include "tests/client/RecordingCallbacks.h"
+#include "tests/support/RecordingCallbacks.h"
+#include "tests/support/ServiceProcess.h"
 
-using namespace std::chrono_literals;
 using streamloft::OverlayClient;
+using namespace slftest;
 
 namespace {
 
-const std::string kHelper = SLF_TEST_HELPER_PATH;
-const std::string kPages = SLF_TEST_PAGES_DIR;
-
-int Id(const std::string& event) { return event.empty() ? 0 : std::atoi(event.c_str() + event.rfind(' ') + 1); }
-
-bool ProcessIsGone(pid_t pid) { return kill(pid, 0) != 0 && errno == ESRCH; }
-
 pid_t ParentOf(pid_t pid) {
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  std::getline(stat, line);
-  std::istringstream rest(line.substr(line.rfind(')') + 2));
-  char state = 0;
-  pid_t parent = -1;
-  rest >> state >> parent;
-  return parent;
+  const std::string stat = ReadFile("/proc/" + std::to_string(pid) + "/stat");
+  return std::atoi(stat.c_str() + stat.rfind(')') + 4);  // after ") S "
 }
 
-template <class Predicate>
-bool WaitUntil(Predicate done, std::chrono::milliseconds bound) {
-  for (auto deadline = std::chrono::steady_clock::now() + bound; !done();) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(50ms);
-  }
-  return true;
-}
-
-class BrowserHandleTest : public ::testing::Test {
+class BrowserHandleTest : public ServiceTest {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/slf-handle-test-XXXXXX";
-    dir_ = mkdtemp(pattern);
-    socket_ = dir_ + "/overlay-helper.sock";
-  }
-  void TearDown() override {
-    if (service_ > 0) {
-      kill(service_, SIGTERM);
-      if (!WaitUntil([&] { return ProcessIsGone(service_); }, 10s)) kill(service_, SIGKILL);
-    }
-    std::ifstream log(socket_ + ".log");
-    if (HasFailure() && log) std::cout << "---- service log ----\n" << log.rdbuf() << "\n";
-    std::filesystem::remove_all(dir_);
-  }
-
   std::unique_ptr<OverlayClient> Connect(RecordingCallbacks& host, GMainContext* context = nullptr) {
-    streamloft::ConnectOptions options;
-    options.socketPath = socket_;
-    options.helperPath = kHelper;
-    options.startTimeout = 20s;
+    streamloft::ConnectOptions options = host.Options(Options());
     options.context = context;
-    streamloft::Error error;
-    auto client = OverlayClient::Connect(host.Options(options), &error);
-    EXPECT_TRUE(client) << error.message;
-    if (client && client->StartedService()) service_ = client->ServiceProcessID();
-    return client;
+    return ServiceTest::Connect(options);
   }
-  streamloft::BrowserOptions Page(const std::string& page = "client_overlay.html") const {
-    return {"file://" + kPages + "/" + page, 160, 90, 30, {"file://" + kPages + "/"}};
+  static streamloft::BrowserOptions Page(const std::string& page = "client_overlay.html") {
+    return slftest::Page(page, 160, 90);
   }
   // Whether the service has no browser with this ID any more: a request for
   // it from another connection is logged as naming no browser.
@@ -94,15 +42,10 @@ class BrowserHandleTest : public ::testing::Test {
                                 std::to_string(id) + " 10 10";
           g_spawn_command_line_sync(command.c_str(), &out, nullptr, nullptr, nullptr);
           g_free(out);
-          std::ifstream log(socket_ + ".log");
-          std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
-          return text.find(line) != std::string::npos;
+          return Log().find(line) != std::string::npos;
         },
         20s);
   }
-
-  std::string dir_, socket_;
-  pid_t service_ = -1;
 };
 
 TEST_F(BrowserHandleTest, TwoHandlesOnOneClientGetTheirOwnEventsAndDroppingOneClosesItsBrowser) {
@@ -158,10 +101,8 @@ TEST_F(BrowserHandleTest, AServiceThatCannotRunOrEndsAtOnceIsReported) {
     std::filesystem::permissions(path, std::filesystem::perms::owner_all);
   for (const auto& [helper, expected] : {std::make_pair(broken, "cannot start the overlay service '" + broken + "': "),
                                          std::make_pair(quitting, "ended 8 times before it answered at " + socket_)}) {
-    streamloft::ConnectOptions options;
-    options.socketPath = socket_;
+    streamloft::ConnectOptions options = Options();
     options.helperPath = helper;
-    options.startTimeout = 20s;
     streamloft::Error error;
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_FALSE(OverlayClient::Connect(options, &error));
@@ -176,7 +117,7 @@ TEST_F(BrowserHandleTest, RefusedRequestsGiveTypedErrors) {
   auto overlay = Connect(client);
   ASSERT_TRUE(overlay);
   auto a = overlay->OpenBrowser({"not a url", 64, 64, 30, {}}, badURL.events());
-  auto b = overlay->OpenBrowser({"file://" + kPages + "/client_overlay.html", -5, 64, 30, {}}, badSize.events());
+  auto b = overlay->OpenBrowser({PageURL("client_overlay.html"), -5, 64, 30, {}}, badSize.events());
   EXPECT_EQ(badURL.WaitFor("failed ", 30s).rfind("failed invalid-url ", 0), 0u) << badURL.WaitFor("failed ", 0ms);
   EXPECT_NE(badURL.WaitFor("failed ", 0ms).find("(com.streamloft.Error.InvalidURL)"), std::string::npos);
   EXPECT_EQ(badSize.WaitFor("failed ", 30s).rfind("failed invalid-argument ", 0), 0u) << badSize.WaitFor("failed ", 0ms);

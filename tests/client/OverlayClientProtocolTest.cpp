@@ -15,7 +15,7 @@
 #include "audio_transport/NVKXPCAudioBufferPool.h"
 #include "streamloft/OverlayClient.h"
 #include "tests/client/FakeOverlayService.h"
-#include "tests/client/RecordingCallbacks.h"
+#include "tests/support/RecordingCallbacks.h"
 
 using namespace std::chrono_literals;
 using streamloft::AudioBuffer;
@@ -51,33 +51,52 @@ GVariant* FrameCall(uint64_t width, uint64_t height, uint64_t stride, uint64_t i
 
 GVariant* AudioCall(int stream, GVariant* record) { return g_variant_new("(ii@a{sv})", 7, stream, record); }
 
-class OverlayClientProtocolTest : public ::testing::Test {
+// A stand-in service for each host that connects (the latest in service_).
+class OverlayClientLifetimeTest : public ::testing::Test {
  protected:
   void SetUp() override {
     char pattern[] = "/tmp/slf-client-test-XXXXXX";
     dir_ = mkdtemp(pattern);
-    service_ = std::make_unique<FakeOverlayService>(dir_ + "/overlay.sock");
+  }
+  void TearDown() override {
+    service_.reset();
+    std::filesystem::remove_all(dir_);
+  }
+  std::unique_ptr<OverlayClient> Connect(RecordingCallbacks& host) {
+    service_ = std::make_unique<FakeOverlayService>(dir_ + "/overlay-" + std::to_string(++services_) + ".sock");
     streamloft::ConnectOptions options;
     options.socketPath = service_->socketPath();
     options.startOnDemand = false;
     streamloft::Error error;
-    client_ = OverlayClient::Connect(callbacks_.Options(options), &error);
-    ASSERT_TRUE(client_) << error.message;
-    ASSERT_TRUE(service_->waitForHost());
+    auto client = OverlayClient::Connect(host.Options(options), &error);
+    EXPECT_TRUE(client) << error.message;
+    EXPECT_TRUE(service_->waitForHost());
+    return client;
+  }
+
+  std::string dir_;
+  int services_ = 0;
+  std::unique_ptr<FakeOverlayService> service_;
+};
+
+// One host connected from the start.
+class OverlayClientProtocolTest : public OverlayClientLifetimeTest {
+ protected:
+  void SetUp() override {
+    OverlayClientLifetimeTest::SetUp();
+    client_ = Connect(callbacks_);
+    ASSERT_TRUE(client_);
   }
   void TearDown() override {
     browser_.reset();
     client_.reset();
-    service_.reset();
-    std::filesystem::remove_all(dir_);
+    OverlayClientLifetimeTest::TearDown();
   }
   void Open() {
     browser_ = client_->OpenBrowser({"https://example.org/", 640, 360, 30, {}}, callbacks_.events());
     ASSERT_EQ(callbacks_.WaitFor("start "), "start 7");
   }
 
-  std::string dir_;
-  std::unique_ptr<FakeOverlayService> service_;
   RecordingCallbacks callbacks_;
   std::unique_ptr<OverlayClient> client_;
   std::shared_ptr<streamloft::Browser> browser_;
@@ -214,10 +233,7 @@ TEST_F(OverlayClientProtocolTest, AudioBuffersAreReadFromSharedMemoryReturnedWhe
   // A stopped stream's buffer and a hostile pool record: answered at once,
   // and reported to the host's diagnostics (also the audio transport's own
   // line), never to standard error.
-  char stderrPattern[] = "/tmp/slf-client-stderr-XXXXXX";
-  const int captured = mkstemp(stderrPattern);
-  const int savedStderr = dup(STDERR_FILENO);
-  dup2(captured, STDERR_FILENO);
+  testing::internal::CaptureStderr();
   auto stopped = service_->callHost("BrowserDidReceiveAudioStream", AudioCall(3, slot->encodeRecord()));
   auto badPool = service_->callHost("BrowserWillStartAudioStream",
                                     g_variant_new_parsed("(7, 4, {'NVKShmemName': <'not-a-segment'>})"));
@@ -225,11 +241,7 @@ TEST_F(OverlayClientProtocolTest, AudioBuffersAreReadFromSharedMemoryReturnedWhe
   for (auto token : {stopped, badPool, afterBadPool}) EXPECT_TRUE(service_->waitForReply(token));
   EXPECT_NE(callbacks_.WaitFor("problem the pool of audio stream 4"), "");
   EXPECT_NE(callbacks_.WaitFor("problem NVKXPCAudioBufferPool initWithRecord - Refused a pool record"), "");
-  dup2(savedStderr, STDERR_FILENO);
-  close(savedStderr);
-  EXPECT_EQ(lseek(captured, 0, SEEK_END), 0) << "the library wrote to standard error";
-  close(captured);
-  unlink(stderrPattern);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "") << "the library wrote to standard error";
   EXPECT_EQ(callbacks_.WaitFor("audio-buffer", 100ms, 2), "");
 }
 
@@ -275,31 +287,6 @@ class SelfDestroyingHost : public RecordingCallbacks {
 
  private:
   std::string at_;
-};
-
-class OverlayClientLifetimeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/slf-client-test-XXXXXX";
-    dir_ = mkdtemp(pattern);
-  }
-  void TearDown() override { std::filesystem::remove_all(dir_); }
-  // A stand-in service for one host, and that host's client.
-  std::unique_ptr<OverlayClient> Connect(RecordingCallbacks& host) {
-    service_ = std::make_unique<FakeOverlayService>(dir_ + "/overlay-" + std::to_string(++services_) + ".sock");
-    streamloft::ConnectOptions options;
-    options.socketPath = service_->socketPath();
-    options.startOnDemand = false;
-    streamloft::Error error;
-    auto client = OverlayClient::Connect(host.Options(options), &error);
-    EXPECT_TRUE(client) << error.message;
-    EXPECT_TRUE(service_->waitForHost());
-    return client;
-  }
-
-  std::string dir_;
-  int services_ = 0;
-  std::unique_ptr<FakeOverlayService> service_;
 };
 
 TEST_F(OverlayClientLifetimeTest, DestroyedInsideItsOwnCallbackTheClientEndsWithoutCallingBack) {

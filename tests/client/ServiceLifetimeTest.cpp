@@ -2,31 +2,16 @@
 // engine), hosts that are killed while they hold frames and audio slots, and
 // the service's idle exit and restart.
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iostream>
-#include <set>
-#include <thread>
+#include "tests/support/RecordingCallbacks.h"
+#include "tests/support/ServiceProcess.h"
 
-#include "streamloft/OverlayClient.h"
-#include "tests/client/RecordingCallbacks.h"
-
-using namespace std::chrono_literals;
 using streamloft::OverlayClient;
+using namespace slftest;
 
 namespace {
-
-const std::string kHelper = SLF_TEST_HELPER_PATH;
-const std::string kPages = SLF_TEST_PAGES_DIR;
 
 // Whether the service answers the client: a URL that does not parse is
 // refused with its typed error (and changes nothing in the service).
@@ -36,20 +21,12 @@ bool Answers(OverlayClient& client) {
   return probe.WaitFor("failed", 10s).rfind("failed invalid-url", 0) == 0;
 }
 
-int Id(const std::string& event) { return event.empty() ? 0 : std::atoi(event.c_str() + event.rfind(' ') + 1); }
-
-size_t CountEntries(const std::string& folder) {
-  size_t count = 0;
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator(folder, error); !error && it != decltype(it)(); it.increment(error))
-    ++count;
-  return count;
-}
-
-// What a service process holds: descriptors, threads, and of the descriptors
+// What a service process holds: descriptors (and their targets, "socket:[123]",
+// "/memfd:...", paths, for failure messages), threads, and of the descriptors
 // and mappings those of frames (memfd surfaces) and audio pools (segments).
 struct Holdings {
   size_t descriptors = 0, threads = 0, surfaces = 0, audioSegments = 0;
+  std::string targets;
   std::string Describe() const {
     return std::to_string(descriptors) + " descriptors, " + std::to_string(threads) + " threads, " +
            std::to_string(surfaces) + " surface descriptors, " + std::to_string(audioSegments) +
@@ -60,32 +37,20 @@ struct Holdings {
 Holdings ReadHoldings(pid_t pid) {
   const std::string proc = "/proc/" + std::to_string(pid);
   Holdings h;
-  h.threads = CountEntries(proc + "/task");
   std::error_code error;
+  for (auto it = std::filesystem::directory_iterator(proc + "/task", error); !error && it != decltype(it)();
+       it.increment(error))
+    ++h.threads;
   for (auto it = std::filesystem::directory_iterator(proc + "/fd", error); !error && it != decltype(it)();
        it.increment(error)) {
     ++h.descriptors;
     std::error_code linkError;
     const std::string target = std::filesystem::read_symlink(it->path(), linkError).string();
     if (target.rfind("/memfd:", 0) == 0 && target.find("slf-surface") != std::string::npos) ++h.surfaces;
+    h.targets += "  " + it->path().filename().string() + " -> " + target + "\n";
   }
-  std::ifstream maps(proc + "/maps");
-  for (std::string line; std::getline(maps, line);)
-    if (line.find("/dev/shm/NVKXPCABN_") != std::string::npos) ++h.audioSegments;
+  h.audioSegments = AudioSegmentsMappedBy(pid).size();
   return h;
-}
-
-// The descriptors' targets ("socket:[123]", "/memfd:...", paths), one a
-// line, for failure messages.
-std::string DescribeDescriptors(pid_t pid) {
-  std::string text;
-  const std::string folder = "/proc/" + std::to_string(pid) + "/fd";
-  std::error_code error;
-  for (auto it = std::filesystem::directory_iterator(folder, error); !error && it != decltype(it)(); it.increment(error)) {
-    std::error_code linkError;
-    text += "  " + it->path().filename().string() + " -> " + std::filesystem::read_symlink(it->path(), linkError).string() + "\n";
-  }
-  return text;
 }
 
 // Waits (bounded) until the service holds no more than `limit` of anything;
@@ -121,65 +86,10 @@ Holdings Steady(pid_t pid) {
   return last;
 }
 
-// The audio segments a process has mapped: other tests running at the same
-// time make and remove segments of their own, so only these tell.
-std::set<std::string> AudioSegmentsMappedBy(pid_t pid) {
-  std::set<std::string> names;
-  std::ifstream maps("/proc/" + std::to_string(pid) + "/maps");
-  for (std::string line; std::getline(maps, line);) {
-    const auto at = line.find("/dev/shm/NVKXPCABN_");
-    if (at != std::string::npos) names.insert(line.substr(at + 9, line.find(' ', at) - at - 9));
-  }
-  return names;
-}
-
-bool ProcessIsGone(pid_t pid) {
-  if (kill(pid, 0) != 0) return errno == ESRCH;
-  std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-  std::string line;
-  std::getline(stat, line);
-  auto close = line.rfind(')');
-  return close != std::string::npos && close + 2 < line.size() && line[close + 2] == 'Z';
-}
-
-bool WaitUntil(const std::function<bool()>& condition, std::chrono::seconds bound) {
-  for (auto deadline = std::chrono::steady_clock::now() + bound; !condition();) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(20ms);
-  }
-  return true;
-}
-
-class ServiceLifetimeTest : public ::testing::Test {
+class ServiceLifetimeTest : public ServiceTest {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/slf-lifetime-test-XXXXXX";
-    dir_ = mkdtemp(pattern);
-    socket_ = dir_ + "/overlay-helper.sock";
-  }
-  void TearDown() override {
-    for (pid_t pid : services_) {
-      kill(pid, SIGTERM);
-      if (!WaitUntil([&] { return ProcessIsGone(pid); }, 10s)) kill(pid, SIGKILL);
-      waitpid(pid, nullptr, WNOHANG);
-    }
-    std::ifstream log(socket_ + ".log");
-    if (HasFailure() && log) std::cout << "---- service log ----\n" << log.rdbuf() << "\n";
-    std::filesystem::remove_all(dir_);
-  }
-
   std::unique_ptr<OverlayClient> Connect(RecordingCallbacks& host, bool startOnDemand = true) {
-    streamloft::ConnectOptions options;
-    options.socketPath = socket_;
-    options.helperPath = kHelper;
-    options.startOnDemand = startOnDemand;
-    options.startTimeout = 20s;
-    streamloft::Error error;
-    auto client = OverlayClient::Connect(host.Options(options), &error);
-    EXPECT_TRUE(client) << error.message;
-    if (client && client->StartedService() && client->ServiceProcessID() > 0)
-      services_.push_back(client->ServiceProcessID());
-    return client;
+    return ServiceTest::Connect(host.Options(Options(startOnDemand)));
   }
 
   // Starts the service itself with extra arguments; its log goes where a
@@ -202,7 +112,7 @@ class ServiceLifetimeTest : public ::testing::Test {
   // One host connection's life: `mode` 0 opens a browser and closes it, 1
   // opens one and goes away without closing (holding a frame), 2 never
   // opens one.
-  void HostSession(int mode, const std::string& url) {
+  void HostSession(int mode, const std::string& page) {
     RecordingCallbacks host;
     // Declared before the client, so that in mode 1 the client goes first
     // and the handle's close never leaves.
@@ -210,7 +120,7 @@ class ServiceLifetimeTest : public ::testing::Test {
     auto client = Connect(host, false);
     ASSERT_TRUE(client);
     if (mode == 2) return;
-    browser = client->OpenBrowser({url, 64, 48, 30, {"file://" + kPages + "/"}}, host.events());
+    browser = client->OpenBrowser(Page(page, 64, 48), host.events());
     const int id = Id(host.WaitFor("start ", 30s));
     ASSERT_GT(id, 0);
     if (mode == 1) {
@@ -221,9 +131,6 @@ class ServiceLifetimeTest : public ::testing::Test {
     EXPECT_EQ(host.WaitFor("close ", 10s), "close ok");
     EXPECT_EQ(Id(host.WaitFor("closed", 10s)), id);
   }
-
-  std::string dir_, socket_;
-  std::vector<pid_t> services_;
 };
 
 // Host connections of every kind come and go; afterwards the service holds
@@ -234,7 +141,7 @@ TEST_F(ServiceLifetimeTest, ManyHostConnectionsLeaveNothingBehind) {
   auto client = Connect(anchor);
   ASSERT_TRUE(client);
   const pid_t service = client->ServiceProcessID();
-  const std::string url = "file://" + kPages + "/client_overlay.html";
+  const std::string url = "client_overlay.html";
   // A first round of each kind warms the engine up (its threads, the web
   // process machinery), so that the baseline is the steady state.
   for (int mode = 0; mode < 3; ++mode) HostSession(mode, url);
@@ -248,14 +155,11 @@ TEST_F(ServiceLifetimeTest, ManyHostConnectionsLeaveNothingBehind) {
   // own now and then (timers, its memory monitor); what one connection
   // leaves behind would show up 20 to 60 times over.
   constexpr size_t kSlack = 2;
-  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0});
+  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0, {}});
   EXPECT_LE(after.descriptors, before.descriptors + kSlack) << "before: " << before.Describe() << "; after " << kSessions
                                                    << " host sessions: " << after.Describe() << "\n"
-                                                   << DescribeDescriptors(service);
+                                                   << after.targets;
   EXPECT_LE(after.threads, before.threads + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
-  // The service is whole: the anchor still gets a browser.
-  auto browser = client->OpenBrowser({url, 64, 48, 30, {"file://" + kPages + "/"}}, anchor.events());
-  EXPECT_GT(Id(anchor.WaitFor("start ", 30s)), 0);
 }
 
 // A host process that holds every frame and audio buffer it gets is killed:
@@ -266,7 +170,7 @@ TEST_F(ServiceLifetimeTest, AHostKilledWhileHoldingFramesAndAudioGivesEverything
   auto client = Connect(anchor);
   ASSERT_TRUE(client);
   const pid_t service = client->ServiceProcessID();
-  HostSession(0, "file://" + kPages + "/av_overlay.html");  // warms the engine and the audio path up
+  HostSession(0, "av_overlay.html");  // warms the engine and the audio path up
   ASSERT_FALSE(HasFailure());
   const Holdings before = Steady(service);
   ASSERT_EQ(before.surfaces + before.audioSegments, 0u) << before.Describe();
@@ -297,11 +201,19 @@ TEST_F(ServiceLifetimeTest, AHostKilledWhileHoldingFramesAndAudioGivesEverything
 
   // The same slack as above for what the engine opens on its own.
   constexpr size_t kSlack = 2;
-  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0});
+  const Holdings after = SettleTo(service, Holdings{before.descriptors + kSlack, before.threads + kSlack, 0, 0, {}});
   EXPECT_EQ(after.surfaces, 0u) << after.Describe();
   EXPECT_EQ(after.audioSegments, 0u) << after.Describe();
   EXPECT_LE(after.descriptors, before.descriptors + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
   EXPECT_LE(after.threads, before.threads + kSlack) << "before: " << before.Describe() << "; after: " << after.Describe();
+  // The service serves on: the anchor and a host that comes later get browsers.
+  auto browser = client->OpenBrowser(Page("client_overlay.html", 64, 48), anchor.events());
+  EXPECT_GT(Id(anchor.WaitFor("start ", 30s)), 0);
+  RecordingCallbacks late;
+  auto another = Connect(late);
+  ASSERT_TRUE(another);
+  EXPECT_EQ(another->ServiceProcessID(), service);
+  EXPECT_TRUE(Answers(*another));
 }
 
 // The body of the killed host above; skipped when run on its own. It holds
@@ -317,8 +229,7 @@ TEST(ServiceLifetimeChild, HoldFramesAndAudioUntilKilled) {
   options.startOnDemand = false;
   auto client = OverlayClient::Connect(options);
   if (!client) _exit(2);
-  auto browser =
-      client->OpenBrowser({"file://" + kPages + "/av_overlay.html", 64, 48, 60, {"file://" + kPages + "/"}}, host.events());
+  auto browser = client->OpenBrowser(Page("av_overlay.html", 64, 48, 60), host.events());
   if (host.WaitFor("frame ", 60s, 25).empty() || host.WaitFor("audio-buffer ", 60s, 10).empty()) _exit(4);
   const char ok = 1;
   if (write(atoi(readyFd), &ok, 1) != 1) _exit(5);
@@ -339,8 +250,7 @@ TEST_F(ServiceLifetimeTest, AnIdleServiceExitsAndTheNextConnectStartsAnother) {
     auto client = Connect(host, false);
     ASSERT_TRUE(client);
     EXPECT_EQ(client->ServiceProcessID(), idle);
-    auto browser =
-        client->OpenBrowser({"file://" + kPages + "/av_overlay.html", 64, 48, 30, {"file://" + kPages + "/"}}, host.events());
+    auto browser = client->OpenBrowser(Page("av_overlay.html", 64, 48), host.events());
     ASSERT_GT(Id(host.WaitFor("start ", 30s)), 0);
     ASSERT_NE(host.WaitFor("audio-buffer ", 30s), "");
     segments = AudioSegmentsMappedBy(idle);
@@ -355,18 +265,15 @@ TEST_F(ServiceLifetimeTest, AnIdleServiceExitsAndTheNextConnectStartsAnother) {
   EXPECT_FALSE(std::filesystem::exists(socket_));
   EXPECT_FALSE(std::filesystem::exists(socket_ + ".lock"));
   // The audio pool's segment was unlinked.
-  for (const std::string& name : segments) EXPECT_FALSE(std::filesystem::exists("/dev/shm/" + name)) << name;
-  std::ifstream log(socket_ + ".log");
-  std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
-  EXPECT_NE(text.find("No host connection for 2 s: the service ends"), std::string::npos) << text;
+  for (const std::string& path : segments) EXPECT_FALSE(std::filesystem::exists(path)) << path;
+  EXPECT_NE(Log().find("No host connection for 2 s: the service ends"), std::string::npos) << Log();
 
   RecordingCallbacks host;
   auto client = Connect(host);
   ASSERT_TRUE(client);
   EXPECT_TRUE(client->StartedService());
   EXPECT_NE(client->ServiceProcessID(), idle);
-  auto browser = client->OpenBrowser({"file://" + kPages + "/client_overlay.html", 64, 48, 30, {"file://" + kPages + "/"}},
-                                     host.events());
+  auto browser = client->OpenBrowser(Page("client_overlay.html", 64, 48), host.events());
   EXPECT_GT(Id(host.WaitFor("start ", 30s)), 0);
 }
 
@@ -381,10 +288,8 @@ TEST_F(ServiceLifetimeTest, HostsConnectingWhileTheServiceEndsAlwaysGetALiveConn
   std::set<pid_t> seen;
   for (int i = 0; i < 8; ++i) {
     RecordingCallbacks host;
-    streamloft::ConnectOptions options;
-    options.socketPath = socket_;
+    streamloft::ConnectOptions options = Options();
     options.helperPath = wrapper;
-    options.startTimeout = 20s;
     streamloft::Error error;
     auto client = OverlayClient::Connect(host.Options(options), &error);
     ASSERT_TRUE(client) << "round " << i << ": " << error.message;

@@ -330,7 +330,7 @@ TEST_F(BrowserClientResources, StopBrowserReturnsOnlyAfterTheBrowsersRunningCall
             stopReturned = true;
             delete service;
         });
-        EXPECT_FALSE(WaitUntil([&] { return stopReturned.load(); }, 1500))
+        EXPECT_FALSE(WaitUntil([&] { return stopReturned.load(); }, std::chrono::milliseconds(1500)))
             << "StopBrowser returned while a callback into the service side was running";
         release.set_value(); // the callback goes on
         serving.join();

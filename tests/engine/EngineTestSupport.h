@@ -3,6 +3,7 @@
 // main thread does) over the installed fake port.
 #pragma once
 
+#include "tests/support/Wait.h"
 #include "engine/CBrowserClient.h"
 #include "engine/CBrowserWrapper.h"
 #include "tests/engine/FakeEnginePort.h"
@@ -73,15 +74,6 @@ struct CallbackRecorder {
 inline double SecondsSince(std::chrono::steady_clock::time_point start)
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-inline bool WaitUntil(const std::function<bool()>& condition, int timeoutMs = 2000)
-{
-    for (const auto start = std::chrono::steady_clock::now(); !condition();
-         std::this_thread::sleep_for(std::chrono::milliseconds(1)))
-        if (SecondsSince(start) * 1000.0 > timeoutMs)
-            return false;
-    return true;
 }
 
 // A width x height BGRA image painted into the browser, as the engine does.

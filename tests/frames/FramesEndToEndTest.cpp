@@ -1,24 +1,14 @@
 // Frames from a real page through the started-on-demand service to the host library.
-#include "streamloft/OverlayClient.h"
-#include "tests/support/AwaitRequest.h"
-
-#include <gtest/gtest.h>
-
-#include <signal.h>
-
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
-#include <filesystem>
 #include <mutex>
-#include <thread>
-#include <vector>
 
-using namespace std::chrono_literals;
+#include "tests/support/AwaitRequest.h"
+#include "tests/support/ServiceProcess.h"
+
+using namespace slftest;
 
 namespace {
-
-const std::string kPages = SLF_TEST_PAGES_DIR;
 
 struct FrameHost : streamloft::BrowserEvents {
     void BrowserDidStart(streamloft::Browser&, int id) override
@@ -91,51 +81,28 @@ bool ShowsTheColourPage(const streamloft::VideoFrame& f, uint32_t width, uint32_
     return true;
 }
 
-// Stops the service the test started (it outlives its hosts) and removes its folder.
-struct ServiceCleanup {
-    std::string folder;
-    pid_t pid = -1;
-    ~ServiceCleanup()
-    {
-        if (pid > 0) {
-            kill(pid, SIGTERM);
-            for (int i = 0; i < 100 && kill(pid, 0) == 0; ++i)
-                std::this_thread::sleep_for(50ms);
-            if (kill(pid, 0) == 0)
-                kill(pid, SIGKILL);
-        }
-        std::filesystem::remove_all(folder);
-    }
-};
-
-class FramesEndToEnd : public ::testing::Test {
+class FramesEndToEnd : public ServiceTest {
 protected:
     void SetUp() override
     {
-        char folder[] = "/tmp/slf-frames-XXXXXX";
-        ASSERT_NE(mkdtemp(folder), nullptr);
-        cleanup.folder = folder;
-        streamloft::ConnectOptions options;
-        options.socketPath = cleanup.folder + "/overlay-helper.sock";
-        options.helperPath = SLF_TEST_HELPER_PATH;
-        options.startTimeout = 20s;
-        streamloft::Error error;
-        client = streamloft::OverlayClient::Connect(options, &error);
-        ASSERT_TRUE(client) << error.message;
-        ASSERT_TRUE(client->StartedService());
-        cleanup.pid = client->ServiceProcessID();
+        ServiceTest::SetUp();
+        client = Connect(Options());
+        ASSERT_TRUE(client);
+    }
+    void TearDown() override
+    {
+        browser.reset();
+        client.reset();
+        ServiceTest::TearDown();
     }
     void Open(const std::string& page, double width, double height)
     {
-        browser = client->OpenBrowser({"file://" + kPages + "/" + page, width, height, 30, {"file://" + kPages + "/"}},
+        browser = client->OpenBrowser(Page(page, width, height),
                                       std::shared_ptr<streamloft::BrowserEvents>(std::shared_ptr<void>(), &host));
         ASSERT_TRUE(host.WaitFor([&] { return host.browserID != -2; }, 60s));
         ASSERT_GE(host.browserID, 0);
     }
 
-    // Destroyed in reverse: the browser and the client first, then the host,
-    // then the service.
-    ServiceCleanup cleanup;
     FrameHost host;
     std::unique_ptr<streamloft::OverlayClient> client;
     std::shared_ptr<streamloft::Browser> browser;

@@ -2,26 +2,14 @@
 // on a socket in a temporary folder.
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
-#include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iostream>
-#include <string>
-#include <thread>
 
-#include "streamloft/OverlayClient.h"
+#include "tests/support/ServiceProcess.h"
 
-using namespace std::chrono_literals;
+using namespace slftest;
 
 namespace {
-
-const std::string kPages = SLF_TEST_PAGES_DIR;
 
 // Waits up to `seconds` for a message of `types` on the pipeline's bus
 // (null when none came); the caller unrefs it.
@@ -78,7 +66,7 @@ bool Pull(GstElement* sink, Sample& out, int seconds = 30) {
   return true;
 }
 
-class OverlaySrcTest : public ::testing::Test {
+class OverlaySrcTest : public ServiceTest {
  protected:
   static void SetUpTestSuite() {
     gst_init(nullptr, nullptr);
@@ -89,38 +77,20 @@ class OverlaySrcTest : public ::testing::Test {
   }
 
   void SetUp() override {
-    char pattern[] = "/tmp/slf-gst-test-XXXXXX";
-    dir_ = mkdtemp(pattern);
-    socket_ = dir_ + "/overlay-helper.sock";
-    setenv("SLF_OVERLAY_HELPER", SLF_TEST_HELPER_PATH, 1);
+    ServiceTest::SetUp();
+    setenv("SLF_OVERLAY_HELPER", kHelper.c_str(), 1);
   }
 
+  // The pipeline first; then the service the element started, found by its
+  // process ID, goes with the folder.
   void TearDown() override {
     if (pipeline_) {
       gst_element_set_state(pipeline_, GST_STATE_NULL);
       gst_object_unref(pipeline_);
     }
-    StopService();
-    std::ifstream log(socket_ + ".log");
-    if (HasFailure() && log) std::cout << "---- service log ----\n" << log.rdbuf() << "\n";
-    std::filesystem::remove_all(dir_);
-  }
-
-  // The service the element started, asked for its process ID and ended.
-  void StopService() {
-    streamloft::ConnectOptions options;
-    options.socketPath = socket_;
-    options.startOnDemand = false;
-    auto client = streamloft::OverlayClient::Connect(options);
-    if (!client) return;
-    pid_t pid = client->ServiceProcessID();
-    client.reset();
-    if (pid <= 0) return;
-    kill(pid, SIGTERM);
-    for (auto deadline = std::chrono::steady_clock::now() + 10s; kill(pid, 0) == 0;) {
-      if (std::chrono::steady_clock::now() > deadline) kill(pid, SIGKILL);
-      std::this_thread::sleep_for(20ms);
-    }
+    if (auto client = streamloft::OverlayClient::Connect(Options(false)))
+      services_.push_back(client->ServiceProcessID());
+    ServiceTest::TearDown();
   }
 
   GstElement* Launch(const std::string& description) {
@@ -138,10 +108,9 @@ class OverlaySrcTest : public ::testing::Test {
   }
 
   std::string Source(const std::string& page) {
-    return "slfoverlaysrc name=src location=file://" + kPages + "/" + page + " socket=" + socket_;
+    return "slfoverlaysrc name=src location=" + PageURL(page) + " socket=" + socket_;
   }
 
-  std::string dir_, socket_;
   GstElement* pipeline_ = nullptr;
 };
 
@@ -296,7 +265,7 @@ TEST_F(OverlaySrcTest, ABadLocationOrNoServicePostsAnErrorOfItsKind) {
 
   // Nothing answers and the service cannot be started: the start fails.
   setenv("SLF_OVERLAY_HELPER", "/nonexistent/StreamloftCEFOverlayHelper", 1);
-  ASSERT_TRUE(Launch("slfoverlaysrc location=file://" + kPages + "/client_overlay.html socket=" + dir_ +
+  ASSERT_TRUE(Launch("slfoverlaysrc location=" + PageURL("client_overlay.html") + " socket=" + dir_ +
                      "/none.sock ! fakesink"));
   EXPECT_EQ(gst_element_set_state(pipeline_, GST_STATE_PLAYING), GST_STATE_CHANGE_FAILURE);
   EXPECT_EQ(ErrorKind(pipeline_, 30), "service-unreachable");

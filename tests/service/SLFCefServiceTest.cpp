@@ -5,6 +5,7 @@
 #include "service/SLFCefXPCListener.h"
 #include "tests/engine/FakeEnginePort.h"
 #include "tests/support/DBusPeer.h"
+#include "tests/support/Wait.h"
 #include "tests/windows/TestMainLoop.h"
 #include "windows/SLFCefCallbackProxy.h"
 
@@ -23,15 +24,6 @@ using SLF_ChromiumEmbeddedFramework::FakeEnginePort;
 using SLF_ChromiumEmbeddedFramework::FakeHostCall;
 
 namespace {
-
-template <typename Condition>
-bool WaitFor(Condition condition)
-{
-    for (auto deadline = std::chrono::steady_clock::now() + 10s; !condition(); std::this_thread::sleep_for(2ms))
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-    return true;
-}
 
 // One main loop (the service's main thread) and one engine for the whole
 // binary, as in the service process.
@@ -178,41 +170,6 @@ TEST_F(ServiceFront, BadInputCreatesNothingAndTheServiceGoesOn)
     EXPECT_EQ(connections(), 1u);
 }
 
-TEST_F(ServiceFront, TwoConnectionsOpeningTheSameURLGetTwoBrowsers)
-{
-    TestHost first(address()), second(address());
-    guint32 opens[2];
-    std::thread other([&] { opens[1] = second.openBrowser(); });
-    opens[0] = first.openBrowser();
-    other.join();
-    int idA = first.waitForStart(), idB = second.waitForStart();
-    EXPECT_TRUE(idA >= 1 && idB >= 1 && idA != idB) << idA << " " << idB;
-    EXPECT_EQ(connections(), 2u);
-    EXPECT_FALSE(first.reply(opens[0]) || second.reply(opens[1]));
-}
-
-TEST_F(ServiceFront, CloseAnswersTheOpenRequestWithItsIDAfterTheStop)
-{
-    TestHost host(address());
-    auto open = host.openBrowser();
-    int id = host.waitForStart();
-    ASSERT_GE(id, 1);
-    // A resize reaches the engine truncated.
-    EXPECT_EQ(host.call("UpdateBrowserSize", g_variant_new("(idd)", id, 1279.9, 719.5)), "");
-    EXPECT_TRUE(WaitFor([&] { return gEnvironment->port->LastViewRect(id).width == 1279; }));
-    EXPECT_EQ(gEnvironment->port->LastViewRect(id).height, 719);
-    EXPECT_FALSE(host.reply(open));
-    EXPECT_EQ(CloseCalls(id), 0);
-
-    EXPECT_EQ(host.call("CloseBrowser", g_variant_new("(i)", id)), "");
-    EXPECT_EQ(host.waitForReply(open), std::to_string(id));
-    EXPECT_EQ(CloseCalls(id), 1);
-    // The connection is spent: its end stops nothing more.
-    host.close();
-    EXPECT_TRUE(WaitFor([&] { return connections() == 0; }));
-    EXPECT_EQ(CloseCalls(id), 1);
-}
-
 TEST_F(ServiceFront, AHostThatGoesWithoutClosingStopsItsBrowser)
 {
     TestHost host(address());
@@ -220,8 +177,8 @@ TEST_F(ServiceFront, AHostThatGoesWithoutClosingStopsItsBrowser)
     int id = host.waitForStart();
     ASSERT_GE(id, 1);
     host.close();
-    EXPECT_TRUE(WaitFor([&] { return CloseCalls(id) == 1; }));
-    EXPECT_TRUE(WaitFor([&] { return connections() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return CloseCalls(id) == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return connections() == 0; }));
 }
 
 TEST_F(ServiceFront, CallbacksToAGoneHostAreSilent)
@@ -239,6 +196,6 @@ TEST_F(ServiceFront, CallbacksToAGoneHostAreSilent)
     proxy->browserReceivedVideoFrame(1, fd, g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0), [&] { ++done; });
     close(fd);
     // The completions run (on the main loop) although nothing was delivered.
-    EXPECT_TRUE(WaitFor([&] { return done == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return done == 2; }));
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }

@@ -2,46 +2,15 @@
 // stream through a window representation write a line at each hop when the
 // modules' debug flag is set, and none when it is not (the default).
 #include "dbg/FlowLog.h"
+#include "tests/support/LogCapture.h"
 #include "windows/SLFCefWindowRepresentation.h"
 
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <string>
 #include <vector>
 
 namespace {
-
-struct LogCapture {
-    LogCapture()
-    {
-        dbgcommand("null");
-        dbgcommand("addtag");
-        dbgsetcallback(
-            [](void* self, int, const char* line, int length) {
-                auto* capture = static_cast<LogCapture*>(self);
-                std::lock_guard<std::mutex> guard(capture->mutex);
-                capture->text.append(line, static_cast<size_t>(length));
-            },
-            this);
-        dbgcommand("callback");
-        Take(); // the sink's own "using callback"
-    }
-    ~LogCapture()
-    {
-        dbgcommand("frames DBG:0");
-        dbgcommand("audio DBG:0");
-        dbgcommand("null");
-        dbgsetcallback(nullptr, nullptr);
-    }
-    std::string Take()
-    {
-        std::lock_guard<std::mutex> guard(mutex);
-        return std::move(text);
-    }
-    std::mutex mutex;
-    std::string text;
-};
 
 // One frame and one short audio stream to a receiver without a connection
 // (whose calls finish at once, as if the host had let go), and one of each
@@ -66,6 +35,7 @@ TEST(FlowLog, EveryHopWritesALineWithTheFlagAndNoneWithout)
     FramesLog_GetModuleIndex();
     AudioLog_GetModuleIndex();
     LogCapture capture;
+    dbgcommand("addtag");
     RunAFrameAndAnAudioStream();
     EXPECT_EQ(capture.Take(), "");
 
@@ -91,6 +61,8 @@ TEST(FlowLog, EveryHopWritesALineWithTheFlagAndNoneWithout)
     };
     for (const char* hop : hops)
         EXPECT_NE(lines.find(hop), std::string::npos) << "no line with \"" << hop << "\" in:\n" << lines;
+    dbgcommand("frames DBG:0");
+    dbgcommand("audio DBG:0");
 }
 
 } // namespace

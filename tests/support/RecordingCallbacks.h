@@ -22,7 +22,9 @@ class RecordingCallbacks : public streamloft::BrowserEvents {
 
   void BrowserDidStart(Browser&, int id) override { Add("start " + std::to_string(id)); }
   void BrowserReceivedVideoFrame(Browser& b, std::shared_ptr<const streamloft::VideoFrame> frame) override {
-    Add("frame " + std::to_string(b.ID()), [&] { frames.push_back(frame); });
+    Add("frame " + std::to_string(b.ID()), [&] {
+      if (keepFrames) frames.push_back(frame);
+    });
   }
   void BrowserWillStartAudioStream(Browser& b, int stream, const streamloft::AudioStreamFormat& f) override {
     Add("audio-start " + Ids(b.ID(), stream), [&] { format = f; });
@@ -33,14 +35,17 @@ class RecordingCallbacks : public streamloft::BrowserEvents {
     });
   }
   void BrowserWillStopAudioStream(Browser& b, int stream) override { Add("audio-stop " + Ids(b.ID(), stream)); }
-  // Answered from the event itself when `answerSettings` is set.
+  // Answered with `settings` from the event itself when `answerSettings` is
+  // set, except for the browser `heldBrowser`, which the test answers (Answer).
   void RequestSettingsDataForBrowser(Browser& b) override {
+    Add("settings-asked " + std::to_string(b.ID()));
+    if (answerSettings && b.ID() != heldBrowser) Answer(b, settings);
+  }
+  void Answer(Browser& b, const std::string& text) {
     const int id = b.ID();
-    Add("settings-asked " + std::to_string(id));
-    if (answerSettings)
-      b.UpdateSettingsData({'{', '}'}, [this, id](const std::optional<streamloft::Error>& error) {
-        Add("settings " + std::to_string(id) + (error ? " failed" : " answered"));
-      });
+    b.UpdateSettingsData({text.begin(), text.end()}, [this, id](const std::optional<streamloft::Error>& error) {
+      Add("settings " + std::to_string(id) + (error ? " failed" : " answered"));
+    });
   }
   void BrowserDidClose(Browser& b) override { Add("closed " + std::to_string(b.ID())); }
   void BrowserDidFail(Browser&, const streamloft::Error& e) override {
@@ -92,7 +97,9 @@ class RecordingCallbacks : public streamloft::BrowserEvents {
     return std::exchange(list, {});
   }
 
-  std::atomic<bool> answerSettings{true};
+  std::atomic<bool> answerSettings{true}, keepFrames{true};
+  std::atomic<int> heldBrowser{-1};
+  std::string settings = "{}";  // set before the browser opens
   std::mutex lock;
   std::condition_variable changed;
   std::vector<std::string> events_;
