@@ -19,8 +19,12 @@ constexpr int kReturnToPoolAssertLine = 164;
 
 // The buffer record, in the order it is written: three unsigned fields, the
 // three signed format fields, and the unsigned presentation time.
-constexpr const char* kRecordKeys[] = {"NVKShmemSize",    "NVKLength",       "NVKOffset",
-                                       "NVKSampleRate",   "NVKChannelCount", "NVKBitsPerSample",
+constexpr const char* kRecordKeys[] = {"NVKShmemSize",
+                                       "NVKLength",
+                                       "NVKOffset",
+                                       "NVKSampleRate",
+                                       "NVKChannelCount",
+                                       "NVKBitsPerSample",
                                        kNVKXPCAudioBufferPresentationTimeKey};
 constexpr int kRecordFields = 7;
 
@@ -95,9 +99,9 @@ void NVKXPCAudioBufferAssertionFailure(const char* method, const char* expressio
 }
 
 NVKXPCAudioBuffer::NVKXPCAudioBuffer(void* base, uint64_t offset, uint64_t capacity)
-    : m_mappedMemory(base)
-    , m_offset(offset)
-    , m_shmemSize(capacity)
+    : m_mappedMemory(base),
+      m_offset(offset),
+      m_shmemSize(capacity)
 {
 }
 
@@ -131,10 +135,10 @@ std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBuffer::initWithRecord(GVariant* r
     int64_t sampleRate = 0;
     int64_t channelCount = 0;
     int64_t bitsPerSample = 0;
-    if (!reader.readUnsigned("NVKShmemSize", &shmemSize) || !reader.readUnsigned("NVKLength", &length)
-        || !reader.readUnsigned("NVKOffset", &offset) || !reader.readSigned("NVKSampleRate", &sampleRate)
-        || !reader.readSigned("NVKChannelCount", &channelCount)
-        || !reader.readSigned("NVKBitsPerSample", &bitsPerSample)) {
+    if (!reader.readUnsigned("NVKShmemSize", &shmemSize) || !reader.readUnsigned("NVKLength", &length) ||
+        !reader.readUnsigned("NVKOffset", &offset) || !reader.readSigned("NVKSampleRate", &sampleRate) ||
+        !reader.readSigned("NVKChannelCount", &channelCount) ||
+        !reader.readSigned("NVKBitsPerSample", &bitsPerSample)) {
         NSLog("NVKXPCAudioBuffer initWithRecord - Refused a buffer record with a missing or mistyped key");
         return nullptr;
     }
@@ -193,7 +197,8 @@ void* NVKXPCAudioBuffer::mutableBytes() const
 void NVKXPCAudioBuffer::appendBytes(const void* source, uint64_t length)
 {
     if (hasReturnBlock())
-        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::appendBytes", "_returnBlock == nil", kAppendBytesAssertLine);
+        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::appendBytes", "_returnBlock == nil",
+                                          kAppendBytesAssertLine);
     uint64_t n = length;
     if (n > m_shmemSize - m_length)
         n = m_shmemSize - m_length;
@@ -206,7 +211,8 @@ void NVKXPCAudioBuffer::appendBytes(const void* source, uint64_t length)
 void NVKXPCAudioBuffer::appendData(std::span<const uint8_t> data)
 {
     if (hasReturnBlock())
-        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::appendData", "_returnBlock == nil", kAppendDataAssertLine);
+        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::appendData", "_returnBlock == nil",
+                                          kAppendDataAssertLine);
     uint64_t n = data.size();
     if (n > m_shmemSize - m_length)
         n = m_shmemSize - m_length;
@@ -219,7 +225,8 @@ void NVKXPCAudioBuffer::appendData(std::span<const uint8_t> data)
 void NVKXPCAudioBuffer::returnToPool()
 {
     if (hasReturnBlock())
-        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::returnToPool", "_returnBlock == nil", kReturnToPoolAssertLine);
+        NVKXPCAudioBufferAssertionFailure("NVKXPCAudioBuffer::returnToPool", "_returnBlock == nil",
+                                          kReturnToPoolAssertLine);
     std::shared_ptr<NVKXPCAudioBufferPool> pool = m_owningPool.lock();
     if (pool)
         pool->returnBuffer(shared_from_this());

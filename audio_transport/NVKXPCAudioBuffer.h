@@ -128,7 +128,7 @@ private:
     // Lock order: a leaf; guards m_returnBlock only and runs no code under it.
     mutable std::mutex m_returnBlockLock;
     ReturnBlock m_returnBlock;
-    std::atomic<bool> m_hasReturnBlock{false};
+    std::atomic<bool> m_hasReturnBlock {false};
     uint64_t m_length = 0;
     int64_t m_sampleRate = 0;
     int64_t m_channelCount = 0;

@@ -24,8 +24,8 @@ constexpr char kSegmentNamePrefix[] = "NVKXPCABN_";
 
 bool sizesAreAcceptable(uint64_t bufferSize, uint64_t count)
 {
-    return bufferSize > 0 && bufferSize <= kNVKXPCAudioBufferMaxSlotSize && count > 0
-        && count <= kNVKXPCAudioBufferMaxSlotCount;
+    return bufferSize > 0 && bufferSize <= kNVKXPCAudioBufferMaxSlotSize && count > 0 &&
+           count <= kNVKXPCAudioBufferMaxSlotCount;
 }
 
 // The memory of freed pools, oldest first, held back from the allocator so
@@ -126,10 +126,10 @@ void NVKXPCAudioBufferPool::operator delete(void* memory) noexcept
 }
 
 NVKXPCAudioBufferPool::NVKXPCAudioBufferPool(uint64_t bufferSize, uint64_t count)
-    : m_shmemSize(bufferSize * count)
-    , m_freeBuffers(static_cast<uint32_t>(count))
-    , m_maxNumBuffers(count)
-    , m_bufferSize(bufferSize)
+    : m_shmemSize(bufferSize * count),
+      m_freeBuffers(static_cast<uint32_t>(count)),
+      m_maxNumBuffers(count),
+      m_bufferSize(bufferSize)
 {
 }
 
@@ -229,11 +229,11 @@ std::shared_ptr<NVKXPCAudioBufferPool> NVKXPCAudioBufferPool::initWithRecord(GVa
     uint64_t bufferSize = 0;
     uint64_t count = 0;
     std::string name;
-    if (!reader.readSigned("NVKBufferSampleRate", &sampleRate)
-        || !reader.readSigned("NVKBufferChannelCount", &channelCount)
-        || !reader.readSigned("NVKBufferBitsPerSample", &bitsPerSample)
-        || !reader.readUnsigned("NVKBufferCapacity", &bufferSize) || !reader.readUnsigned("NVKMaxNumBuffers", &count)
-        || !reader.readString("NVKShmemName", &name)) {
+    if (!reader.readSigned("NVKBufferSampleRate", &sampleRate) ||
+        !reader.readSigned("NVKBufferChannelCount", &channelCount) ||
+        !reader.readSigned("NVKBufferBitsPerSample", &bitsPerSample) ||
+        !reader.readUnsigned("NVKBufferCapacity", &bufferSize) || !reader.readUnsigned("NVKMaxNumBuffers", &count) ||
+        !reader.readString("NVKShmemName", &name)) {
         NSLog("NVKXPCAudioBufferPool initWithRecord - Refused a pool record with a missing or mistyped key");
         return nullptr;
     }
@@ -332,8 +332,8 @@ NVKXPCAudioBufferPool::~NVKXPCAudioBufferPool()
 
 bool NVKXPCAudioBufferPool::ownsBuffer(const NVKXPCAudioBuffer& buffer) const
 {
-    return buffer.mappedMemory() == m_mappedMemory && buffer.offset() % m_bufferSize == 0
-        && buffer.offset() / m_bufferSize < m_maxNumBuffers;
+    return buffer.mappedMemory() == m_mappedMemory && buffer.offset() % m_bufferSize == 0 &&
+           buffer.offset() / m_bufferSize < m_maxNumBuffers;
 }
 
 std::shared_ptr<NVKXPCAudioBuffer> NVKXPCAudioBufferPool::bufferFromPool()

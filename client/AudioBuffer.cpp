@@ -14,6 +14,8 @@ AudioBuffer::AudioBuffer(const uint8_t* bytes, uint64_t length, uint64_t capacit
       channelCount_(channelCount),
       bitsPerSample_(bitsPerSample),
       keepAlive_(std::move(keepAlive)),
-      presentationTime_(presentationTime) {}
+      presentationTime_(presentationTime)
+{
+}
 
-}  // namespace streamloft
+} // namespace streamloft

@@ -26,8 +26,8 @@ std::string ServiceLogPath(const std::string& socketPath);
 // nothing of the host waits for it or reaps it. `watch` is a pidfd that
 // becomes readable when the service ends (-1 when the system has none).
 struct StartedService {
-  pid_t pid = -1;
-  int watch = -1;
+    pid_t pid = -1;
+    int watch = -1;
 };
 
 // Starts `executable` (with "--listen=PATH" when `listenPath` is not empty)
@@ -45,4 +45,4 @@ bool ServiceProcessHasEnded(const StartedService& service);
 // Lets go of the watch (the service runs on).
 void ForgetServiceProcess(StartedService* service);
 
-}  // namespace streamloft
+} // namespace streamloft

@@ -11,10 +11,14 @@ VideoFrame::VideoFrame(int browserID, const SurfaceProperties& properties, const
       pixels_(pixels),
       keepAlive_(std::move(keepAlive)),
       onRelease_(std::move(onRelease)),
-      receivedAt_(std::chrono::steady_clock::now()) {}
-
-VideoFrame::~VideoFrame() {
-  if (onRelease_) onRelease_();
+      receivedAt_(std::chrono::steady_clock::now())
+{
 }
 
-}  // namespace streamloft
+VideoFrame::~VideoFrame()
+{
+    if (onRelease_)
+        onRelease_();
+}
+
+} // namespace streamloft

@@ -24,7 +24,7 @@ DbgSyslogState g_syslog;
 DbgLogFileState g_logFile;
 char g_identity[1024];
 
-std::atomic<DbgSendFunction> g_sendFunction{nullptr};
+std::atomic<DbgSendFunction> g_sendFunction {nullptr};
 char* g_homeOverride = nullptr;
 
 // Leaf locks: each is taken only around (re)creating its sink's descriptor
@@ -160,12 +160,12 @@ void SendUdp(int level, const char* line, int length)
         if (localtime_r(&now, &local))
             strftime(stamp, sizeof stamp, "%b %d %H:%M:%S", &local);
         FormatCut(header, sizeof header, "<%d>%s %s %s[%d]: ", priority, stamp, g_syslog.localAddress,
-                 g_syslog.applicationName, static_cast<int>(getpid()));
+                  g_syslog.applicationName, static_cast<int>(getpid()));
         break;
     }
     default:
         FormatCut(header, sizeof header, "<%d>%d %s %s %s %d %s %s ", priority, 1, "-", g_syslog.localAddress,
-                 g_syslog.applicationName, static_cast<int>(getpid()), "npl", "-");
+                  g_syslog.applicationName, static_cast<int>(getpid()), "npl", "-");
         break;
     }
 

@@ -15,39 +15,39 @@
 // thread sees either the old or the new value; texts are plain and belong to
 // start-up configuration.
 struct DbgSettings {
-    std::atomic<uint32_t> sinkMask{DBG_SINK_SYSLOG};
-    std::atomic<bool> addTime{true};
-    std::atomic<bool> addTag{true};
-    std::atomic<bool> addLevel{true};
-    std::atomic<bool> functionName{true};
-    std::atomic<bool> colorize{false};
-    std::atomic<bool> threadId{false};
-    std::atomic<bool> deltaTime{false};
-    std::atomic<bool> functionPureName{false};
-    std::atomic<int64_t> referenceTimeUs{0};
-    std::atomic<int64_t> previousTimeUs{0};
-    std::atomic<int> functionMinLength{0};
+    std::atomic<uint32_t> sinkMask {DBG_SINK_SYSLOG};
+    std::atomic<bool> addTime {true};
+    std::atomic<bool> addTag {true};
+    std::atomic<bool> addLevel {true};
+    std::atomic<bool> functionName {true};
+    std::atomic<bool> colorize {false};
+    std::atomic<bool> threadId {false};
+    std::atomic<bool> deltaTime {false};
+    std::atomic<bool> functionPureName {false};
+    std::atomic<int64_t> referenceTimeUs {0};
+    std::atomic<int64_t> previousTimeUs {0};
+    std::atomic<int> functionMinLength {0};
     char functionNameFilter[16] = {0};
     char* filters[DBG_MAX_FLAGS] = {nullptr};
-    std::atomic<dbgcallback_t> callback{nullptr};
-    std::atomic<void*> callbackContext{nullptr};
+    std::atomic<dbgcallback_t> callback {nullptr};
+    std::atomic<void*> callbackContext {nullptr};
 };
 
 struct DbgSyslogState {
-    std::atomic<bool> udpSetUp{false};
+    std::atomic<bool> udpSetUp {false};
     char host[64] = {0};
-    std::atomic<int> port{514};
+    std::atomic<int> port {514};
     struct sockaddr_in destination = {};
-    std::atomic<int> socket{-1};
+    std::atomic<int> socket {-1};
     char localAddress[64] = {0};
     char applicationName[64] = {0};
-    std::atomic<int> headerType{1};
+    std::atomic<int> headerType {1};
 };
 
 struct DbgLogFileState {
     char* path = nullptr;
     char fullPath[4096] = {0};
-    std::atomic<int> fd{-1};
+    std::atomic<int> fd {-1};
 };
 
 DbgSettings& DbgGetSettings();

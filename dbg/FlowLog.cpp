@@ -7,7 +7,7 @@ constexpr int kFlowLogHighestLevel = 1;
 
 int32_t Register(const char* name)
 {
-    NplDebugInfo info{};
+    NplDebugInfo info {};
     NplDebugPrintInit(&info, name, kFlowLogHighestLevel, nullptr, 0);
     return info.moduleIndex;
 }

@@ -20,7 +20,7 @@ int32_t AudioLog_GetModuleIndex();
 // The level of the hop lines: debug.
 constexpr int kFlowLogLevel = 3;
 
-#define SLF_FRAMES_LOG(format, ...) \
+#define SLF_FRAMES_LOG(format, ...)                                                                                    \
     NPL_DBGPRINTF(FramesLog_GetModuleIndex(), kFlowLogLevel, format __VA_OPT__(, ) __VA_ARGS__)
-#define SLF_AUDIO_LOG(format, ...) \
+#define SLF_AUDIO_LOG(format, ...)                                                                                     \
     NPL_DBGPRINTF(AudioLog_GetModuleIndex(), kFlowLogLevel, format __VA_OPT__(, ) __VA_ARGS__)

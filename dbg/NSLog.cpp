@@ -14,7 +14,7 @@ extern char* program_invocation_short_name;
 
 namespace {
 
-std::atomic<NSLogHandler> g_handler{nullptr};
+std::atomic<NSLogHandler> g_handler {nullptr};
 
 } // namespace
 

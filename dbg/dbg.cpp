@@ -18,7 +18,7 @@ constexpr size_t kLineSize = 4096;
 struct DbgModule {
     char* name = nullptr;
     char* flagNames[DBG_MAX_FLAGS] = {nullptr};
-    std::atomic<uint32_t> flags{0};
+    std::atomic<uint32_t> flags {0};
 };
 
 // The table is static state, zero at start. No lock: modules are registered
@@ -266,8 +266,8 @@ void dbgsetfilter(const char* text, int level)
     settings.filters[level] = (text && text[0]) ? CopyText(text) : nullptr;
 }
 
-void dbgvprintf(int level, const char* libraryTag, const char* moduleName, const char* functionName,
-                const char* format, va_list args)
+void dbgvprintf(int level, const char* libraryTag, const char* moduleName, const char* functionName, const char* format,
+                va_list args)
 {
     (void)libraryTag;
     DbgSettings& settings = DbgGetSettings();
@@ -288,7 +288,7 @@ void dbgvprintf(int level, const char* libraryTag, const char* moduleName, const
 
     char buffer[kLineSize];
     buffer[0] = 0;
-    LineBuffer line{buffer, sizeof buffer};
+    LineBuffer line {buffer, sizeof buffer};
 
     if (settings.addTime.load(std::memory_order_relaxed)) {
         char now[32];
@@ -356,8 +356,8 @@ void dbgvprintf(int level, const char* libraryTag, const char* moduleName, const
     DbgDispatch(level, tag, buffer, static_cast<int>(line.length));
 }
 
-void dbgprintf(int level, const char* libraryTag, const char* moduleName, const char* functionName,
-               const char* format, ...)
+void dbgprintf(int level, const char* libraryTag, const char* moduleName, const char* functionName, const char* format,
+               ...)
 {
     va_list args;
     va_start(args, format);

@@ -69,10 +69,10 @@ void dbgsetfilter(const char* text, int level);
 
 // Builds one line and hands it to the enabled sinks. The library tag is
 // carried but not printed.
-void dbgprintf(int level, const char* libraryTag, const char* moduleName, const char* functionName,
-               const char* format, ...) __attribute__((format(printf, 5, 6)));
-void dbgvprintf(int level, const char* libraryTag, const char* moduleName, const char* functionName,
-                const char* format, va_list args) __attribute__((format(printf, 5, 0)));
+void dbgprintf(int level, const char* libraryTag, const char* moduleName, const char* functionName, const char* format,
+               ...) __attribute__((format(printf, 5, 6)));
+void dbgvprintf(int level, const char* libraryTag, const char* moduleName, const char* functionName, const char* format,
+                va_list args) __attribute__((format(printf, 5, 0)));
 
 // Configuration commands ("printf", "syslog 127.0.0.1 RFC5424", "net send:1",
 // ...) and queries of the settings.
@@ -96,12 +96,12 @@ int32_t* NplDebugPrintInit(NplDebugInfo* info, const char* moduleName, int highe
 
 // The call site: tests bit `level` of the module's flag word and only then
 // formats and logs, with the caller's full signature as function name.
-#define NPL_DBGPRINTF(moduleIndex, level, format, ...)                                                       \
-    do {                                                                                                      \
-        const int32_t nplDbgModule_ = (moduleIndex);                                                          \
-        const int nplDbgLevel_ = (level);                                                                     \
-        if (nplDbgModule_ >= 0 && nplDbgModule_ < DBG_MAX_MODULES && nplDbgLevel_ >= 0 && nplDbgLevel_ < 32 && \
-            ((_dbgGetModuleFlags(nplDbgModule_) >> nplDbgLevel_) & 1u))                                       \
-            dbgprintf(nplDbgLevel_, "npl", _dbgGetModuleName(nplDbgModule_), __PRETTY_FUNCTION__,             \
-                      format __VA_OPT__(, ) __VA_ARGS__);                                                     \
+#define NPL_DBGPRINTF(moduleIndex, level, format, ...)                                                                 \
+    do {                                                                                                               \
+        const int32_t nplDbgModule_ = (moduleIndex);                                                                   \
+        const int nplDbgLevel_ = (level);                                                                              \
+        if (nplDbgModule_ >= 0 && nplDbgModule_ < DBG_MAX_MODULES && nplDbgLevel_ >= 0 && nplDbgLevel_ < 32 &&         \
+            ((_dbgGetModuleFlags(nplDbgModule_) >> nplDbgLevel_) & 1u))                                                \
+            dbgprintf(nplDbgLevel_, "npl", _dbgGetModuleName(nplDbgModule_), __PRETTY_FUNCTION__,                      \
+                      format __VA_OPT__(, ) __VA_ARGS__);                                                              \
     } while (0)

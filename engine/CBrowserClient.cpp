@@ -13,7 +13,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 namespace {
 // How long browser creation and close wait for the engine's notice.
 constexpr int64_t kLifeSpanWaitNanoseconds = 2000LL * 1000 * 1000;
-std::atomic<uint64_t> g_nNextClientInstance{1};
+std::atomic<uint64_t> g_nNextClientInstance {1};
 } // namespace
 
 CBrowserClient::CBrowserClient()
@@ -429,7 +429,7 @@ bool CBrowserClient::GetViewRect(EngineBrowserRef browser, EngineRect& rect)
     CBrowser* record = FindBrowserRecord(browser->GetIdentifier());
     if (!record)
         return false;
-    rect = EngineRect{0, 0, static_cast<int>(record->width), static_cast<int>(record->height)};
+    rect = EngineRect {0, 0, static_cast<int>(record->width), static_cast<int>(record->height)};
     return true;
 }
 

@@ -136,8 +136,7 @@ public:
     // ---- EngineAudioHandler ----------------------------------------------------
     void OnAudioStreamStarted(EngineBrowserRef browser, int audioStreamId, int sampleRate, int channels,
                               int bitsPerSample, int64_t bufferDuration) override;
-    void OnAudioStreamPacket(EngineBrowserRef browser, int audioStreamId, const void* data,
-                             int dataLength) override;
+    void OnAudioStreamPacket(EngineBrowserRef browser, int audioStreamId, const void* data, int dataLength) override;
     void OnAudioSteamStopped(EngineBrowserRef browser, int audioStreamId) override;
 
     // ---- EngineJSDialogHandler -------------------------------------------------

@@ -13,9 +13,9 @@ void CBrowserClient::OnAudioStreamStarted(EngineBrowserRef browser, int audioStr
                                           int bitsPerSample, int64_t bufferDuration)
 {
     NPL_DBGPRINTF(EngineLog_GetModuleIndex(), 2,
-                         "---> Starting audio stream: %d, channels: %d, samplerate: %d, buffer_duration: %lld, "
-                         "bits_per_sample: %d\n",
-                         audioStreamId, channels, sampleRate, static_cast<long long>(bufferDuration), bitsPerSample);
+                  "---> Starting audio stream: %d, channels: %d, samplerate: %d, buffer_duration: %lld, "
+                  "bits_per_sample: %d\n",
+                  audioStreamId, channels, sampleRate, static_cast<long long>(bufferDuration), bitsPerSample);
     if (!browser)
         return;
 
@@ -27,15 +27,14 @@ void CBrowserClient::OnAudioStreamStarted(EngineBrowserRef browser, int audioStr
                   sampleRate, channels, bitsPerSample, record->m_bReceivingFrames ? "" : ", delivery is off");
     // The format is kept even while delivery is off, so packets after
     // enabling carry it.
-    record->audioStreams[audioStreamId] = CAudioStream{audioStreamId, sampleRate, bitsPerSample, channels};
+    record->audioStreams[audioStreamId] = CAudioStream {audioStreamId, sampleRate, bitsPerSample, channels};
     if (record->m_bReceivingFrames && record->audioCallback)
         record->audioCallback(audioStreamId, nullptr, 0, static_cast<unsigned int>(sampleRate),
                               static_cast<unsigned int>(channels), static_cast<unsigned int>(bitsPerSample),
                               record->callbackContext);
 }
 
-void CBrowserClient::OnAudioStreamPacket(EngineBrowserRef browser, int audioStreamId, const void* data,
-                                         int dataLength)
+void CBrowserClient::OnAudioStreamPacket(EngineBrowserRef browser, int audioStreamId, const void* data, int dataLength)
 {
     if (!browser)
         return;

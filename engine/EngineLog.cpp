@@ -11,7 +11,7 @@ constexpr int kEngineLogHighestLevel = 1;
 int32_t EngineLog_GetModuleIndex()
 {
     static const int32_t moduleIndex = [] {
-        NplDebugInfo info{};
+        NplDebugInfo info {};
         NplDebugPrintInit(&info, kEngineLogModuleName, kEngineLogHighestLevel, nullptr, 0);
         return info.moduleIndex;
     }();

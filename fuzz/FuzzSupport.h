@@ -36,10 +36,10 @@ inline std::string FuzzText(const uint8_t* data, size_t size)
 
 // A broken invariant is a finding: report it and abort, so that libFuzzer
 // keeps the input as a crash.
-#define FUZZ_CHECK(condition)                                                                     \
-    do {                                                                                          \
-        if (!(condition)) {                                                                       \
-            fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #condition, __FILE__, __LINE__); \
-            abort();                                                                              \
-        }                                                                                         \
+#define FUZZ_CHECK(condition)                                                                                          \
+    do {                                                                                                               \
+        if (!(condition)) {                                                                                            \
+            fprintf(stderr, "fuzz check failed: %s (%s:%d)\n", #condition, __FILE__, __LINE__);                        \
+            abort();                                                                                                   \
+        }                                                                                                              \
     } while (0)

@@ -130,8 +130,7 @@ int main(int argc, char** argv)
     Write("fuzz_audio_frames", "stream", audio.data(), audio.size());
 
     // Process message arguments and initialisation data, boxed in a variant.
-    WriteVariant("fuzz_process_message", "arguments",
-                 g_variant_new_variant(g_variant_new("(isb)", 7, "text", TRUE)));
+    WriteVariant("fuzz_process_message", "arguments", g_variant_new_variant(g_variant_new("(isb)", 7, "text", TRUE)));
     EngineCommandLine switches;
     switches.AppendSwitchWithValue("force-device-scale-factor", "2");
     WriteVariant("fuzz_process_message", "init",

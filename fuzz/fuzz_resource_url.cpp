@@ -65,8 +65,7 @@ bool IsCanonicalText(const std::string& url)
 
 bool ClimbsOut(const std::string& path)
 {
-    return path.find("/../") != std::string::npos ||
-           (path.size() >= 3 && path.compare(path.size() - 3, 3, "/..") == 0);
+    return path.find("/../") != std::string::npos || (path.size() >= 3 && path.compare(path.size() - 3, 3, "/..") == 0);
 }
 
 } // namespace

@@ -22,30 +22,30 @@
 namespace slfgst {
 
 class OverlayAudio {
- public:
-  explicit OverlayAudio(SlfOverlaySrc* element) : self_(element) {}
+public:
+    explicit OverlayAudio(SlfOverlaySrc* element) : self_(element) {}
 
-  // A stream starts: a new pad (pad-added runs here). A stream ID that is
-  // still open ends its old pad first.
-  void Start(int streamID, const streamloft::AudioStreamFormat& format);
-  void Push(int streamID, const streamloft::AudioBuffer& block);
-  void End(int streamID);
-  // Removes every pad and its appsrc.
-  void RemoveAll();
+    // A stream starts: a new pad (pad-added runs here). A stream ID that is
+    // still open ends its old pad first.
+    void Start(int streamID, const streamloft::AudioStreamFormat& format);
+    void Push(int streamID, const streamloft::AudioBuffer& block);
+    void End(int streamID);
+    // Removes every pad and its appsrc.
+    void RemoveAll();
 
- private:
-  // One audio stream of the page: its appsrc inside the bin and the ghost
-  // pad that shows it.
-  struct Stream {
-    GstElement* src = nullptr;
-    GstPad* pad = nullptr;
-    int64_t rate = 0, channels = 0;
-    GstClockTime lastEnd = GST_CLOCK_TIME_NONE;
-  };
+private:
+    // One audio stream of the page: its appsrc inside the bin and the ghost
+    // pad that shows it.
+    struct Stream {
+        GstElement* src = nullptr;
+        GstPad* pad = nullptr;
+        int64_t rate = 0, channels = 0;
+        GstClockTime lastEnd = GST_CLOCK_TIME_NONE;
+    };
 
-  SlfOverlaySrc* self_;
-  std::map<int, Stream> streams_;  // by the page's stream ID
-  guint nextPad_ = 0;
+    SlfOverlaySrc* self_;
+    std::map<int, Stream> streams_; // by the page's stream ID
+    guint nextPad_ = 0;
 };
 
-}  // namespace slfgst
+} // namespace slfgst

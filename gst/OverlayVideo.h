@@ -34,58 +34,58 @@ namespace slfgst {
 // Downstream's preference among the sizes and rates the video pad offers,
 // nearest to the given ones.
 struct VideoShape {
-  int width = kDefaultWidth, height = kDefaultHeight, fpsN = kDefaultFramerate, fpsD = 1;
-  bool operator==(const VideoShape&) const = default;
+    int width = kDefaultWidth, height = kDefaultHeight, fpsN = kDefaultFramerate, fpsD = 1;
+    bool operator==(const VideoShape&) const = default;
 };
 
 VideoShape NegotiateShape(GstPad* pad, const VideoShape& preferred);
 GstCaps* VideoCaps(const VideoShape& shape);
 
 class OverlayVideo {
- public:
-  explicit OverlayVideo(SlfOverlaySrc* element) : self_(element) {}
-  ~OverlayVideo() { Stop(); }
-  OverlayVideo(const OverlayVideo&) = delete;
-  OverlayVideo& operator=(const OverlayVideo&) = delete;
+public:
+    explicit OverlayVideo(SlfOverlaySrc* element) : self_(element) {}
+    ~OverlayVideo() { Stop(); }
+    OverlayVideo(const OverlayVideo&) = delete;
+    OverlayVideo& operator=(const OverlayVideo&) = delete;
 
-  // Negotiated with downstream: the size and rate the browser opens with
-  // (already set as the appsrc's caps).
-  void Start(const VideoShape& shape);
-  // No buffer is pushed after this returns (the timer thread has ended); a
-  // frame callback still running on the library thread must be over first
-  // (end of stream or the client's end).
-  void Stop();
+    // Negotiated with downstream: the size and rate the browser opens with
+    // (already set as the appsrc's caps).
+    void Start(const VideoShape& shape);
+    // No buffer is pushed after this returns (the timer thread has ended); a
+    // frame callback still running on the library thread must be over first
+    // (end of stream or the client's end).
+    void Stop();
 
-  // Streaming thread: downstream asked for other caps; applied with the next frame.
-  void RequestRenegotiation() { reconfigure_ = true; }
-  // Library thread: one frame of the browser.
-  void Frame(streamloft::Browser& browser, const streamloft::VideoFrame& frame);
+    // Streaming thread: downstream asked for other caps; applied with the next frame.
+    void RequestRenegotiation() { reconfigure_ = true; }
+    // Library thread: one frame of the browser.
+    void Frame(streamloft::Browser& browser, const streamloft::VideoFrame& frame);
 
- private:
-  void Renegotiate(streamloft::Browser& browser);
-  GstBuffer* CopyFrame(const streamloft::VideoFrame& frame) const;
-  // Timer thread: pushes the last buffer again for the slots no frame filled.
-  void FillGaps();
+private:
+    void Renegotiate(streamloft::Browser& browser);
+    GstBuffer* CopyFrame(const streamloft::VideoFrame& frame) const;
+    // Timer thread: pushes the last buffer again for the slots no frame filled.
+    void FillGaps();
 
-  SlfOverlaySrc* self_;
+    SlfOverlaySrc* self_;
 
-  // Negotiation: shape_ on the library thread after Start. The rate stays
-  // what the browser was opened with; slot_ is its frame duration, set by
-  // Start before the timer thread runs.
-  VideoShape shape_;
-  GstClockTime slot_ = 0;
-  std::atomic<bool> reconfigure_{false};
+    // Negotiation: shape_ on the library thread after Start. The rate stays
+    // what the browser was opened with; slot_ is its frame duration, set by
+    // Start before the timer thread runs.
+    VideoShape shape_;
+    GstClockTime slot_ = 0;
+    std::atomic<bool> reconfigure_ {false};
 
-  // What was pushed last, for the order of timestamps and for filling gaps.
-  // Lock order: taken alone; inside it only the appsrc's own locks.
-  std::mutex pushLock_;
-  GstClockTime lastPts_ = GST_CLOCK_TIME_NONE;
-  GstBuffer* lastBuffer_ = nullptr;  // a reference; null after a resize until the next frame
+    // What was pushed last, for the order of timestamps and for filling gaps.
+    // Lock order: taken alone; inside it only the appsrc's own locks.
+    std::mutex pushLock_;
+    GstClockTime lastPts_ = GST_CLOCK_TIME_NONE;
+    GstBuffer* lastBuffer_ = nullptr; // a reference; null after a resize until the next frame
 
-  // The timer thread, woken early by Stop.
-  std::thread filler_;
-  std::condition_variable fillerWake_;  // with pushLock_
-  bool stopping_ = false;               // under pushLock_
+    // The timer thread, woken early by Stop.
+    std::thread filler_;
+    std::condition_variable fillerWake_; // with pushLock_
+    bool stopping_ = false;              // under pushLock_
 };
 
-}  // namespace slfgst
+} // namespace slfgst

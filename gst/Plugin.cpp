@@ -2,8 +2,9 @@
 // SlfOverlaySrc.h). Runs once, on the thread that loads the plugin.
 #include "gst/SlfOverlaySrc.h"
 
-static gboolean plugin_init(GstPlugin* plugin) {
-  return gst_element_register(plugin, "slfoverlaysrc", GST_RANK_NONE, SLF_TYPE_OVERLAY_SRC);
+static gboolean plugin_init(GstPlugin* plugin)
+{
+    return gst_element_register(plugin, "slfoverlaysrc", GST_RANK_NONE, SLF_TYPE_OVERLAY_SRC);
 }
 
 #define PACKAGE "streamloft"

@@ -31,7 +31,7 @@ GST_DEBUG_CATEGORY_EXTERN(slf_overlay_src_debug);
 
 namespace slfgst {
 class OverlayHost;
-}  // namespace slfgst
+} // namespace slfgst
 
 G_BEGIN_DECLS
 #define SLF_TYPE_OVERLAY_SRC (slf_overlay_src_get_type())
@@ -39,17 +39,17 @@ G_DECLARE_FINAL_TYPE(SlfOverlaySrc, slf_overlay_src, SLF, OVERLAY_SRC, GstBin)
 G_END_DECLS
 
 struct _SlfOverlaySrc {
-  GstBin parent;
-  GstElement* videoSrc;  // appsrc of the video pad, owned by the bin
-  GstPad* videoPad;      // the ghost pad "video"
-  // Properties, under the object lock.
-  gchar* location;
-  gchar** permitted;
-  GBytes* settingsData;
-  gchar* socket;
-  // The connection and browser, from READY→PAUSED to PAUSED→READY; the
-  // pointer under the object lock, set and deleted by the state change thread.
-  slfgst::OverlayHost* host;
+    GstBin parent;
+    GstElement* videoSrc; // appsrc of the video pad, owned by the bin
+    GstPad* videoPad;     // the ghost pad "video"
+    // Properties, under the object lock.
+    gchar* location;
+    gchar** permitted;
+    GBytes* settingsData;
+    gchar* socket;
+    // The connection and browser, from READY→PAUSED to PAUSED→READY; the
+    // pointer under the object lock, set and deleted by the state change thread.
+    slfgst::OverlayHost* host;
 };
 
 namespace slfgst {
@@ -85,4 +85,4 @@ GstElement* MakeAppSrc(const char* name);
 // the element's object lock for a moment.
 GstClockTime RunningTime(SlfOverlaySrc* self, uint64_t monotonicMicros);
 
-}  // namespace slfgst
+} // namespace slfgst

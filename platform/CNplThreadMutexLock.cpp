@@ -6,7 +6,8 @@
 #include <utility>
 
 CNplThreadMutexLock::CNplThreadMutexLock(CNplThreadMutex& mutex, bool lockNow)
-    : m_pMutex(mutex.GetMutex()), m_bLocked(false)
+    : m_pMutex(mutex.GetMutex()),
+      m_bLocked(false)
 {
     if (lockNow)
         Lock();

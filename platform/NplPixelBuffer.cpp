@@ -2,7 +2,7 @@
 
 namespace {
 
-std::atomic<int> g_nInjectedLockFailures{0};
+std::atomic<int> g_nInjectedLockFailures {0};
 
 bool TakeInjectedLockFailure()
 {
@@ -18,7 +18,8 @@ bool TakeInjectedLockFailure()
 } // namespace
 
 CNplPixelBuffer::CNplPixelBuffer(CNplSharedSurface* surface, std::shared_ptr<INplPixelBufferRecycler> recycler)
-    : m_pSurface(surface), m_pRecycler(std::move(recycler))
+    : m_pSurface(surface),
+      m_pRecycler(std::move(recycler))
 {
     m_pSurface->SetUseCountObserver(this);
 }

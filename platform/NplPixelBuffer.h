@@ -97,8 +97,8 @@ private:
     std::shared_ptr<INplPixelBufferRecycler> m_pRecycler;
     // References and surface uses together: whoever drops the last one
     // hands the buffer back, so exactly one thread ever does.
-    std::atomic<int32_t> m_nHolds{1};
-    std::atomic<int32_t> m_nLockCount{0};
+    std::atomic<int32_t> m_nHolds {1};
+    std::atomic<int32_t> m_nLockCount {0};
 };
 
 // Releases a pixel buffer when a holder goes out of scope.

@@ -33,7 +33,10 @@ uint32_t PixelDimension(double value)
 class CNplPixelBufferPool::State final : public INplPixelBufferRecycler {
 public:
     State(uint32_t width, uint32_t height, size_t bytesPerRow, int64_t maximumAgeNanoseconds)
-        : m_nWidth(width), m_nHeight(height), m_nBytesPerRow(bytesPerRow), m_nMaximumAgeNanoseconds(maximumAgeNanoseconds)
+        : m_nWidth(width),
+          m_nHeight(height),
+          m_nBytesPerRow(bytesPerRow),
+          m_nMaximumAgeNanoseconds(maximumAgeNanoseconds)
     {
         m_Free.reserve(64);
     }

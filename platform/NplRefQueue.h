@@ -21,10 +21,7 @@
 template <class T>
 class CNplRefQueue {
 public:
-    explicit CNplRefQueue(uint32_t capacity)
-        : m_entries(capacity)
-    {
-    }
+    explicit CNplRefQueue(uint32_t capacity) : m_entries(capacity) {}
 
     CNplRefQueue(const CNplRefQueue&) = delete;
     CNplRefQueue& operator=(const CNplRefQueue&) = delete;

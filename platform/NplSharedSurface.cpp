@@ -9,7 +9,7 @@
 namespace {
 
 // IDs are unique within the process and only grow; 0 is never used.
-std::atomic<uint64_t> g_nNextSurfaceID{1};
+std::atomic<uint64_t> g_nNextSurfaceID {1};
 
 } // namespace
 

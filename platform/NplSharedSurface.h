@@ -88,6 +88,6 @@ private:
     uint64_t m_nAllocSize = 0;
     uint64_t m_nID = 0;
     void* m_pBase = nullptr;
-    std::atomic<int32_t> m_nUseCount{0};
+    std::atomic<int32_t> m_nUseCount {0};
     IUseCountObserver* m_pObserver = nullptr;
 };

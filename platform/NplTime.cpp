@@ -28,9 +28,9 @@ size_t NplTime_GetCurrentTimeString(char* buffer, size_t size)
     if (!localtime_r(&ts.tv_sec, &local))
         return 0;
     char text[64];
-    const int n = snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03ld ", local.tm_year + 1900,
-                           local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                           static_cast<long>(ts.tv_nsec / 1000000));
+    const int n =
+        snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03ld ", local.tm_year + 1900, local.tm_mon + 1,
+                 local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, static_cast<long>(ts.tv_nsec / 1000000));
     if (n <= 0)
         return 0;
     // The text is at most 31 characters plus the terminating zero.

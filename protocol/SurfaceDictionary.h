@@ -39,11 +39,11 @@ inline bool ValidateSurfaceProperties(const SurfaceProperties& p, std::optional<
     if (p.width > kMaximumEdge || p.height > kMaximumEdge)
         return refuse("surface of " + size + " is over " + std::to_string(kMaximumEdge) + " pixels each way");
     // 32-bit factors: the products cannot overflow 64 bits.
-    const uint64_t rowBytes = uint64_t{p.width} * kBytesPerPixelBGRA;
+    const uint64_t rowBytes = uint64_t {p.width} * kBytesPerPixelBGRA;
     if (p.bytesPerRow < rowBytes)
         return refuse("surface stride " + std::to_string(p.bytesPerRow) + " is shorter than a row of " +
                       std::to_string(rowBytes) + " bytes");
-    const uint64_t imageBytes = uint64_t{p.bytesPerRow} * p.height;
+    const uint64_t imageBytes = uint64_t {p.bytesPerRow} * p.height;
     if (p.allocSize < imageBytes)
         return refuse("surface allocation of " + std::to_string(p.allocSize) + " bytes is smaller than its image of " +
                       std::to_string(imageBytes) + " bytes");
@@ -65,8 +65,8 @@ inline bool ReadSurfaceValue(GVariant* dictionary, const char* key, const GVaria
     if (!value) {
         reason = std::string("surface property ") + key + " is missing";
     } else if (!g_variant_is_of_type(value, type)) {
-        reason = std::string("surface property ") + key + " has type " + g_variant_get_type_string(value) +
-                 ", not " + g_variant_type_peek_string(type)[0];
+        reason = std::string("surface property ") + key + " has type " + g_variant_get_type_string(value) + ", not " +
+                 g_variant_type_peek_string(type)[0];
     } else {
         const uint64_t number = g_variant_type_equal(type, G_VARIANT_TYPE_UINT32) ? g_variant_get_uint32(value)
                                                                                   : g_variant_get_uint64(value);
@@ -137,8 +137,8 @@ inline GVariant* BuildSurfaceProperties(const SurfaceProperties& p)
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
     auto add = [&builder](const char* key, GVariant* value) {
-        g_variant_builder_add_value(&builder, g_variant_new_dict_entry(g_variant_new_string(key),
-                                                                       g_variant_new_variant(value)));
+        g_variant_builder_add_value(&builder,
+                                    g_variant_new_dict_entry(g_variant_new_string(key), g_variant_new_variant(value)));
     };
     add(kSurfaceWidthKey, g_variant_new_uint64(p.width));
     add(kSurfaceHeightKey, g_variant_new_uint64(p.height));

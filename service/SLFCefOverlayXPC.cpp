@@ -2,8 +2,7 @@
 
 #include "dbg/NSLog.h"
 
-SLFCefOverlayXPC::SLFCefOverlayXPC()
-    : SLFCefOverlayXPC(SLFCefWindowManager::sharedManager())
+SLFCefOverlayXPC::SLFCefOverlayXPC() : SLFCefOverlayXPC(SLFCefWindowManager::sharedManager())
 {
 }
 
@@ -32,8 +31,8 @@ void SLFCefOverlayXPC::openBrowserWithURL(const std::string& url, NSSize size, d
 void SLFCefOverlayXPC::updateBrowserWithSize(int browserID, NSSize size)
 {
     if (!windowManager()->updateBrowserWithID(browserID, size))
-        NSLog("%s - Did not find a window representation for browser %d",
-              "-[SLFCefOverlayXPC updateBrowser:withSize:]", browserID);
+        NSLog("%s - Did not find a window representation for browser %d", "-[SLFCefOverlayXPC updateBrowser:withSize:]",
+              browserID);
 }
 
 void SLFCefOverlayXPC::closeBrowser(int browserID)

@@ -25,11 +25,11 @@ constexpr const char* kBusInterfaceName = "org.freedesktop.DBus";
 
 GDBusInterfaceInfo* BusGreetingInterfaceInfo()
 {
-    static GDBusNodeInfo* const node = g_dbus_node_info_new_for_xml(
-        "<node><interface name='org.freedesktop.DBus'>"
-        "<method name='Hello'><arg type='s' direction='out'/></method>"
-        "</interface></node>",
-        nullptr);
+    static GDBusNodeInfo* const node =
+        g_dbus_node_info_new_for_xml("<node><interface name='org.freedesktop.DBus'>"
+                                     "<method name='Hello'><arg type='s' direction='out'/></method>"
+                                     "</interface></node>",
+                                     nullptr);
     return g_dbus_node_info_lookup_interface(node, kBusInterfaceName);
 }
 
@@ -43,10 +43,7 @@ GDBusInterfaceInfo* BusGreetingInterfaceInfo()
 // kept past both would keep the connection's socket open for good.
 class SLFCefDeferredReply {
 public:
-    explicit SLFCefDeferredReply(GDBusMethodInvocation* invocation)
-        : m_invocation(invocation)
-    {
-    }
+    explicit SLFCefDeferredReply(GDBusMethodInvocation* invocation) : m_invocation(invocation) {}
     ~SLFCefDeferredReply()
     {
         if (GDBusMethodInvocation* invocation = m_invocation.exchange(nullptr))
@@ -99,9 +96,9 @@ std::shared_ptr<SLFCefXPCConnection> SLFCefXPCConnection::Create(GDBusConnection
 }
 
 SLFCefXPCConnection::SLFCefXPCConnection(GDBusConnection* connection)
-    : m_connection(G_DBUS_CONNECTION(g_object_ref(connection)))
-    , m_context(g_main_context_new())
-    , m_loop(g_main_loop_new(m_context, FALSE))
+    : m_connection(G_DBUS_CONNECTION(g_object_ref(connection))),
+      m_context(g_main_context_new()),
+      m_loop(g_main_loop_new(m_context, FALSE))
 {
 }
 
@@ -172,9 +169,8 @@ bool SLFCefXPCConnection::resume(GError** error)
     // thread default while it is registered: the connection's own. Nobody
     // owns that context yet, so this thread may push it for the moment.
     g_main_context_push_thread_default(m_context);
-    m_registrationID = g_dbus_connection_register_object(m_connection, protocol::kServiceObjectPath,
-                                                         protocol::RequestInterfaceInfo(), &vtable, this, nullptr,
-                                                         error);
+    m_registrationID = g_dbus_connection_register_object(
+        m_connection, protocol::kServiceObjectPath, protocol::RequestInterfaceInfo(), &vtable, this, nullptr, error);
     if (m_registrationID)
         m_greetingRegistrationID = g_dbus_connection_register_object(
             m_connection, kBusObjectPath, BusGreetingInterfaceInfo(), &vtable, this, nullptr, nullptr);
@@ -286,12 +282,12 @@ void SLFCefXPCConnection::OnClosed(GDBusConnection*, gboolean, GError*, gpointer
 }
 
 void SLFCefXPCConnection::OnMethodCall(GDBusConnection*, const gchar*, const gchar*, const gchar* interfaceName,
-                                       const gchar* methodName, GVariant* parameters,
-                                       GDBusMethodInvocation* invocation, gpointer data)
+                                       const gchar* methodName, GVariant* parameters, GDBusMethodInvocation* invocation,
+                                       gpointer data)
 {
     if (strcmp(interfaceName, kBusInterfaceName) == 0) {
         // A tool's bus greeting: give it a name of the bus's form.
-        static std::atomic<unsigned> serial{0};
+        static std::atomic<unsigned> serial {0};
         gchar* name = g_strdup_printf(":1.%u", ++serial);
         g_dbus_method_invocation_return_value(invocation, g_variant_new("(s)", name));
         g_free(name);
@@ -321,19 +317,20 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
         g_strfreev(permitted);
         GError* uriError = nullptr;
         if (!g_uri_is_valid(url, G_URI_FLAGS_NONE, &uriError)) {
-            NSLog("%s - Refused URL '%s': %s", "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]",
-                  url, uriError->message);
-            g_dbus_method_invocation_return_dbus_error(invocation, protocol::kErrorInvalidURL,
-                                                       uriError->message);
+            NSLog("%s - Refused URL '%s': %s",
+                  "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]", url,
+                  uriError->message);
+            g_dbus_method_invocation_return_dbus_error(invocation, protocol::kErrorInvalidURL, uriError->message);
             g_error_free(uriError);
             return;
         }
-        if (RefuseBadSize(invocation, "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]",
-                          width, height))
+        if (RefuseBadSize(invocation,
+                          "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]", width,
+                          height))
             return;
         if (!IsValidLength(framerate, protocol::kMaximumFramerate)) {
-            NSLog("%s - Refused frame rate %g", "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]",
-                  framerate);
+            NSLog("%s - Refused frame rate %g",
+                  "-[SLFCefOverlayXPC openBrowserWithURL:size:framerate:permittedFileURLStrings:reply:]", framerate);
             g_dbus_method_invocation_return_dbus_error(
                 invocation, protocol::kErrorInvalidArgument,
                 "The frame rate must be finite, not negative and at most 1000 frames a second");
@@ -342,7 +339,7 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
         // Answered when this connection closes the browser; dropped unanswered
         // if the connection goes first. Takes over the invocation.
         auto pending = std::make_shared<SLFCefDeferredReply>(invocation);
-        object->openBrowserWithURL(url, NSSize{width, height}, framerate, permittedList,
+        object->openBrowserWithURL(url, NSSize {width, height}, framerate, permittedList,
                                    [pending](int browserID) { pending->reply(browserID); });
         return;
     }
@@ -353,7 +350,7 @@ void SLFCefXPCConnection::dispatch(const gchar* methodName, GVariant* parameters
         g_variant_get(parameters, "(idd)", &browserID, &width, &height);
         if (RefuseBadSize(invocation, "-[SLFCefOverlayXPC updateBrowser:withSize:]", width, height))
             return;
-        object->updateBrowserWithSize(browserID, NSSize{width, height});
+        object->updateBrowserWithSize(browserID, NSSize {width, height});
     } else if (strcmp(methodName, protocol::kMethodCloseBrowser) == 0) {
         gint32 browserID = 0;
         g_variant_get(parameters, "(i)", &browserID);

@@ -74,8 +74,8 @@ private:
     guint m_registrationID = 0;
     guint m_greetingRegistrationID = 0;
     gulong m_closedHandlerID = 0;
-    std::atomic<bool> m_invalidationScheduled{false};
-    std::atomic<bool> m_finished{false};
+    std::atomic<bool> m_invalidationScheduled {false};
+    std::atomic<bool> m_finished {false};
 
     // Leaf lock of the members below; no handler runs while it is held.
     mutable std::mutex m_lock;

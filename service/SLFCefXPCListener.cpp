@@ -97,13 +97,12 @@ void SLFCefXPCListener::setIdleHandler(unsigned seconds, std::function<void()> h
 
 void SLFCefXPCListener::updateIdleWait()
 {
-    const bool idle = m_accepting && m_idleHandler && m_idleSeconds > 0 && m_connections.empty() &&
-                      m_handshakes == 0;
+    const bool idle = m_accepting && m_idleHandler && m_idleSeconds > 0 && m_connections.empty() && m_handshakes == 0;
     if (idle && !m_idleSource) {
         // Millisecond timing: a whole-second source may fire up to a second
         // late.
-        m_idleSource = g_timeout_source_new(
-            static_cast<guint>(std::min<uint64_t>(uint64_t(m_idleSeconds) * 1000u, G_MAXUINT)));
+        m_idleSource =
+            g_timeout_source_new(static_cast<guint>(std::min<uint64_t>(uint64_t(m_idleSeconds) * 1000u, G_MAXUINT)));
         g_source_set_callback(m_idleSource, OnIdleTimeout, this, nullptr);
         g_source_attach(m_idleSource, g_main_context_default());
     } else if (!idle && m_idleSource) {
@@ -181,8 +180,7 @@ gboolean SLFCefXPCListener::OnIncoming(GSocketService*, GSocketConnection* conne
                                                    G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING);
     // The handshake runs in GDBus's worker; its end comes back to this thread.
     g_dbus_connection_new(G_IO_STREAM(connection), listener->m_guid, flags, listener->m_authObserver,
-                          listener->m_cancellable, OnConnectionReady,
-                          new Handshake{listener->weak_from_this()});
+                          listener->m_cancellable, OnConnectionReady, new Handshake {listener->weak_from_this()});
     return TRUE;
 }
 
@@ -235,7 +233,7 @@ void SLFCefXPCListener::accept(GDBusConnection* connection)
                     listener->reap(reap->key);
                 return G_SOURCE_REMOVE;
             },
-            new Reap{weakListener, key}, [](gpointer data) { delete static_cast<Reap*>(data); });
+            new Reap {weakListener, key}, [](gpointer data) { delete static_cast<Reap*>(data); });
         g_source_attach(source, g_main_context_default());
         g_source_unref(source);
     });

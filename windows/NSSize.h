@@ -9,7 +9,10 @@ struct NSSize {
     double height = 0;
 };
 
-inline bool operator==(const NSSize& a, const NSSize& b) { return a.width == b.width && a.height == b.height; }
+inline bool operator==(const NSSize& a, const NSSize& b)
+{
+    return a.width == b.width && a.height == b.height;
+}
 
 // "{width, height}", each number in its shortest exact decimal form (whole
 // numbers without a fraction).

@@ -14,8 +14,8 @@ std::shared_ptr<SLFCefCallbackProxy> SLFCefCallbackProxy::Create(GDBusConnection
 }
 
 SLFCefCallbackProxy::SLFCefCallbackProxy(GDBusConnection* connection)
-    : m_connection(connection ? G_DBUS_CONNECTION(g_object_ref(connection)) : nullptr)
-    , m_pending(std::make_shared<PendingReplies>())
+    : m_connection(connection ? G_DBUS_CONNECTION(g_object_ref(connection)) : nullptr),
+      m_pending(std::make_shared<PendingReplies>())
 {
     if (m_connection) {
         // The filter keeps its own reference to the table: GDBus may still be
@@ -26,8 +26,7 @@ SLFCefCallbackProxy::SLFCefCallbackProxy(GDBusConnection* connection)
         // The connection's end also finishes every call, wherever its
         // "closed" signal is dispatched.
         m_closedHandlerID = g_signal_connect_data(
-            m_connection, "closed",
-            G_CALLBACK(+[](GDBusConnection*, gboolean, GError*, gpointer data) {
+            m_connection, "closed", G_CALLBACK(+[](GDBusConnection*, gboolean, GError*, gpointer data) {
                 FinishAll(**static_cast<std::shared_ptr<PendingReplies>*>(data));
             }),
             new std::shared_ptr<PendingReplies>(m_pending),
@@ -182,9 +181,8 @@ void SLFCefCallbackProxy::callWithReply(const char* member, GVariant* parameters
     {
         std::lock_guard<std::mutex> guard(m_pending->lock);
         guint32 serial = 0;
-        if (!m_pending->closed
-            && g_dbus_connection_send_message(m_connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, &serial,
-                                              nullptr)) {
+        if (!m_pending->closed &&
+            g_dbus_connection_send_message(m_connection, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, &serial, nullptr)) {
             m_pending->waiting.emplace(serial, std::move(done));
             waiting = true;
         }

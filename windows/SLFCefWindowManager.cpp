@@ -43,8 +43,9 @@ SLFCefWindowManager::~SLFCefWindowManager()
     shutdownBrowser();
 }
 
-SLFCefWindowRepresentationRef SLFCefWindowManager::startBrowserWithURL(
-    const std::string& url, NSSize size, double framerate, const std::vector<std::string>& permittedFileURLStrings)
+SLFCefWindowRepresentationRef
+SLFCefWindowManager::startBrowserWithURL(const std::string& url, NSSize size, double framerate,
+                                         const std::vector<std::string>& permittedFileURLStrings)
 {
     if (numberOfOpenBrowserWindows() == 0)
         ensureBrowserIsRunnning();
@@ -73,9 +74,8 @@ SLFCefWindowRepresentationRef SLFCefWindowManager::startBrowserWithURL(
     if (CBrowserWrapper* wrapper = _browserWrapper.load()) {
         // The representation goes in unretained: the registry keeps it alive.
         browserID = wrapper->StartBrowser(url, TruncatedToUnsigned(size.width), TruncatedToUnsigned(size.height),
-                                          TruncatedToUnsigned(framerate), SLFCefVideoFrameCallback,
-                                          SLFCefAudioCallback, representation.get(), &accessHandling, nullptr,
-                                          false);
+                                          TruncatedToUnsigned(framerate), SLFCefVideoFrameCallback, SLFCefAudioCallback,
+                                          representation.get(), &accessHandling, nullptr, false);
         if (browserID >= 0)
             wrapper->EnableReceivingFrames(browserID, true);
     }

@@ -44,7 +44,7 @@ public:
     // the engine could not make one; such a representation is not
     // registered).
     virtual SLFCefWindowRepresentationRef startBrowserWithURL(const std::string& url, NSSize size, double framerate,
-                                                      const std::vector<std::string>& permittedFileURLStrings);
+                                                              const std::vector<std::string>& permittedFileURLStrings);
     // Null for an unknown ID (the engine is still told for IDs >= 0).
     virtual SLFCefWindowRepresentationRef updateBrowserWithID(int browserID, NSSize size);
     // The representation that was registered, or null. The engine keeps
@@ -78,7 +78,7 @@ private:
     void beginStart();
     void endStart();
 
-    std::atomic<SLF_ChromiumEmbeddedFramework::CBrowserWrapper*> _browserWrapper{nullptr};
+    std::atomic<SLF_ChromiumEmbeddedFramework::CBrowserWrapper*> _browserWrapper {nullptr};
     // Guards the pump timer's state below. Lock order: a leaf lock (the
     // timer calls under it are system calls).
     mutable std::mutex m_pumpLock;

@@ -160,6 +160,5 @@ bool SLFCefVideoFrameCallback(unsigned char* data, unsigned int bufferSize, void
 bool SLFCefAudioCallback(int streamID, unsigned char* data, unsigned int bufferSize, unsigned int sampleRate,
                          unsigned int channels, unsigned int bitsPerSample, void* context);
 bool SLFCefHandleRequestURL(const std::string& url, const void* context);
-bool SLFCefGetResponseHeadersForURL(const std::string& url, const std::string& startURL,
-                                    std::vector<char>* data, int64_t* length, int* statusCode,
-                                    const void* context);
+bool SLFCefGetResponseHeadersForURL(const std::string& url, const std::string& startURL, std::vector<char>* data,
+                                    int64_t* length, int* statusCode, const void* context);

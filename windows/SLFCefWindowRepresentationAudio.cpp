@@ -25,10 +25,7 @@ constexpr uint64_t kAudioBuffersPerStream = 200;
 // receiver's message takes its own reference to the record.
 class RecordRef {
 public:
-    explicit RecordRef(GVariant* floating)
-        : m_record(g_variant_ref_sink(floating))
-    {
-    }
+    explicit RecordRef(GVariant* floating) : m_record(g_variant_ref_sink(floating)) {}
     ~RecordRef() { g_variant_unref(m_record); }
     RecordRef(const RecordRef&) = delete;
     RecordRef& operator=(const RecordRef&) = delete;
@@ -91,8 +88,8 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
                       receivers->size());
         for (const SLFCefCallbackProxyRef& receiver : *receivers) {
             // Every stream end brings one delivery without a buffer first.
-            receiver->browserDidReceiveAudioStream(browser, streamID, g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0),
-                                                   [] {});
+            receiver->browserDidReceiveAudioStream(browser, streamID,
+                                                   g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0), [] {});
             receiver->browserWillStopAudioStream(browser, streamID);
         }
         return;
@@ -129,7 +126,7 @@ void SLFCefWindowRepresentation::browserAudioStreamIDDataArrived(int streamID, u
             // like any other.
             if (std::shared_ptr<NVKXPCAudioBuffer> empty = pool->bufferFromPool()) {
                 empty->setPresentationTime(static_cast<uint64_t>(blockTime));
-                SendBufferToReceivers(SLFCefReceiverList{receiver}, browser, streamID, empty);
+                SendBufferToReceivers(SLFCefReceiverList {receiver}, browser, streamID, empty);
             }
         }
     }

@@ -181,7 +181,8 @@ bool SLFCefWindowRepresentation::writeStatusCode(int* statusCode, std::vector<ch
     while (!data && HasReceivers(receiverProxies()) && SecondsSinceReferenceDate() - start < 120.0) {
         // Polls once a second; only a stop of the browser cuts a pause short.
         std::unique_lock<std::mutex> waitLock(m_settingsWaitLock);
-        if (m_settingsWaitCondition.wait_for(waitLock, std::chrono::seconds(1), [this] { return m_settingsWaitsEnded; }))
+        if (m_settingsWaitCondition.wait_for(waitLock, std::chrono::seconds(1),
+                                             [this] { return m_settingsWaitsEnded; }))
             break;
         waitLock.unlock();
         data = settingsData();

@@ -176,15 +176,13 @@ void SLFCefWindowRepresentation::browserVideoDataArrived(unsigned char* data, un
         surface->IncrementUseCount();
         SLF_FRAMES_LOG("browser %d: frame %llu on surface %d sent to %s", frameBrowserID,
                        static_cast<unsigned long long>(sequence), surface->GetFd(), receiver->description().c_str());
-        receiver->browserReceivedVideoFrame(frameBrowserID, surface->GetFd(), properties,
-                                            [surface, frameBrowserID, sequence] {
-                                                SLF_FRAMES_LOG("browser %d: frame %llu on surface %d let go by a "
-                                                               "receiver",
-                                                               frameBrowserID,
-                                                               static_cast<unsigned long long>(sequence),
-                                                               surface->GetFd());
-                                                surface->DecrementUseCount();
-                                            });
+        receiver->browserReceivedVideoFrame(
+            frameBrowserID, surface->GetFd(), properties, [surface, frameBrowserID, sequence] {
+                SLF_FRAMES_LOG("browser %d: frame %llu on surface %d let go by a "
+                               "receiver",
+                               frameBrowserID, static_cast<unsigned long long>(sequence), surface->GetFd());
+                surface->DecrementUseCount();
+            });
     }
     g_variant_unref(properties);
     // pixelBuffer is released here; the pool takes it back once every

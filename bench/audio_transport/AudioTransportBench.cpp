@@ -21,7 +21,7 @@
 // Every heap allocation of this process goes through these (operator new of
 // the C++ library and GLib's g_malloc both end in malloc).
 namespace {
-std::atomic<uint64_t> g_allocations{0};
+std::atomic<uint64_t> g_allocations {0};
 }
 
 extern "C" {
@@ -161,18 +161,15 @@ BENCHMARK(BM_SlotCycleWithoutRecord);
 class RatioReporter : public benchmark::ConsoleReporter {
 public:
     // Colours only on a terminal.
-    RatioReporter()
-        : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular)
-    {
-    }
+    RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
 
     void ReportRuns(const std::vector<Run>& runs) override
     {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {
             if (run.run_type == Run::RT_Iteration && !run.error_occurred)
-                m_times.emplace(run.benchmark_name(), Times{run.GetAdjustedRealTime() * Scale(run.time_unit),
-                                                            run.GetAdjustedCPUTime() * Scale(run.time_unit)});
+                m_times.emplace(run.benchmark_name(), Times {run.GetAdjustedRealTime() * Scale(run.time_unit),
+                                                             run.GetAdjustedCPUTime() * Scale(run.time_unit)});
         }
     }
 

@@ -51,7 +51,7 @@ struct Options {
     double seconds = 10;
     double warmup = 4;
     int repeat = 3;
-    std::vector<int> rates{30, 60};
+    std::vector<int> rates {30, 60};
     std::string modernBase;
 };
 
@@ -69,8 +69,8 @@ public:
         if (frames.fetch_add(1) == 0)
             firstFrame = std::chrono::steady_clock::now();
     }
-    std::atomic<uint64_t> frames{0};
-    std::atomic<uint32_t> centre{0};
+    std::atomic<uint64_t> frames {0};
+    std::atomic<uint32_t> centre {0};
     std::chrono::steady_clock::time_point firstFrame;
 };
 
@@ -146,9 +146,9 @@ Run Measure(const Engine& engine, int fps, const Options& o)
     const std::string url = "file://" SLF_BENCH_PAGES_DIR "/animated.html";
     const auto opened = std::chrono::steady_clock::now();
     std::shared_ptr<streamloft::Browser> browser;
-    if (!client ||
-        !(browser = client->OpenBrowser(
-              {url, double(kWidth), double(kHeight), double(fps), {"file://" SLF_BENCH_PAGES_DIR "/"}}, host.events()))) {
+    if (!client || !(browser = client->OpenBrowser(
+                         {url, double(kWidth), double(kHeight), double(fps), {"file://" SLF_BENCH_PAGES_DIR "/"}},
+                         host.events()))) {
         std::fprintf(stderr, "engines: %s: cannot connect to the service\n", engine.name);
         client.reset();
         Stop(s);
@@ -245,20 +245,19 @@ double Median(std::vector<double> v)
 
 void PrintRun(const char* engine, int fps, int rep, const Run& r)
 {
-    std::printf("engines: %-3s @%d #%d: %4llu frames in %5.2f s = %5.1f fps, CPU %6.2f s = %6.2f ms/frame "
-                "(service %.2f, web %.2f, network %.2f, display %.2f, other %.2f s), first frame %6.0f ms, "
-                "Pss MiB service %.0f web %.0f network %.0f display %.0f other %.0f\n",
-                engine, fps, rep, static_cast<unsigned long long>(r.frames), r.wall, r.Fps(), r.cpu, r.MsPerFrame(),
-                r.cpuByGroup.count("service") ? r.cpuByGroup.at("service") : 0.0,
-                r.cpuByGroup.count("web") ? r.cpuByGroup.at("web") : 0.0,
-                r.cpuByGroup.count("network") ? r.cpuByGroup.at("network") : 0.0,
-                r.cpuByGroup.count("display") ? r.cpuByGroup.at("display") : 0.0,
-                r.cpuByGroup.count("other") ? r.cpuByGroup.at("other") : 0.0, r.firstFrameMs,
-                r.pssMiB.count("service") ? r.pssMiB.at("service") : 0.0,
-                r.pssMiB.count("web") ? r.pssMiB.at("web") : 0.0,
-                r.pssMiB.count("network") ? r.pssMiB.at("network") : 0.0,
-                r.pssMiB.count("display") ? r.pssMiB.at("display") : 0.0,
-                r.pssMiB.count("other") ? r.pssMiB.at("other") : 0.0);
+    std::printf(
+        "engines: %-3s @%d #%d: %4llu frames in %5.2f s = %5.1f fps, CPU %6.2f s = %6.2f ms/frame "
+        "(service %.2f, web %.2f, network %.2f, display %.2f, other %.2f s), first frame %6.0f ms, "
+        "Pss MiB service %.0f web %.0f network %.0f display %.0f other %.0f\n",
+        engine, fps, rep, static_cast<unsigned long long>(r.frames), r.wall, r.Fps(), r.cpu, r.MsPerFrame(),
+        r.cpuByGroup.count("service") ? r.cpuByGroup.at("service") : 0.0,
+        r.cpuByGroup.count("web") ? r.cpuByGroup.at("web") : 0.0,
+        r.cpuByGroup.count("network") ? r.cpuByGroup.at("network") : 0.0,
+        r.cpuByGroup.count("display") ? r.cpuByGroup.at("display") : 0.0,
+        r.cpuByGroup.count("other") ? r.cpuByGroup.at("other") : 0.0, r.firstFrameMs,
+        r.pssMiB.count("service") ? r.pssMiB.at("service") : 0.0, r.pssMiB.count("web") ? r.pssMiB.at("web") : 0.0,
+        r.pssMiB.count("network") ? r.pssMiB.at("network") : 0.0,
+        r.pssMiB.count("display") ? r.pssMiB.at("display") : 0.0, r.pssMiB.count("other") ? r.pssMiB.at("other") : 0.0);
     std::fflush(stdout);
 }
 

@@ -52,10 +52,7 @@ const std::string kPagesPrefix = "file://" SLF_BENCH_PAGES_DIR "/";
 // Receive times of one browser's frames, and the first one with content.
 class PacedHost : public streamloft::BrowserEvents {
 public:
-    void BrowserDidStart(streamloft::Browser&, int browserID) override
-    {
-        Started(browserID);
-    }
+    void BrowserDidStart(streamloft::Browser&, int browserID) override { Started(browserID); }
     void BrowserDidFail(streamloft::Browser&, const streamloft::Error& error) override
     {
         if (!quiet)
@@ -114,7 +111,7 @@ public:
         return m_times;
     }
     static constexpr int kNone = -1000;
-    std::atomic<bool> quiet{false}; // refusals are expected (round trips)
+    std::atomic<bool> quiet {false}; // refusals are expected (round trips)
 
 private:
     // Any pixel that is not fully transparent.
@@ -136,7 +133,7 @@ private:
     std::vector<Clock::time_point> m_times;
     Clock::time_point m_last;
     uint64_t m_frames = 0;
-    std::atomic<bool> m_firstContent{false};
+    std::atomic<bool> m_firstContent {false};
     Clock::time_point m_firstContentAt;
 };
 
@@ -262,7 +259,8 @@ double FirstFrame(const std::string& socket, const char* helper, double* openToF
     if (!host)
         return -1;
     const auto open = Clock::now();
-    host->browser = host->client->OpenBrowser({kPagesPrefix + "light.html", 640, 360, 30, {kPagesPrefix}}, host->events());
+    host->browser =
+        host->client->OpenBrowser({kPagesPrefix + "light.html", 640, 360, 30, {kPagesPrefix}}, host->events());
     Clock::time_point at;
     if (!host->callbacks.WaitFirstContent(&at))
         return -1;

@@ -46,10 +46,7 @@ struct Settings {
 // A host that waits for the ID of its open request.
 class WaitingHost : public streamloft::BrowserEvents {
 public:
-    void BrowserDidStart(streamloft::Browser&, int browserID) override
-    {
-        Started(browserID);
-    }
+    void BrowserDidStart(streamloft::Browser&, int browserID) override { Started(browserID); }
     void BrowserDidFail(streamloft::Browser&, const streamloft::Error& error) override
     {
         if (!quiet)
@@ -150,7 +147,10 @@ struct Memory {
     long treeKiB = 0;    // proportional memory of the service and its web processes
 };
 
-Memory ReadMemory(pid_t service) { return {slfbench::ResidentKilobytes(service), slfbench::TreeProportionalKilobytes(service)}; }
+Memory ReadMemory(pid_t service)
+{
+    return {slfbench::ResidentKilobytes(service), slfbench::TreeProportionalKilobytes(service)};
+}
 
 struct Cpu {
     double service = 0; // share of one core, service process (scheduler's account, to the nanosecond)
@@ -172,9 +172,15 @@ Cpu MeasureCpu(pid_t service, double seconds)
     return cpu;
 }
 
-const char* Verdict(double share, double goal) { return share <= goal ? "met" : "MISSED"; }
+const char* Verdict(double share, double goal)
+{
+    return share <= goal ? "met" : "MISSED";
+}
 
-double Ratio(double value, double baseline) { return baseline > 0 ? value / baseline : 0; }
+double Ratio(double value, double baseline)
+{
+    return baseline > 0 ? value / baseline : 0;
+}
 
 // A connection of its own for every browser: a connection that has closed
 // its browser gets no further browser announced.
@@ -252,18 +258,21 @@ int Run(const Settings& settings, pid_t service, const std::string& socket)
     std::printf("footprint: request round trip (baseline)      %8.2f ms\n", roundTrip);
     std::printf("footprint: open -> BrowserDidStart, cold       %8.1f ms  (%.0fx round trip)\n", cold,
                 Ratio(cold, roundTrip));
-    std::printf("footprint: open -> BrowserDidStart, warm       %8.1f ms mean, %.1f ms longest of %zu  (%.0fx round trip)\n",
-                warmMean, warm.back(), warm.size(), Ratio(warmMean, roundTrip));
-    std::printf("footprint: memory, engine without browser      service RSS %6ld MiB, with web processes PSS %6ld MiB\n",
-                idleMemory.serviceKiB / 1024, idleMemory.treeKiB / 1024);
-    std::printf("footprint: memory, 1 browser                   service RSS %6ld MiB (%.2fx), with web processes PSS %6ld MiB (%.2fx)\n",
+    std::printf(
+        "footprint: open -> BrowserDidStart, warm       %8.1f ms mean, %.1f ms longest of %zu  (%.0fx round trip)\n",
+        warmMean, warm.back(), warm.size(), Ratio(warmMean, roundTrip));
+    std::printf(
+        "footprint: memory, engine without browser      service RSS %6ld MiB, with web processes PSS %6ld MiB\n",
+        idleMemory.serviceKiB / 1024, idleMemory.treeKiB / 1024);
+    std::printf("footprint: memory, 1 browser                   service RSS %6ld MiB (%.2fx), with web processes PSS "
+                "%6ld MiB (%.2fx)\n",
                 oneMemory.serviceKiB / 1024, Ratio(oneMemory.serviceKiB, idleMemory.serviceKiB),
                 oneMemory.treeKiB / 1024, Ratio(oneMemory.treeKiB, idleMemory.treeKiB));
-    std::printf("footprint: memory, 3 browsers                  service RSS %6ld MiB (%.2fx), with web processes PSS %6ld MiB (%.2fx)\n",
+    std::printf("footprint: memory, 3 browsers                  service RSS %6ld MiB (%.2fx), with web processes PSS "
+                "%6ld MiB (%.2fx)\n",
                 threeMemory.serviceKiB / 1024, Ratio(threeMemory.serviceKiB, idleMemory.serviceKiB),
                 threeMemory.treeKiB / 1024, Ratio(threeMemory.treeKiB, idleMemory.treeKiB));
-    std::printf("footprint: CPU, engine never started (baseline) service %5.3f %% of a core\n",
-                100 * neverCpu.service);
+    std::printf("footprint: CPU, engine never started (baseline) service %5.3f %% of a core\n", 100 * neverCpu.service);
     std::printf("footprint: CPU, engine without browser         service %5.3f %% of a core (goal <= 0.3 %%: %s; "
                 "baseline + %.3f), with web processes %5.2f %%\n",
                 100 * idleCpu.service, Verdict(idleCpu.service, 0.003), 100 * (idleCpu.service - neverCpu.service),

@@ -52,7 +52,7 @@ void BM_Memcpy(benchmark::State& state)
 
 double ProcessCpuNanoseconds()
 {
-    timespec now{};
+    timespec now {};
     clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &now);
     return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
 }
@@ -116,9 +116,12 @@ void BM_Deliver(benchmark::State& state)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * static_cast<int64_t>(image.size()));
     representation->removeReceiverProxiesObject(proxy);
     // Let the last replies come back before the connection goes.
-    host.PumpUntil([&] { return !representation->pixelBufferPool()
-                                || representation->pixelBufferPool()->GetOutstandingBufferCount() == 0; },
-                   std::chrono::seconds(2));
+    host.PumpUntil(
+        [&] {
+            return !representation->pixelBufferPool() ||
+                   representation->pixelBufferPool()->GetOutstandingBufferCount() == 0;
+        },
+        std::chrono::seconds(2));
 }
 
 // Prints the usual table and afterwards, per size, the delivery against its

@@ -106,8 +106,8 @@ public:
         (void)sink;
         ++frames;
     }
-    std::atomic<int> started{-2};
-    std::atomic<uint64_t> frames{0};
+    std::atomic<int> started {-2};
+    std::atomic<uint64_t> frames {0};
 };
 
 int RunServiceHost(pid_t root, const std::string& socket, const std::string& url, const Window& window)
@@ -126,11 +126,11 @@ int RunServiceHost(pid_t root, const std::string& socket, const std::string& url
         std::fprintf(stderr, "frames e2e: cannot connect to the service at %s\n", socket.c_str());
         return 1;
     }
-    auto browser = client->OpenBrowser({url, double(kWidth), double(kHeight), double(kFps), {"file://" SLF_BENCH_PAGES_DIR "/"}},
-                                       std::shared_ptr<streamloft::BrowserEvents>(std::shared_ptr<void>(), &host));
+    auto browser =
+        client->OpenBrowser({url, double(kWidth), double(kHeight), double(kFps), {"file://" SLF_BENCH_PAGES_DIR "/"}},
+                            std::shared_ptr<streamloft::BrowserEvents>(std::shared_ptr<void>(), &host));
     const Result r = Measure("service + host library", root, host.frames, window);
-    std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds,
-                r.wallSeconds);
+    std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds, r.wallSeconds);
     std::fflush(stdout);
     return 0;
 }
@@ -143,19 +143,17 @@ void OnHandoff(GstElement*, GstBuffer*, GstPad*, gpointer counter)
 int RunWpeVideoSrc(pid_t root, const std::string& url, const Window& window)
 {
     gst_init(nullptr, nullptr);
-    const std::string description = "wpevideosrc location=\"" + url + "\"" +
-                                    (window.transparentReference ? " draw-background=false" : "") +
-                                    " ! video/x-raw,width=" +
-                                    std::to_string(kWidth) + ",height=" + std::to_string(kHeight) +
-                                    ",framerate=" + std::to_string(kFps) +
-                                    "/1 ! fakesink name=sink sync=true signal-handoffs=true";
+    const std::string description =
+        "wpevideosrc location=\"" + url + "\"" + (window.transparentReference ? " draw-background=false" : "") +
+        " ! video/x-raw,width=" + std::to_string(kWidth) + ",height=" + std::to_string(kHeight) +
+        ",framerate=" + std::to_string(kFps) + "/1 ! fakesink name=sink sync=true signal-handoffs=true";
     GError* error = nullptr;
     GstElement* pipeline = gst_parse_launch(description.c_str(), &error);
     if (!pipeline) {
         std::fprintf(stderr, "frames e2e: %s\n", error ? error->message : "no pipeline");
         return 1;
     }
-    std::atomic<uint64_t> frames{0};
+    std::atomic<uint64_t> frames {0};
     GstElement* sink = gst_bin_get_by_name(GST_BIN(pipeline), "sink");
     g_signal_connect(sink, "handoff", G_CALLBACK(OnHandoff), &frames);
     gst_object_unref(sink);
@@ -164,8 +162,7 @@ int RunWpeVideoSrc(pid_t root, const std::string& url, const Window& window)
         return 1;
     }
     const Result r = Measure("wpevideosrc ! fakesink", root, frames, window);
-    std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds,
-                r.wallSeconds);
+    std::printf("%d %llu %.3f %.3f\n", r.ok, static_cast<unsigned long long>(r.frames), r.cpuSeconds, r.wallSeconds);
     std::fflush(stdout);
     gst_element_set_state(pipeline, GST_STATE_NULL);
     gst_object_unref(pipeline);

@@ -124,7 +124,10 @@ inline long ReadKilobytes(pid_t pid, const char* file, const std::string& key)
 }
 
 // Resident memory of one process (VmRSS) in KiB.
-inline long ResidentKilobytes(pid_t pid) { return ReadKilobytes(pid, "status", "VmRSS"); }
+inline long ResidentKilobytes(pid_t pid)
+{
+    return ReadKilobytes(pid, "status", "VmRSS");
+}
 
 // Proportional memory (Pss: shared pages split among their users) of a
 // whole tree in KiB, so that libraries shared by the service and its web

@@ -22,7 +22,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 namespace {
 
 // GTK and WebKit exist once per process: the engine is initialised once.
-std::atomic<bool> g_bEngineClaimed{false};
+std::atomic<bool> g_bEngineClaimed {false};
 
 const char kRendererProcessType[] = "renderer";
 // Shutdown runs inside the wrapper's 2000 ms stop wait: the engine's
@@ -80,8 +80,8 @@ struct GtkTaskSource {
     }
 };
 
-static GSourceFuncs s_GtkTaskSourceFuncs = {GtkTaskSource::Prepare, GtkTaskSource::Check, GtkTaskSource::Dispatch,
-                                            nullptr, nullptr, nullptr};
+static GSourceFuncs s_GtkTaskSourceFuncs = {
+    GtkTaskSource::Prepare, GtkTaskSource::Check, GtkTaskSource::Dispatch, nullptr, nullptr, nullptr};
 
 EnginePort* CreateGtkEnginePort()
 {
@@ -176,8 +176,7 @@ bool GtkEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
     // WebKitGTK web process.
     const std::string extensionFolder = m_strModuleFolder + "/web-extensions-gtk";
     webkit_web_context_set_web_extensions_directory(m_pWebContext, extensionFolder.c_str());
-    g_signal_connect(m_pWebContext, "initialize-web-extensions",
-                     G_CALLBACK(+[](WebKitWebContext*, gpointer self) {
+    g_signal_connect(m_pWebContext, "initialize-web-extensions", G_CALLBACK(+[](WebKitWebContext*, gpointer self) {
                          static_cast<GtkEnginePort*>(self)->OnInitializeWebExtensions();
                      }),
                      this);

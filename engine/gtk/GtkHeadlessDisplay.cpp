@@ -32,7 +32,7 @@ bool CanConnect(const std::string& path)
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0)
         return false;
-    sockaddr_un address{};
+    sockaddr_un address {};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
     const bool ok = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
@@ -178,7 +178,7 @@ bool GtkHeadlessDisplay::StartXvfb()
     std::string number;
     const auto deadline = std::chrono::steady_clock::now() + kStartWait;
     while (std::chrono::steady_clock::now() < deadline) {
-        pollfd p{fds[0], POLLIN, 0};
+        pollfd p {fds[0], POLLIN, 0};
         if (poll(&p, 1, 50) > 0) {
             char buffer[32];
             const ssize_t n = read(fds[0], buffer, sizeof buffer);

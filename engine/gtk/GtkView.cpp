@@ -31,17 +31,24 @@ void ApplyState(WebKitSettings* settings, EngineState state, void (*setter)(WebK
         setter(settings, FALSE);
 }
 
-GSourceFuncs s_FrameTimerFuncs = {nullptr, nullptr,
+GSourceFuncs s_FrameTimerFuncs = {nullptr,
+                                  nullptr,
                                   [](GSource*, GSourceFunc callback, gpointer data) -> gboolean {
                                       return callback ? callback(data) : G_SOURCE_CONTINUE;
                                   },
-                                  nullptr, nullptr, nullptr};
+                                  nullptr,
+                                  nullptr,
+                                  nullptr};
 
 } // namespace
 
 GtkView::GtkView(GtkEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
                  const std::string& url)
-    : m_Port(port), m_nId(id), m_pClient(client), m_Settings(settings), m_strUrl(url.empty() ? "about:blank" : url)
+    : m_Port(port),
+      m_nId(id),
+      m_pClient(client),
+      m_Settings(settings),
+      m_strUrl(url.empty() ? "about:blank" : url)
 {
     const int rate = std::clamp(settings.windowless_frame_rate, kMinFrameRate, kMaxFrameRate);
     m_nFramePeriod = G_USEC_PER_SEC / rate;
@@ -120,8 +127,8 @@ void GtkView::Open()
     webkit_settings_set_media_playback_requires_user_gesture(settings, FALSE);
     webkit_settings_set_enable_webaudio(settings, TRUE);
     webkit_settings_set_javascript_can_open_windows_automatically(settings, TRUE);
-    m_pView = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", m_Port.GetWebContext(), "settings",
-                                           settings, nullptr));
+    m_pView = WEBKIT_WEB_VIEW(
+        g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", m_Port.GetWebContext(), "settings", settings, nullptr));
     g_object_unref(settings);
     GdkRGBA transparent = {0.0, 0.0, 0.0, 0.0};
     webkit_web_view_set_background_color(m_pView, &transparent);

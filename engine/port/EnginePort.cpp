@@ -5,7 +5,7 @@
 namespace SLF_ChromiumEmbeddedFramework {
 
 namespace {
-std::atomic<EnginePort*> g_enginePort{nullptr};
+std::atomic<EnginePort*> g_enginePort {nullptr};
 }
 
 void SetEnginePort(EnginePort* port)

@@ -200,8 +200,7 @@ public:
     virtual ~EngineAudioHandler() = default;
     virtual void OnAudioStreamStarted(EngineBrowserRef browser, int audioStreamId, int sampleRate, int channels,
                                       int bitsPerSample, int64_t bufferDuration) = 0;
-    virtual void OnAudioStreamPacket(EngineBrowserRef browser, int audioStreamId, const void* data,
-                                     int dataLength) = 0;
+    virtual void OnAudioStreamPacket(EngineBrowserRef browser, int audioStreamId, const void* data, int dataLength) = 0;
     virtual void OnAudioSteamStopped(EngineBrowserRef browser, int audioStreamId) = 0;
 };
 
@@ -209,8 +208,7 @@ class EngineResourceHandler {
 public:
     virtual ~EngineResourceHandler() = default;
     virtual bool ProcessRequest(EngineRequestRef request, EngineCallbackRef callback) = 0;
-    virtual void GetResponseHeaders(EngineResponseRef response, int64_t& responseLength,
-                                    std::string& redirectUrl) = 0;
+    virtual void GetResponseHeaders(EngineResponseRef response, int64_t& responseLength, std::string& redirectUrl) = 0;
     virtual bool ReadResponse(void* dataOut, int bytesToRead, int& bytesRead, EngineCallbackRef callback) = 0;
     virtual void Cancel() = 0;
 };

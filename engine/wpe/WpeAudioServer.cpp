@@ -14,7 +14,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 
 namespace {
 
-std::atomic<int> g_nNextStreamId{1};
+std::atomic<int> g_nNextStreamId {1};
 
 EngineAudioHandler* HandlerOf(const WpeAudioServer::Stream& stream)
 {
@@ -34,7 +34,8 @@ void EndStream(WpeAudioServer::Stream& stream)
 } // namespace
 
 WpeAudioServer::WpeAudioServer(WpeEnginePort& port)
-    : m_Port(port), m_Server("WpeAudioServer", "audio thread", "SlfAudio", kMaxAudioMessageBytes)
+    : m_Port(port),
+      m_Server("WpeAudioServer", "audio thread", "SlfAudio", kMaxAudioMessageBytes)
 {
 }
 
@@ -102,8 +103,7 @@ void WpeAudioServer::Stop()
     m_Server.Stop();
 }
 
-bool WpeAudioServer::OnMessage(const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size,
-                               std::string& error)
+bool WpeAudioServer::OnMessage(const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error)
 {
     Stream& stream = m_Streams[peer.fd];
     AudioFrameHeader header = {};

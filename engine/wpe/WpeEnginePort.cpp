@@ -27,7 +27,7 @@ namespace {
 
 // WebKit, its run loop and the backend loader exist once per process, so
 // the engine can be initialised only once, whatever the port object.
-std::atomic<bool> g_bEngineClaimed{false};
+std::atomic<bool> g_bEngineClaimed {false};
 
 const char kBackendLibrary[] = "libWPEBackend-fdo-1.0.so.1";
 const char kRendererProcessType[] = "renderer";
@@ -59,8 +59,8 @@ struct TaskSource {
     }
 };
 
-static GSourceFuncs s_TaskSourceFuncs = {TaskSource::Prepare, TaskSource::Check, TaskSource::Dispatch, nullptr,
-                                         nullptr, nullptr};
+static GSourceFuncs s_TaskSourceFuncs = {
+    TaskSource::Prepare, TaskSource::Check, TaskSource::Dispatch, nullptr, nullptr, nullptr};
 
 EnginePort* CreateWpeEnginePort()
 {

@@ -155,14 +155,14 @@ private:
     std::set<std::pair<int, const WpeView*>> m_ProcessViews;
 
     bool m_bSandboxed = false;
-    std::atomic<bool> m_bRunning{false};
-    std::atomic<int> m_nNextBrowserId{1};
+    std::atomic<bool> m_bRunning {false};
+    std::atomic<int> m_nNextBrowserId {1};
 
     // Task queue. Lock order: a leaf lock; nothing else is taken or called
     // while it is held.
     std::mutex m_TaskMutex;
     std::deque<std::function<void()>> m_Tasks;
-    std::atomic<bool> m_bHasTasks{false};
+    std::atomic<bool> m_bHasTasks {false};
 };
 
 } // namespace SLF_ChromiumEmbeddedFramework

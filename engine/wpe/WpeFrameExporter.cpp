@@ -34,16 +34,22 @@ struct WpeFrameExporter::BackendHolder {
 
 namespace {
 
-GSourceFuncs s_FrameTimerFuncs = {nullptr, nullptr,
+GSourceFuncs s_FrameTimerFuncs = {nullptr,
+                                  nullptr,
                                   [](GSource*, GSourceFunc callback, gpointer data) -> gboolean {
                                       return callback ? callback(data) : G_SOURCE_CONTINUE;
                                   },
-                                  nullptr, nullptr, nullptr};
+                                  nullptr,
+                                  nullptr,
+                                  nullptr};
 
 } // namespace
 
 WpeFrameExporter::WpeFrameExporter(GMainContext* context, int browserId, int frameRate, PaintFn paint)
-    : m_pContext(context), m_nBrowserId(browserId), m_nFrameRate(frameRate), m_Paint(std::move(paint))
+    : m_pContext(context),
+      m_nBrowserId(browserId),
+      m_nFrameRate(frameRate),
+      m_Paint(std::move(paint))
 {
 }
 
@@ -64,8 +70,8 @@ WpeFrameExporter::~WpeFrameExporter()
 WebKitWebViewBackend* WpeFrameExporter::Start(uint32_t width, uint32_t height, std::shared_ptr<void> keepAlive)
 {
     static const struct wpe_view_backend_exportable_fdo_client client = {nullptr, nullptr, ExportShmBufferThunk,
-                                                                          nullptr, nullptr};
-    auto* holder = new BackendHolder{this, std::move(keepAlive), nullptr};
+                                                                         nullptr, nullptr};
+    auto* holder = new BackendHolder {this, std::move(keepAlive), nullptr};
     holder->exportable = wpe_view_backend_exportable_fdo_create(&client, holder, width, height);
     m_pExportable = holder->exportable;
     m_bRunning = true;
@@ -145,7 +151,7 @@ void WpeFrameExporter::OnExportedBuffer(BackendHolder* holder, struct wpe_fdo_sh
                 // another buffer meanwhile).
                 ReleaseHeldBuffer();
                 DropLastImage();
-                m_pHeldBuffer.reset(new HeldBuffer{{}, this, buffer, shm, width, height});
+                m_pHeldBuffer.reset(new HeldBuffer {{}, this, buffer, shm, width, height});
                 m_pHeldBuffer->destroyListener.notify = HeldBufferDestroyed;
                 wl_resource_add_destroy_listener(resource, &m_pHeldBuffer->destroyListener);
                 held = true;
@@ -169,8 +175,8 @@ void WpeFrameExporter::OnExportedBuffer(BackendHolder* holder, struct wpe_fdo_sh
             }
         }
         if (!held && !copied)
-            NSLog("WpeView - browser %d: unusable frame (format %u, %d x %d, stride %d) dropped", m_nBrowserId,
-                  format, width, height, stride);
+            NSLog("WpeView - browser %d: unusable frame (format %u, %d x %d, stride %d) dropped", m_nBrowserId, format,
+                  width, height, stride);
     }
     if (!held)
         wpe_view_backend_exportable_fdo_dispatch_release_shm_exported_buffer(m_pExportable, buffer);

@@ -59,8 +59,8 @@ public:
 
 private:
     static uint32_t EventTime();
-    static void DispatchKey(struct wpe_view_backend* backend, uint32_t keysym, uint32_t hardwareKeyCode,
-                            bool pressed, uint32_t modifiers);
+    static void DispatchKey(struct wpe_view_backend* backend, uint32_t keysym, uint32_t hardwareKeyCode, bool pressed,
+                            uint32_t modifiers);
 
     std::set<uint32_t> m_PressedKeys; // hardware key codes (or key symbols with the top bit)
     int64_t m_nLastPressTime = 0;     // monotonic microseconds

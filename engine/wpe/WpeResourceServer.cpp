@@ -46,10 +46,7 @@ public:
     void SetStatus(int status) override { m_nStatus = status; }
     int GetStatus() override { return m_nStatus; }
     void SetMimeType(const std::string& mimeType) override { m_strMimeType = mimeType; }
-    void SetHeader(const std::string& name, const std::string& value) override
-    {
-        m_Headers.emplace_back(name, value);
-    }
+    void SetHeader(const std::string& name, const std::string& value) override { m_Headers.emplace_back(name, value); }
 
     int m_nStatus = 0;
     std::string m_strMimeType;
@@ -110,7 +107,8 @@ void FinishRequest(WebKitURISchemeRequest* request, ResourceResult& result)
 } // namespace
 
 WpeResourceServer::WpeResourceServer(WpeEnginePort& port)
-    : m_Port(port), m_Server("WpeResourceServer", "resource thread", "SlfResources", kMaxFrameBytes)
+    : m_Port(port),
+      m_Server("WpeResourceServer", "resource thread", "SlfResources", kMaxFrameBytes)
 {
 }
 
@@ -192,7 +190,7 @@ void WpeResourceServer::RunJobs()
 
 void WpeResourceServer::OnAccept(int fd, int pid)
 {
-    m_Connections[fd] = Connection{pid, {}};
+    m_Connections[fd] = Connection {pid, {}};
 }
 
 bool WpeResourceServer::OnMessage(const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size,
@@ -209,7 +207,7 @@ bool WpeResourceServer::OnMessage(const WpeSocketServer::Peer& peer, const uint8
     guint64 pageId = 0;
     const gchar* url = nullptr;
     g_variant_get(question, "(t&s)", &pageId, &url);
-    connection->second.questions.push_back(Question{pageId, url, g_get_monotonic_time()});
+    connection->second.questions.push_back(Question {pageId, url, g_get_monotonic_time()});
     g_variant_unref(question);
     if (connection->second.questions.size() > kMaxWaitingQuestions) {
         error = "too many questions without waiting for the answers";
@@ -308,9 +306,8 @@ ResourceVerdictAndUrl WpeResourceServer::Answer(uint64_t pageId, const std::stri
         return {kLoadNormally, std::string()};
 
     const int64_t now = g_get_monotonic_time();
-    std::erase_if(m_Pending, [now](const auto& entry) {
-        return now - entry.second.created > kPendingLifetimeMicroseconds;
-    });
+    std::erase_if(m_Pending,
+                  [now](const auto& entry) { return now - entry.second.created > kPendingLifetimeMicroseconds; });
     std::string token = NewResourceToken();
     if (token.empty() || m_Pending.count(token)) {
         NSLog("WpeResourceServer - no random token for a request of page %llu; refused",
@@ -324,7 +321,7 @@ ResourceVerdictAndUrl WpeResourceServer::Answer(uint64_t pageId, const std::stri
     EngineResourceHandler* handler = requestHandler->GetResourceHandler(view, view, request);
     if (!handler)
         return {kLoadNormally, std::string()};
-    m_Pending[token] = Pending{view, pageId, request, handler, now};
+    m_Pending[token] = Pending {view, pageId, request, handler, now};
     return {kTakenOver, ResourceUrlForToken(token)};
 }
 

@@ -33,8 +33,9 @@ bool WpeSandboxWorksHere(std::string& why)
         }
         g_free(path);
     }
-    const gchar* argv[] = {"bwrap", "--unshare-all", "--die-with-parent", "--ro-bind", "/", "/", "--dev", "/dev",
-                           "--proc", "/proc", "true", nullptr};
+    const gchar* argv[] = {
+        "bwrap", "--unshare-all", "--die-with-parent", "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc",
+        "true",  nullptr};
     gchar* errors = nullptr;
     gint status = 0;
     GError* error = nullptr;

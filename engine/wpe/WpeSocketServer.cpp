@@ -27,8 +27,7 @@ constexpr size_t kReadChunk = 64 * 1024;
 
 int64_t NowMs()
 {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 
@@ -43,9 +42,11 @@ struct WpeSocketServer::Connection {
     int64_t deadline = 0;
 };
 
-WpeSocketServer::WpeSocketServer(const char* owner, const char* role, const char* threadName,
-                                 size_t maxMessageBytes)
-    : m_szOwner(owner), m_szRole(role), m_szThreadName(threadName), m_nMaxMessageBytes(maxMessageBytes)
+WpeSocketServer::WpeSocketServer(const char* owner, const char* role, const char* threadName, size_t maxMessageBytes)
+    : m_szOwner(owner),
+      m_szRole(role),
+      m_szThreadName(threadName),
+      m_nMaxMessageBytes(maxMessageBytes)
 {
 }
 
@@ -123,7 +124,7 @@ bool WpeSocketServer::Receive(Connection& connection, std::string& error, bool& 
 
     size_t used = 0;
     bool handed = false;
-    const Peer peer{connection.fd, connection.pid};
+    const Peer peer {connection.fd, connection.pid};
     while (connection.buffer.size() - used >= kLengthBytes) {
         uint32_t length = 0;
         std::memcpy(&length, connection.buffer.data() + used, kLengthBytes);
@@ -218,8 +219,7 @@ void WpeSocketServer::ThreadMain()
             if (fds[i + 2].revents && !Receive(connection, error, peerEnded))
                 end(connection, error);
             else if (connection.deadline && now >= connection.deadline)
-                end(connection, "a message stayed half-sent for more than " + std::to_string(m_nHalfMessageMs) +
-                                    " ms");
+                end(connection, "a message stayed half-sent for more than " + std::to_string(m_nHalfMessageMs) + " ms");
         }
         std::erase_if(connections, [](const Connection& connection) { return connection.fd < 0; });
     }

@@ -85,7 +85,7 @@ private:
     int m_nListenFd = -1;
     int m_nWakeFd = -1;
     std::thread m_Thread;
-    std::atomic<bool> m_bStop{false};
+    std::atomic<bool> m_bStop {false};
 };
 
 } // namespace SLF_ChromiumEmbeddedFramework

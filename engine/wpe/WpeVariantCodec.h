@@ -29,8 +29,7 @@ GVariant* ProcessMessageArgumentsToVariant(const EngineProcessMessage& message);
 // not a tuple count as a one-element list; booleans and the integer types
 // become int, strings and object paths become strings. Any other value type
 // makes the message unreadable: nullptr, with the reason in error.
-EngineProcessMessageRef ProcessMessageFromVariant(const std::string& name, GVariant* parameters,
-                                                  std::string& error);
+EngineProcessMessageRef ProcessMessageFromVariant(const std::string& name, GVariant* parameters, std::string& error);
 
 // The module's initialisation data (a new floating a{sv}).
 GVariant* ExtensionInitDataToVariant(const std::string& processType, const EngineCommandLine& switches);

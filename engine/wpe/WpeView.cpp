@@ -35,7 +35,11 @@ void ApplyState(WebKitSettings* settings, EngineState state, void (*setter)(WebK
 
 WpeView::WpeView(WpeEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
                  const std::string& url)
-    : m_Port(port), m_nId(id), m_pClient(client), m_Settings(settings), m_strUrl(url.empty() ? "about:blank" : url)
+    : m_Port(port),
+      m_nId(id),
+      m_pClient(client),
+      m_Settings(settings),
+      m_strUrl(url.empty() ? "about:blank" : url)
 {
     m_pFrames = std::make_unique<WpeFrameExporter>(
         port.GetMainContext(), id, std::clamp(settings.windowless_frame_rate, kMinFrameRate, kMaxFrameRate),
@@ -157,9 +161,8 @@ void WpeView::Open()
                          return static_cast<WpeView*>(self)->OnUserMessage(message);
                      }),
                      this);
-    g_signal_connect(m_pView, "close", G_CALLBACK(+[](WebKitWebView*, gpointer self) {
-                         static_cast<WpeView*>(self)->Close(true);
-                     }),
+    g_signal_connect(m_pView, "close",
+                     G_CALLBACK(+[](WebKitWebView*, gpointer self) { static_cast<WpeView*>(self)->Close(true); }),
                      this);
     g_signal_connect(m_pView, "web-process-terminated",
                      G_CALLBACK(+[](WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer self) {
@@ -452,8 +455,7 @@ void WpeView::OnPopupRequest(WebKitNavigationAction* action)
     if (EngineLifeSpanHandler* handler = m_pClient->GetLifeSpanHandler())
         cancelled = handler->OnBeforePopup(shared_from_this(), target);
     if (!cancelled)
-        NSLog("WpeView - browser %d: popup to %s refused; off-screen browsers open no windows", m_nId,
-              target.c_str());
+        NSLog("WpeView - browser %d: popup to %s refused; off-screen browsers open no windows", m_nId, target.c_str());
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -79,7 +79,8 @@ TEST_F(AccessEndToEnd, PermittedFilesLoadOthersAreRefusedAndSettingsComeFromTheH
     const std::string text = Log();
     // settings / text request status-body length / permitted image / refused image
     EXPECT_NE(report.find("file:///slf-access-report/hello-from-host/200-0/loaded/error "), std::string::npos)
-        << report << "\n" << text;
+        << report << "\n"
+        << text;
     // A refusal names the URL and the whole permitted list.
     EXPECT_NE(FindLine(text, "Blocked URL file://" + dir_ + "/secret/blocked.svg [("), "") << text;
     EXPECT_NE(text.find("\"" + Permitted() + "\""), std::string::npos);
@@ -120,13 +121,15 @@ TEST_F(AccessEndToEnd, ABrowserWaitingForSettingsHoldsUpNoNeighbourAndLeaksNothi
 
     // leaks / own settings / permitted images loaded / tries
     EXPECT_NE(proberReport.find("file:///slf-prober-report/0/prober-own/5/"), std::string::npos)
-        << "the prober did not report in time, or saw something: " << proberReport << "\n" << text;
+        << "the prober did not report in time, or saw something: " << proberReport << "\n"
+        << text;
     EXPECT_GT(proberFramesWhileVictimWaited, 0);
     // The pages' own loads of the scheme stop in their web process.
     EXPECT_NE(text.find("loads the internal URL slfcef-resource:"), std::string::npos) << text;
     // settings / permitted image / refused image
     EXPECT_NE(victimReport.find("file:///slf-victim-report/" + secret + "/loaded/error "), std::string::npos)
-        << victimReport << "\n" << text;
+        << victimReport << "\n"
+        << text;
 }
 
 } // namespace

@@ -15,7 +15,8 @@ namespace {
 // Looks at each buffer (bytes, sample size, loudest sample) and lets it go at
 // once, which gives its slot back to the service.
 struct AudioHost : RecordingCallbacks {
-    void BrowserDidReceiveAudioStream(Browser& b, int stream, std::shared_ptr<const streamloft::AudioBuffer> buf) override
+    void BrowserDidReceiveAudioStream(Browser& b, int stream,
+                                      std::shared_ptr<const streamloft::AudioBuffer> buf) override
     {
         if (!buf)
             return RecordingCallbacks::BrowserDidReceiveAudioStream(b, stream, buf);
@@ -69,7 +70,8 @@ TEST_F(AudioEndToEnd, AWebAudioToneArrivesAsPcmInPooledSlotsThatComeBack)
     EXPECT_TRUE(WaitUntil([&] { return double(host.Bytes() - bytesAtBegin) >= 2 * bytesPerSecond; }, 30s))
         << "less than two seconds of audio in 30 s";
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
-    RecordProperty("audio_seconds_per_second", std::to_string(double(host.Bytes() - bytesAtBegin) / bytesPerSecond / seconds));
+    RecordProperty("audio_seconds_per_second",
+                   std::to_string(double(host.Bytes() - bytesAtBegin) / bytesPerSecond / seconds));
     // More buffers than the pool has slots: only returned slots carry these.
     EXPECT_NE(host.WaitFor("audio-buffer ", 30s, 301), "") << "the pool ran dry";
     {

@@ -66,8 +66,8 @@ TEST(NVKXPCAudioBufferPool, SlotsAreCarvedInAscendingOrderAndRunOut)
     EXPECT_TRUE(again->length() == 0u && again->sampleRate() == 44100 && again->channelCount() == 1 &&
                 again->bitsPerSample() == 32);
 
-    for (const auto& [size, count] : {std::pair<uint64_t, uint64_t>{0, 200}, {3840, 0}, {16 * 1024 * 1024 + 1, 1},
-                                      {1, 1000001}})
+    for (const auto& [size, count] :
+         {std::pair<uint64_t, uint64_t> {0, 200}, {3840, 0}, {16 * 1024 * 1024 + 1, 1}, {1, 1000001}})
         EXPECT_FALSE(NVKXPCAudioBufferPool::initWithBufferSize(size, count)) << size << " " << count;
 
     // Pool and buffers do not keep each other alive; a late reply does nothing.
@@ -152,12 +152,15 @@ TEST(NVKXPCAudioBufferPool, ReceivingPoolRefusesBadRecordsAndHostileBuffers)
     auto sent = sender->bufferFromPool();
     int returns = 0;
     auto adopts = [&](uint64_t offset, uint64_t size) {
-        auto buffer = NVKXPCAudioBuffer::initWithRecord(Edited(
-            Edited(sent->encodeRecord(), "NVKOffset", g_variant_new_uint64(offset)), "NVKShmemSize", g_variant_new_uint64(size)));
+        auto buffer = NVKXPCAudioBuffer::initWithRecord(
+            Edited(Edited(sent->encodeRecord(), "NVKOffset", g_variant_new_uint64(offset)), "NVKShmemSize",
+                   g_variant_new_uint64(size)));
         return buffer && receiver->receivedBuffer(buffer, [&returns] { ++returns; });
     };
-    for (const auto& [offset, size] : {std::pair<uint64_t, uint64_t>{4 * 4096, 4096}, {3 * 4096 + 1, 4096},
-                                       {UINT64_MAX - 100, 4096}, {4096, 4 * 4096}})
+    for (const auto& [offset, size] : {std::pair<uint64_t, uint64_t> {4 * 4096, 4096},
+                                       {3 * 4096 + 1, 4096},
+                                       {UINT64_MAX - 100, 4096},
+                                       {4096, 4 * 4096}})
         EXPECT_FALSE(adopts(offset, size)) << offset;
     EXPECT_EQ(receiver->freeBufferCount(), 0);
     EXPECT_TRUE(adopts(3 * 4096, 4096) && adopts(0, 4 * 4096)); // the last slot, a whole-segment slot

@@ -48,12 +48,12 @@ TEST(NVKXPCAudioBuffer, RecordRoundTripsAndDecodingIsStrict)
     EXPECT_TRUE(decoded->sampleRate() == INT64_MIN && decoded->channelCount() == -1 &&
                 decoded->bitsPerSample() == INT64_MAX);
     EXPECT_EQ(decoded->presentationTime(), UINT64_MAX - 7);
-    EXPECT_EQ(decoded->mappedMemory(), nullptr); // not mapped until a pool adopts it
+    EXPECT_EQ(decoded->mappedMemory(), nullptr);                                 // not mapped until a pool adopts it
     EXPECT_EQ(decode("NVKLength", g_variant_new_uint64(9999))->length(), 1024u); // clamped to the slot
 
     // Missing keys, wrong types, bad slot sizes and non-dictionaries decode to nothing.
-    for (const char* key : {"NVKShmemSize", "NVKLength", "NVKOffset", "NVKSampleRate", "NVKChannelCount",
-                            "NVKBitsPerSample"})
+    for (const char* key :
+         {"NVKShmemSize", "NVKLength", "NVKOffset", "NVKSampleRate", "NVKChannelCount", "NVKBitsPerSample"})
         EXPECT_FALSE(decode(key) || decode(key, g_variant_new_int32(1))) << key;
     EXPECT_FALSE(decode("NVKSampleRate", g_variant_new_uint64(1)));
     // The presentation time is optional: missing or mistyped reads as 0.

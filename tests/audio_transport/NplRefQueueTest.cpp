@@ -7,7 +7,8 @@
 
 namespace {
 
-std::shared_ptr<int> MakeItem(int value, std::function<void()> onRelease = [] {})
+std::shared_ptr<int> MakeItem(
+    int value, std::function<void()> onRelease = [] {})
 {
     return std::shared_ptr<int>(new int(value), [onRelease](int* item) {
         delete item;

@@ -38,9 +38,9 @@ protected:
         DbgGetSyslog().port = 514;
         DbgGetSyslog().headerType = 1;
         DbgGetSettings().colorize = false;
-        for (const char* command : {"null", "notime", "addtag", "addlevel", "functionname", "nothreadid", "nodeltatime",
-                                    "nofunctionpurename", "noreftime", "functionnamefilter", "filter_debug",
-                                    "filter_info", "filter_warning", "callback"})
+        for (const char* command :
+             {"null", "notime", "addtag", "addlevel", "functionname", "nothreadid", "nodeltatime", "nofunctionpurename",
+              "noreftime", "functionnamefilter", "filter_debug", "filter_info", "filter_warning", "callback"})
             dbgcommand(command);
         dbgsetcallback(&Receive, this);
     }

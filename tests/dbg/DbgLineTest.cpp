@@ -48,14 +48,10 @@ TEST_F(DbgLineTest, DecorationsLevelTagsAndThreadId)
         int level;
         const char* module;
         const char* expected;
-    } cases[] = {{nullptr, 0, "ab", "ab   ERR void F(): m\n"},
-                 {nullptr, 1, "ab", "ab   wrn void F(): m\n"},
-                 {nullptr, 3, "ab", "ab       void F(): m\n"},
-                 {nullptr, 9, "network", "network     void F(): m\n"},
-                 {"noaddtag", 2, "net", "inf void F(): m\n"},
-                 {"noaddlevel", 2, "net", "void F(): m\n"},
-                 {"nofunctionname", 2, "net", "m\n"},
-                 {"addtag", 2, "", "m\n"}};
+    } cases[] = {{nullptr, 0, "ab", "ab   ERR void F(): m\n"}, {nullptr, 1, "ab", "ab   wrn void F(): m\n"},
+                 {nullptr, 3, "ab", "ab       void F(): m\n"}, {nullptr, 9, "network", "network     void F(): m\n"},
+                 {"noaddtag", 2, "net", "inf void F(): m\n"},  {"noaddlevel", 2, "net", "void F(): m\n"},
+                 {"nofunctionname", 2, "net", "m\n"},          {"addtag", 2, "", "m\n"}};
     for (const auto& c : cases) {
         if (c.command)
             dbgcommand(c.command);
@@ -111,8 +107,9 @@ TEST_F(DbgLineTest, FunctionNameShapes)
 TEST_F(DbgLineTest, ReferenceAndDeltaTimes)
 {
     char text[32];
-    for (const auto& [us, expected] : {std::pair<int64_t, const char*>{1234567, " 1.234.567 "},
-                                       {5000007, " 5.  0.  7 "}, {1061001002, "61.  1.  2 "}}) {
+    for (const auto& [us, expected] : {std::pair<int64_t, const char*> {1234567, " 1.234.567 "},
+                                       {5000007, " 5.  0.  7 "},
+                                       {1061001002, "61.  1.  2 "}}) {
         DbgFormatElapsed(text, sizeof text, us);
         EXPECT_STREQ(text, expected);
     }
@@ -144,8 +141,8 @@ TEST_F(DbgLineTest, LevelFiltersKeepMatchingMessagesOnly)
     std::vector<std::string> texts;
     for (const auto& line : Lines())
         texts.push_back(line.text);
-    EXPECT_EQ(texts, (std::vector<std::string>{"eng  inf ---> Stopping audio stream : 4\n", "eng  inf stopped\n",
-                                               "eng  wrn late frame\n", "eng  wrn LATE FRAME\n"}));
+    EXPECT_EQ(texts, (std::vector<std::string> {"eng  inf ---> Stopping audio stream : 4\n", "eng  inf stopped\n",
+                                                "eng  wrn late frame\n", "eng  wrn LATE FRAME\n"}));
 }
 
 TEST_F(DbgLineTest, LinesAreCutAt4096BytesWithTheirEnd)
@@ -181,7 +178,9 @@ TEST_F(DbgLineTest, CallSiteMacroTestsTheFlagBeforeFormatting)
     EXPECT_TRUE(Lines().empty());
     NPL_DBGPRINTF(module, 1, "on %s", Counted());
     EXPECT_EQ(g_formatted, 1);
-    EXPECT_EQ(Last(), "macro wrn {anonymous}::DbgLineTest_CallSiteMacroTestsTheFlagBeforeFormatting_Test::TestBody(): on arg\n");
+    EXPECT_EQ(
+        Last(),
+        "macro wrn {anonymous}::DbgLineTest_CallSiteMacroTestsTheFlagBeforeFormatting_Test::TestBody(): on arg\n");
 }
 
 using DbgCommandTest = DbgFixture;

@@ -66,7 +66,8 @@ TEST_F(DbgSinksTest, UdpHeaderTypes)
     } cases[] = {
         {"none", 2, "plain line", "udp  inf plain line"}, // the final line feed is not sent
         {"PRI", 1, "warned\n", "<12> udp  wrn warned"},
-        {"RFC3164", 2, "info", "<14>[A-Z][a-z]{2} [ 0-9][0-9] [0-9:]{8} [0-9.]* slf-dbg-test\\[" + pid + "\\]: udp  inf info"},
+        {"RFC3164", 2, "info",
+         "<14>[A-Z][a-z]{2} [ 0-9][0-9] [0-9:]{8} [0-9.]* slf-dbg-test\\[" + pid + "\\]: udp  inf info"},
         {"RFC5424", 0, "failed", "<11>1 - [0-9.]* slf-dbg-test " + pid + " npl - udp  ERR failed"},
         {"RFC5424", 7, "other", "<15>1 - .* udp      other"},
     };

@@ -70,7 +70,7 @@ TEST_F(BrowserLifecycle, ClosingABrowserStopsEachOfItsAudioStreams)
     const auto audio = m_Recorder.AudioCalls();
     ASSERT_EQ(audio.size(), 4u);
     EXPECT_EQ(std::vector(audio.begin() + 2, audio.end()),
-              (std::vector<AudioCall>{{11, 0, 0, 0, 0, false}, {12, 0, 0, 0, 0, false}}));
+              (std::vector<AudioCall> {{11, 0, 0, 0, 0, false}, {12, 0, 0, 0, 0, false}}));
     m_Port.EmitClose(id); // a notice for a browser the client no longer knows
     EXPECT_EQ(m_Recorder.AudioCalls().size(), 4u);
 }
@@ -85,7 +85,7 @@ TEST_F(BrowserLifecycle, PopupsAndDialogsAreRefusedAndLoadsReportTheUrl)
     EngineBrowserRef browser = m_Port.Browser(id);
     m_Port.SetUrl(id, "https://overlay.test/next.html");
     Client().OnLoadStart(browser, browser->GetMainFrame());
-    EXPECT_EQ(m_Recorder.UrlChanges(), std::vector<std::string>{"https://overlay.test/next.html"});
+    EXPECT_EQ(m_Recorder.UrlChanges(), std::vector<std::string> {"https://overlay.test/next.html"});
     // A browser without a URL-change callback.
     const int other = Wrapper().StartBrowser("https://overlay.test/", 10, 10, 30, nullptr, nullptr, &m_Recorder,
                                              nullptr, nullptr, false);
@@ -106,14 +106,14 @@ TEST_F(BrowserLifecycle, RenderProcessIdIsTakenOnlyFromTheAnswerOfABrowserThatWa
     EXPECT_EQ(Wrapper().GetRenderProcessId(id) + Wrapper().GetRenderProcessId(9), 0);
     EXPECT_TRUE(Client().OnProcessMessageReceived(m_Port.Browser(id), answer(kResponseGetRenderProcessId, 4321)));
     EXPECT_EQ(Wrapper().GetRenderProcessId(id), 4321);
-    EXPECT_EQ(m_Port.ProcessMessages(id), std::vector<std::string>{kRequestGetRenderProcessId});
+    EXPECT_EQ(m_Port.ProcessMessages(id), std::vector<std::string> {kRequestGetRenderProcessId});
 
     // The web process ended and the engine replaced it: its ID is unknown
     // until the new process answers the question, asked again.
     Client().OnRenderProcessTerminated(m_Port.Browser(id), TS_PROCESS_CRASHED);
     EXPECT_EQ(Wrapper().GetRenderProcessId(id), 0);
     EXPECT_EQ(m_Port.ProcessMessages(id),
-              (std::vector<std::string>{kRequestGetRenderProcessId, kRequestGetRenderProcessId}));
+              (std::vector<std::string> {kRequestGetRenderProcessId, kRequestGetRenderProcessId}));
     EXPECT_TRUE(Client().OnProcessMessageReceived(m_Port.Browser(id), answer(kResponseGetRenderProcessId, 4400)));
     EXPECT_EQ(Wrapper().GetRenderProcessId(id), 4400);
     // A browser the client does not know is not asked.

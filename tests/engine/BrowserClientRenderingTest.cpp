@@ -19,12 +19,15 @@ protected:
     template <typename Fn>
     auto Calls(Fn field)
     {
-        std::vector<decltype(field(FakeHostCall{}))> values;
+        std::vector<decltype(field(FakeHostCall {}))> values;
         for (const auto& call : m_Port.HostCalls(m_nId))
             values.push_back(field(call));
         return values;
     }
-    std::vector<FakeHostCall::Kind> CallKinds() { return Calls([](const FakeHostCall& c) { return c.kind; }); }
+    std::vector<FakeHostCall::Kind> CallKinds()
+    {
+        return Calls([](const FakeHostCall& c) { return c.kind; });
+    }
     size_t Frames() { return m_Recorder.Frames().size(); }
 
     const int m_nId = 1;
@@ -35,9 +38,9 @@ using PaintDelivery = WithBrowser;
 TEST_F(PaintDelivery, StaleSizesAreDroppedAndTheViewTakesTheNewSize)
 {
     PaintAt(800, 600);
-    EXPECT_EQ(m_Recorder.Frames(), std::vector<unsigned>{800 * 600 * 4});
+    EXPECT_EQ(m_Recorder.Frames(), std::vector<unsigned> {800 * 600 * 4});
     Wrapper().SetRenderSize(m_nId, 1024, 768);
-    EXPECT_EQ(CallKinds(), std::vector<FakeHostCall::Kind>{FakeHostCall::WasResized});
+    EXPECT_EQ(CallKinds(), std::vector<FakeHostCall::Kind> {FakeHostCall::WasResized});
     ASSERT_TRUE(WaitUntil([&] { return m_Port.LastViewRect(m_nId).width == 1024; }));
     EXPECT_EQ(m_Port.LastViewRect(m_nId).height, 768);
     PaintAt(800, 600);
@@ -52,7 +55,7 @@ TEST_F(PaintDelivery, StaleSizesAreDroppedAndTheViewTakesTheNewSize)
 TEST_F(PaintDelivery, AReloadSkipsExactlyTheNextPaint)
 {
     Wrapper().ReloadBrowser(m_nId);
-    EXPECT_EQ(CallKinds(), std::vector<FakeHostCall::Kind>{FakeHostCall::Reload});
+    EXPECT_EQ(CallKinds(), std::vector<FakeHostCall::Kind> {FakeHostCall::Reload});
     for (int i = 0; i < 3; ++i)
         PaintAt(800, 600);
     EXPECT_EQ(Frames(), 2u);
@@ -69,11 +72,11 @@ TEST_F(PaintDelivery, DisabledFramesAreDroppedTheViewHiddenAndRefreshAsksForARep
     Wrapper().RefreshBrowser(m_nId);
     using Call = std::pair<FakeHostCall::Kind, bool>;
     EXPECT_EQ(Calls([](const FakeHostCall& c) { return Call(c.kind, c.hidden); }),
-              (std::vector<Call>{{FakeHostCall::WasHidden, true},
-                                 {FakeHostCall::Invalidate, false},
-                                 {FakeHostCall::WasHidden, false},
-                                 {FakeHostCall::Invalidate, false},
-                                 {FakeHostCall::Invalidate, false}}));
+              (std::vector<Call> {{FakeHostCall::WasHidden, true},
+                                  {FakeHostCall::Invalidate, false},
+                                  {FakeHostCall::WasHidden, false},
+                                  {FakeHostCall::Invalidate, false},
+                                  {FakeHostCall::Invalidate, false}}));
     m_Port.ClearHostCalls();
     EXPECT_FALSE(Client().EnableReceivingFrames(9, false) || Client().SetRenderSize(9, 1, 1) ||
                  Client().RefreshBrowser(9) || Client().ReloadBrowser(9));
@@ -104,7 +107,7 @@ TEST_F(InputEvents, MouseButtonsAreHeldDuringDragsAndWheelStepsPointTheRightWay)
     Wrapper().EventMouseWheelScrollUp(m_nId, 1, 2), Wrapper().EventMouseWheelScrollDown(m_nId, 1, 2);
     Wrapper().EventMouseWheelScrollLeft(m_nId, 1, 2), Wrapper().EventMouseWheelScrollRight(m_nId, 1, 2);
     EXPECT_EQ(Calls([](const FakeHostCall& c) { return std::make_pair(c.deltaX, c.deltaY); }),
-              (std::vector<std::pair<int, int>>{{0, -1}, {0, 1}, {-1, 0}, {1, 0}}));
+              (std::vector<std::pair<int, int>> {{0, -1}, {0, 1}, {-1, 0}, {1, 0}}));
 }
 
 // The short form tests key-up first, the full form raw key-down first.
@@ -114,7 +117,7 @@ TEST_F(InputEvents, KeyEventTypesOfBothFormsTheCursorAndUnknownBrowsers)
     Wrapper().EventKey(m_nId, true, true, false, 41, 65, 0);
     Wrapper().EventKeyDown(m_nId, false, 42);
     EXPECT_EQ(Calls([](const FakeHostCall& c) { return std::make_pair(c.key.type, c.key.native_key_code); }),
-              (std::vector<std::pair<EngineKeyEventType, int>>{
+              (std::vector<std::pair<EngineKeyEventType, int>> {
                   {KEYEVENT_KEYUP, 40}, {KEYEVENT_RAWKEYDOWN, 41}, {KEYEVENT_CHAR, 42}}));
 
     // A move reports whether the engine's cursor is other than the pointer.
@@ -135,7 +138,7 @@ TEST_F(AudioForwarding, PacketsCarryTheFormatOfTheirStreamsStart)
     CBrowserClient& client = Client();
     const EngineBrowserRef browser = m_Port.Browser(m_nId);
     const int16_t samples[4] = {1, -1, 2, -2};
-    client.OnAudioStreamPacket(browser, 3, samples, sizeof samples);   // never started
+    client.OnAudioStreamPacket(browser, 3, samples, sizeof samples);    // never started
     client.OnAudioStreamStarted(m_Port.Browser(8), 1, 44100, 2, 16, 0); // unknown browser
     client.OnAudioStreamStarted(browser, 3, 48000, 2, 16, 10);
     client.OnAudioStreamPacket(browser, 3, samples, sizeof samples);
@@ -148,10 +151,12 @@ TEST_F(AudioForwarding, PacketsCarryTheFormatOfTheirStreamsStart)
     client.OnAudioStreamPacket(browser, 5, samples, sizeof samples);
     Wrapper().EnableReceivingFrames(m_nId, true);
     client.OnAudioStreamPacket(browser, 5, samples, 2);
-    EXPECT_EQ(m_Recorder.AudioCalls(),
-              (std::vector<AudioCall>{{3, 0, 48000, 2, 16, false}, {3, 8, 48000, 2, 16, true},
-                                      {3, 0, 22050, 1, 16, false}, {3, 0, 0, 0, 0, false},
-                                      {3, 8, 22050, 1, 16, true}, {5, 2, 32000, 2, 16, true}}));
+    EXPECT_EQ(m_Recorder.AudioCalls(), (std::vector<AudioCall> {{3, 0, 48000, 2, 16, false},
+                                                                {3, 8, 48000, 2, 16, true},
+                                                                {3, 0, 22050, 1, 16, false},
+                                                                {3, 0, 0, 0, 0, false},
+                                                                {3, 8, 22050, 1, 16, true},
+                                                                {5, 2, 32000, 2, 16, true}}));
 }
 
 } // namespace

@@ -86,9 +86,9 @@ protected:
     }
     int Open(const std::string& url, bool accessControl)
     {
-        CAccessHandlingForRequestSettings access{.handleRequestURL = &AccessService::Handle,
-                                                 .getResponseHeadersForURL = &AccessService::Respond,
-                                                 .accessControlEnabled = accessControl};
+        CAccessHandlingForRequestSettings access {.handleRequestURL = &AccessService::Handle,
+                                                  .getResponseHeadersForURL = &AccessService::Respond,
+                                                  .accessControlEnabled = accessControl};
         return m_Engine->Wrapper().StartBrowser(url, 320, 240, 30, &CallbackRecorder::Frame, &CallbackRecorder::Audio,
                                                 &m_Service, &access, nullptr, false);
     }
@@ -302,10 +302,10 @@ TEST_F(BrowserClientResources, StopBrowserReturnsOnlyAfterTheBrowsersRunningCall
         SCOPED_TRACE(hold == HeldService::InTakeOver ? "held while deciding" : "held while answering");
         std::promise<void> entering, release;
         std::future<void> entered = entering.get_future();
-        auto* service = new HeldService{hold, &entering, release.get_future().share()};
-        CAccessHandlingForRequestSettings access{.handleRequestURL = &HeldService::Handle,
-                                                 .getResponseHeadersForURL = &HeldService::Respond,
-                                                 .accessControlEnabled = true};
+        auto* service = new HeldService {hold, &entering, release.get_future().share()};
+        CAccessHandlingForRequestSettings access {.handleRequestURL = &HeldService::Handle,
+                                                  .getResponseHeadersForURL = &HeldService::Respond,
+                                                  .accessControlEnabled = true};
         const int id = m_Engine->Wrapper().StartBrowser("https://overlay.test/", 320, 240, 30, &CallbackRecorder::Frame,
                                                         &CallbackRecorder::Audio, service, &access, nullptr, false);
         ASSERT_GT(id, 0);
@@ -324,7 +324,7 @@ TEST_F(BrowserClientResources, StopBrowserReturnsOnlyAfterTheBrowsersRunningCall
         ASSERT_EQ(entered.wait_for(std::chrono::seconds(20)), std::future_status::ready);
 
         // The window manager: stop, then let go of the context.
-        std::atomic<bool> stopReturned{false};
+        std::atomic<bool> stopReturned {false};
         std::thread stopping([&, id, service] {
             EXPECT_TRUE(Client().StopBrowser(id));
             stopReturned = true;

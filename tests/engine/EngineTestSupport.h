@@ -54,7 +54,7 @@ struct CallbackRecorder {
                       unsigned int channels, unsigned int bitsPerSample, void* context)
     {
         return Add(context, &CallbackRecorder::audioCalls,
-                   AudioCall{streamId, size, sampleRate, channels, bitsPerSample, data != nullptr});
+                   AudioCall {streamId, size, sampleRate, channels, bitsPerSample, data != nullptr});
     }
     static bool UrlChange(const std::string& url, const void* context)
     {
@@ -111,14 +111,14 @@ public:
 
     int Open(CallbackRecorder& recorder, const std::string& url = "https://overlay.test/page.html")
     {
-        return m_Wrapper.StartBrowser(url, 800, 600, 30, &CallbackRecorder::Frame, &CallbackRecorder::Audio,
-                                      &recorder, nullptr, &CallbackRecorder::UrlChange, false);
+        return m_Wrapper.StartBrowser(url, 800, 600, 30, &CallbackRecorder::Frame, &CallbackRecorder::Audio, &recorder,
+                                      nullptr, &CallbackRecorder::UrlChange, false);
     }
 
 private:
     CBrowserWrapper m_Wrapper;
     std::thread m_PumpThread;
-    std::atomic<bool> m_bStop{false};
+    std::atomic<bool> m_bStop {false};
     bool m_bStarted = false;
 };
 

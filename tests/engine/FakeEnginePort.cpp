@@ -70,7 +70,10 @@ private:
 
 } // namespace
 
-FakeEnginePort::FakeEnginePort() : m_Link(std::make_shared<Link>()) { m_Link->port = this; }
+FakeEnginePort::FakeEnginePort() : m_Link(std::make_shared<Link>())
+{
+    m_Link->port = this;
+}
 
 FakeEnginePort::~FakeEnginePort()
 {
@@ -80,7 +83,10 @@ FakeEnginePort::~FakeEnginePort()
         SetEnginePort(nullptr);
 }
 
-void FakeEnginePort::Install() { m_bInstalled = true, SetEnginePort(this); }
+void FakeEnginePort::Install()
+{
+    m_bInstalled = true, SetEnginePort(this);
+}
 
 std::vector<FakeHostCall> FakeEnginePort::HostCalls(int browserId)
 {

@@ -24,18 +24,28 @@
 namespace SLF_ChromiumEmbeddedFramework {
 
 struct FakeHostCall {
-    enum Kind { WasResized, WasHidden, Invalidate, MouseClick, MouseMove, MouseWheel, Key, CloseBrowser, Reload,
-                Script };
+    enum Kind {
+        WasResized,
+        WasHidden,
+        Invalidate,
+        MouseClick,
+        MouseMove,
+        MouseWheel,
+        Key,
+        CloseBrowser,
+        Reload,
+        Script
+    };
     Kind kind = WasResized;
     int browserId = 0;
-    EngineMouseEvent mouse{};
+    EngineMouseEvent mouse {};
     EngineMouseButtonType button = MBT_LEFT;
     bool mouseUp = false;
     int clickCount = 0;
     int deltaX = 0, deltaY = 0;
-    EngineKeyEvent key{};
+    EngineKeyEvent key {};
     bool hidden = false, forceClose = false;
-    std::string script{};
+    std::string script {};
 };
 
 class FakeEnginePort : public EnginePort {
@@ -73,14 +83,26 @@ public:
     }
     // The view size the client gave through GetViewRect after the last
     // resize notice (0 x 0 before any).
-    EngineRect LastViewRect(int browserId) { return Locked([&] { return m_ViewRects[browserId]; }); }
+    EngineRect LastViewRect(int browserId)
+    {
+        return Locked([&] { return m_ViewRects[browserId]; });
+    }
     bool WaitForPumpPasses(int passes, int timeoutMs);
 
     // The browser with this ID; for an unknown ID one the fake does not know.
     EngineBrowserRef Browser(int browserId);
-    void SetUrl(int browserId, const std::string& url) { Locked([&] { m_Urls[browserId] = url; }); }
-    std::string Url(int browserId) { return Locked([&] { return m_Urls[browserId]; }); }
-    void Post(std::function<void()> task) { Locked([&] { m_Tasks.push_back(std::move(task)); }); }
+    void SetUrl(int browserId, const std::string& url)
+    {
+        Locked([&] { m_Urls[browserId] = url; });
+    }
+    std::string Url(int browserId)
+    {
+        return Locked([&] { return m_Urls[browserId]; });
+    }
+    void Post(std::function<void()> task)
+    {
+        Locked([&] { m_Tasks.push_back(std::move(task)); });
+    }
     // OnBeforeClose now, as when the engine closes a browser by itself.
     void EmitClose(int browserId);
 
@@ -110,9 +132,15 @@ private:
         return fn();
     }
     template <typename T>
-    T Get(const T& field) { return Locked([&] { return field; }); }
+    T Get(const T& field)
+    {
+        return Locked([&] { return field; });
+    }
     template <typename T>
-    void Set(T& field, const T& value) { Locked([&] { field = value; }); }
+    void Set(T& field, const T& value)
+    {
+        Locked([&] { field = value; });
+    }
 
     std::shared_ptr<Link> m_Link;
     // Guards everything below; never held while the client is called.

@@ -30,9 +30,9 @@ struct Bgra {
     bool operator==(const Bgra&) const = default;
 };
 
-constexpr Bgra kRed{0, 0, 255, 255}, kBlue{255, 0, 0, 255}, kGreen{0, 128, 0, 255}, kGrey{128, 128, 128, 255};
-constexpr Bgra kMagenta{255, 0, 255, 255}, kCyan{255, 255, 0, 255}, kLime{0, 255, 0, 255};
-constexpr Bgra kYellow{0, 255, 255, 255}, kOrange{0, 128, 255, 255};
+constexpr Bgra kRed {0, 0, 255, 255}, kBlue {255, 0, 0, 255}, kGreen {0, 128, 0, 255}, kGrey {128, 128, 128, 255};
+constexpr Bgra kMagenta {255, 0, 255, 255}, kCyan {255, 255, 0, 255}, kLime {0, 255, 0, 255};
+constexpr Bgra kYellow {0, 255, 255, 255}, kOrange {0, 128, 255, 255};
 
 // One client per browser; called on the test thread, which pumps.
 class TestClient : public EngineClient,
@@ -66,7 +66,7 @@ public:
     Bgra Pixel(int x, int y) const
     {
         const size_t at = (static_cast<size_t>(y) * paintWidth + x) * 4;
-        return at + 3 < image.size() ? Bgra{image[at], image[at + 1], image[at + 2], image[at + 3]} : Bgra{};
+        return at + 3 < image.size() ? Bgra {image[at], image[at + 1], image[at + 2], image[at + 3]} : Bgra {};
     }
 
     int width, height;
@@ -105,7 +105,10 @@ protected:
                 return false;
         return true;
     }
-    void Pump(int milliseconds) { PumpUntil([] { return false; }, milliseconds); }
+    void Pump(int milliseconds)
+    {
+        PumpUntil([] { return false; }, milliseconds);
+    }
 
     // Creates a browser and waits for its first frame with the page's content.
     void Open(TestClient& client, const std::string& url = kColoursPage, Bgra ready = kRed)
@@ -162,7 +165,7 @@ TEST_F(WpeEnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
     // As the service's connection threads send input.
     EngineBrowserHostRef host = second.browser->GetHost();
     std::thread([host] {
-        EngineMouseEvent event{.x = 10, .y = 55};
+        EngineMouseEvent event {.x = 10, .y = 55};
         host->SendMouseMoveEvent(event, false);
         event.modifiers = EVENTFLAG_LEFT_MOUSE_BUTTON;
         host->SendMouseClickEvent(event, MBT_LEFT, false, 1);
@@ -277,7 +280,7 @@ TEST_F(WpeEnginePortTest, QuestionsAboutPagesOfAnotherProcessAreRefused)
     for (guint64 page = 1; page <= 12; ++page) {
         SCOPED_TRACE(page);
         ASSERT_TRUE(WriteResourceFrame(fd, g_variant_new(kQuestionType, page, "http://streamloft/settings")));
-        pollfd readable{fd, POLLIN, 0};
+        pollfd readable {fd, POLLIN, 0};
         ASSERT_TRUE(PumpUntil([&] { return poll(&readable, 1, 0) > 0; }, 40000)) << "no answer";
         GVariant* answer = ReadResourceFrame(fd, kAnswerType);
         ASSERT_NE(answer, nullptr);

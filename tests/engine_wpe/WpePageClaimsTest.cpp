@@ -18,8 +18,8 @@ struct View {
 TEST(PageClaims, BothHalvesMeetInEitherOrderAndForeignTokensAreRefused)
 {
     WpePageClaims<View> claims;
-    auto first = std::make_shared<View>(View{1});
-    auto second = std::make_shared<View>(View{2});
+    auto first = std::make_shared<View>(View {1});
+    auto second = std::make_shared<View>(View {2});
     std::shared_ptr<View> tied;
 
     EXPECT_EQ(claims.FromView(11, first), 0) << "no process has claimed yet";

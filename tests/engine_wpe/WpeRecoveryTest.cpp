@@ -19,7 +19,7 @@ namespace {
 
 const std::string kPagesDir = SLF_TEST_PAGES_DIR;
 
-std::atomic<long> g_nFrames{0};
+std::atomic<long> g_nFrames {0};
 
 bool OnFrame(unsigned char*, unsigned int, void*)
 {
@@ -29,7 +29,8 @@ bool OnFrame(unsigned char*, unsigned int, void*)
 
 bool WaitFor(const std::function<bool()>& done, int timeoutMs)
 {
-    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs); !done(); usleep(20000))
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs); !done();
+         usleep(20000))
         if (std::chrono::steady_clock::now() > deadline)
             return false;
     return true;
@@ -51,8 +52,8 @@ TEST(WpeRecovery, AWebProcessThatStopsRespondingIsEndedAndTheBrowserGoesOnInANew
     ASSERT_TRUE(wrapper.StartCEF());
     CAccessHandlingForRequestSettings access;
     int context = 0;
-    const int id = wrapper.StartBrowser("file://" + kPagesDir + "/wpe_port_colors.html", 150, 50, 30, OnFrame,
-                                        nullptr, &context, &access, nullptr, false);
+    const int id = wrapper.StartBrowser("file://" + kPagesDir + "/wpe_port_colors.html", 150, 50, 30, OnFrame, nullptr,
+                                        &context, &access, nullptr, false);
     ASSERT_GT(id, 0);
     ASSERT_TRUE(WaitFor([] { return g_nFrames.load() > 0; }, 60000)) << "no frame";
     int hung = 0;

@@ -62,10 +62,10 @@ TEST(ResourceChannel, TokensAreFreshAndOnlyTheirExactFormIsRead)
     EXPECT_EQ(tokens.size(), 1000u);
 
     const std::string token = *tokens.begin();
-    for (const std::string& url : {std::string("slfcef-resource:17"), std::string("slfcef-resource:"),
-                                   "slfcef-resource:" + token + "0", "slfcef-resource:" + token.substr(1),
-                                   "slfcef-resource:" + token.substr(0, 31) + "G",
-                                   "slfcef-resourcex:" + token, std::string("http://streamloft/settings")})
+    for (const std::string& url :
+         {std::string("slfcef-resource:17"), std::string("slfcef-resource:"), "slfcef-resource:" + token + "0",
+          "slfcef-resource:" + token.substr(1), "slfcef-resource:" + token.substr(0, 31) + "G",
+          "slfcef-resourcex:" + token, std::string("http://streamloft/settings")})
         EXPECT_EQ(ResourceTokenFromUrl(url.c_str()), "") << url;
     EXPECT_EQ(ResourceTokenFromUrl(nullptr), "");
     // Every spelling of the scheme counts as ours, well formed or not.
@@ -92,8 +92,8 @@ TEST(AudioWire, ShortHeadersAndFormatsOutsideTheSaneRangesAreRefused)
                                          {AUDIO_FRAME_START, 48000, -2, 16}, {AUDIO_FRAME_START, 48000, 2, 8},
                                          {AUDIO_FRAME_START, 48000, 2, 24},  {AUDIO_FRAME_PACKET, 48000, 2, 16}};
     for (const AudioFrameHeader& h : unusable)
-        EXPECT_FALSE(AudioFrameAnnouncesFormat(h)) << h.kind << " " << h.rate << " " << h.channels << " "
-                                                   << h.bitsPerSample;
+        EXPECT_FALSE(AudioFrameAnnouncesFormat(h))
+            << h.kind << " " << h.rate << " " << h.channels << " " << h.bitsPerSample;
 }
 
 TEST(ResourceChannel, AbstractAddressesConnectAndLeaveNoFile)

@@ -50,7 +50,7 @@ public:
     void OnAudioSteamStopped(EngineBrowserRef, int) override {}
 
     EngineBrowserRef browser;
-    std::atomic<long> paints{0}, audioBytes{0};
+    std::atomic<long> paints {0}, audioBytes {0};
 };
 
 // One message of the engine's sockets, as raw bytes on the wire.

@@ -46,9 +46,9 @@ TEST(WpeVariantCodec, ForeignParametersAreReadOrRefused)
     Variant boxed(g_variant_new("(uv)", 7u, g_variant_new_string("inner")));
     auto message = ProcessMessageFromVariant("m", boxed.value, error);
     ASSERT_NE(message, nullptr);
-    EXPECT_EQ(*message->Arguments(), (std::vector<EngineValue>{7, std::string("inner")}));
+    EXPECT_EQ(*message->Arguments(), (std::vector<EngineValue> {7, std::string("inner")}));
     Variant bare(g_variant_new_boolean(TRUE)); // a one-element list
-    EXPECT_EQ(*ProcessMessageFromVariant("m", bare.value, error)->Arguments(), std::vector<EngineValue>{1});
+    EXPECT_EQ(*ProcessMessageFromVariant("m", bare.value, error)->Arguments(), std::vector<EngineValue> {1});
 
     Variant unsupported(g_variant_new("(id)", 1, 2.5));
     EXPECT_EQ(ProcessMessageFromVariant("m", unsupported.value, error), nullptr);

@@ -25,8 +25,8 @@ const std::string kPagesDir = SLF_TEST_PAGES_DIR;
 struct Representation {
     std::mutex mutex;
     std::vector<unsigned char> frame;
-    std::atomic<int> audioStops{0};
-    std::atomic<long> audioBytes{0};
+    std::atomic<int> audioStops {0};
+    std::atomic<long> audioBytes {0};
 
     static bool OnFrame(unsigned char* data, unsigned int size, void* context)
     {
@@ -110,9 +110,9 @@ TEST(WpeWrapper, ThreadedEngineServesPagesAndStopsInTime)
     // stream gets a stop signal with the close, and the engine stop has to
     // end the hung process within the wrapper's 2000 ms wait.
     Representation audio;
-    const int second = wrapper.StartBrowser("file://" + kPagesDir + "/wpe_port_audio.html", 100, 50, 30,
-                                            Representation::OnFrame, Representation::OnAudio, &audio, &access,
-                                            nullptr, false);
+    const int second =
+        wrapper.StartBrowser("file://" + kPagesDir + "/wpe_port_audio.html", 100, 50, 30, Representation::OnFrame,
+                             Representation::OnAudio, &audio, &access, nullptr, false);
     ASSERT_GT(second, 0);
     EXPECT_TRUE(WaitFor([&] { return audio.audioBytes.load() > 0; })) << "no audio reached the callback";
     wrapper.ExecuteJavaScript(second, "for (;;) {}");

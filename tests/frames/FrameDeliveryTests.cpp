@@ -35,15 +35,27 @@ protected:
         m_host->Pump();
     }
 
-    void AddReceiver(const SLFCefCallbackProxyRef& proxy) { m_rep->addReceiverProxiesObject(proxy, [](int) {}); }
+    void AddReceiver(const SLFCefCallbackProxyRef& proxy)
+    {
+        m_rep->addReceiverProxiesObject(proxy, [](int) {});
+    }
     bool Deliver(const std::vector<unsigned char>& image)
     {
         return SLFCefVideoFrameCallback(const_cast<unsigned char*>(image.data()),
                                         static_cast<unsigned int>(image.size()), m_rep.get());
     }
-    bool WaitForFrames(size_t count) { return m_host->PumpUntil([&] { return m_host->FramesReceived() >= count; }); }
-    size_t Outstanding() { return m_rep->pixelBufferPool() ? m_rep->pixelBufferPool()->GetOutstandingBufferCount() : 0; }
-    bool WaitForAllBack() { return m_host->PumpUntil([&] { return Outstanding() == 0; }); }
+    bool WaitForFrames(size_t count)
+    {
+        return m_host->PumpUntil([&] { return m_host->FramesReceived() >= count; });
+    }
+    size_t Outstanding()
+    {
+        return m_rep->pixelBufferPool() ? m_rep->pixelBufferPool()->GetOutstandingBufferCount() : 0;
+    }
+    bool WaitForAllBack()
+    {
+        return m_host->PumpUntil([&] { return Outstanding() == 0; });
+    }
 
     std::unique_ptr<InProcessRecordingHost> m_host = std::make_unique<InProcessRecordingHost>();
     SLFCefCallbackProxyRef m_proxy = SLFCefCallbackProxy::Create(m_host->ServiceConnection());

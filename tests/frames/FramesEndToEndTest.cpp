@@ -27,10 +27,10 @@ struct FrameHost : streamloft::BrowserEvents {
     {
         std::lock_guard<std::mutex> guard(lock);
         sizes.emplace_back(frame->width(), frame->height());
-        timings.push_back({frame->sequence(), frame->presentationTime(),
-                           uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(
-                                        frame->receivedAt().time_since_epoch())
-                                        .count())});
+        timings.push_back(
+            {frame->sequence(), frame->presentationTime(),
+             uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(frame->receivedAt().time_since_epoch())
+                          .count())});
         if (holdFrames && held.size() < 30)
             held.push_back(frame);
         last = frame;

@@ -19,9 +19,9 @@ namespace {
 // Loops until its thread object asks it to stop or, without one, until released.
 struct Worker {
     CNplThread* thread = nullptr;
-    std::atomic<bool> release{false};
-    std::atomic<bool> finished{false};
-    std::atomic<int> loops{0};
+    std::atomic<bool> release {false};
+    std::atomic<bool> finished {false};
+    std::atomic<int> loops {0};
     static void* Run(void* argument)
     {
         auto* self = static_cast<Worker*>(argument);
@@ -141,7 +141,7 @@ struct AutoDeleteThread : CNplThread {
 
 TEST(CNplThread, AutoDeleteAndDestructorStop)
 {
-    std::atomic<bool> destroyed{false};
+    std::atomic<bool> destroyed {false};
     auto* thread = new AutoDeleteThread(&destroyed);
     ASSERT_TRUE(thread->CreateThread([](void*) -> void* { return nullptr; }, nullptr, "auto"));
     EXPECT_TRUE(WaitUntil([&] { return destroyed.load(); }));

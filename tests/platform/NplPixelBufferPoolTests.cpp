@@ -30,7 +30,7 @@ TEST(NplSharedSurface, SealedMemorySharedWithReadOnlyMappings)
     EXPECT_FALSE(MakeSurface(17, 1, 64)); // 68 bytes of pixels in a 64-byte row
     // Surfaces their properties could not describe to a host.
     EXPECT_FALSE(MakeSurface(16385, 1, 65540 + 60));
-    EXPECT_FALSE(MakeSurface(1, 1, uint64_t{1} << 32));
+    EXPECT_FALSE(MakeSurface(1, 1, uint64_t {1} << 32));
     auto surface = MakeSurface(10, 3, 64), next = MakeSurface(10, 3, 64);
     ASSERT_TRUE(surface && next);
     EXPECT_EQ(surface->GetAllocSize(), 192u);
@@ -78,7 +78,7 @@ NplPixelBufferPtr Take(CNplPixelBufferPool& pool, int64_t threshold = 30, NplPix
 
 TEST(NplPixelBufferPool, RowsArePaddedTo64BytesAndUnusableAttributesRefused)
 {
-    for (const auto& [width, bytesPerRow] : {std::pair<uint32_t, uint64_t>{1, 64}, {16, 64}, {17, 128}, {1279, 5120}})
+    for (const auto& [width, bytesPerRow] : {std::pair<uint32_t, uint64_t> {1, 64}, {16, 64}, {17, 128}, {1279, 5120}})
         EXPECT_EQ(CNplPixelBufferPool::BytesPerRowForWidth(width), bytesPerRow) << width;
     auto buffer = Take(*MakePool(101.7, 3)); // fractions are dropped
     ASSERT_TRUE(buffer);
@@ -87,7 +87,7 @@ TEST(NplPixelBufferPool, RowsArePaddedTo64BytesAndUnusableAttributesRefused)
     EXPECT_EQ(buffer->GetIOSurface()->GetAllocSize(), 448u * 3u);
 
     std::shared_ptr<CNplPixelBufferPool> pool;
-    for (const auto& [w, h] : {std::pair<double, double>{0, 10}, {-5, 10}, {10, 1e9}, {NAN, 10}})
+    for (const auto& [w, h] : {std::pair<double, double> {0, 10}, {-5, 10}, {10, 1e9}, {NAN, 10}})
         EXPECT_EQ(CNplPixelBufferPool::Create(nullptr, Attributes(w, h), &pool), kNplPixelBufferInvalidSize);
     NplPixelBufferAttributes format = Attributes(10, 10), element = format;
     format.pixelFormatType = 0x20;
@@ -141,7 +141,7 @@ TEST(NplPixelBufferPool, ReturnsFromAnotherThreadWhileBuffersAreTaken)
     auto pool = MakePool(32, 8);
     std::mutex mutex;
     std::deque<CNplSharedSurface*> queue;
-    std::atomic<bool> done{false};
+    std::atomic<bool> done {false};
     std::thread receiver([&] {
         for (std::unique_lock lock(mutex); !queue.empty() || !done; lock.lock()) {
             CNplSharedSurface* s = queue.empty() ? nullptr : queue.front();

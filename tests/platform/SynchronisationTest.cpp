@@ -79,8 +79,8 @@ TEST(DualMutexLock, SameLockHeldLockAndOppositeOrders)
     // run; the stuck threads are then left behind with the state they share.
     struct Shared {
         CNplThreadMutex f, g;
-        std::atomic<bool> holding{false};
-        std::atomic<int> finished{0}, pairsNotHeld{0};
+        std::atomic<bool> holding {false};
+        std::atomic<int> finished {0}, pairsNotHeld {0};
     };
     auto shared = std::make_shared<Shared>();
     std::thread holder([shared] {
@@ -120,7 +120,7 @@ TEST(DualMutexLock, SameLockHeldLockAndOppositeOrders)
 TEST(CNplThreadSafeObject, WaitTimeOutsAndSignals)
 {
     for (const auto& [ns, sec, nsec] :
-         {std::tuple<int64_t, long, long>{1500000001, 1, 500000001}, {999, 0, 999}, {0, 0, 0}, {-5000000000, 0, 0}}) {
+         {std::tuple<int64_t, long, long> {1500000001, 1, 500000001}, {999, 0, 999}, {0, 0, 0}, {-5000000000, 0, 0}}) {
         const timespec ts = NplMakeRelativeTimespec(NplTimeout(ns));
         EXPECT_TRUE(ts.tv_sec == sec && ts.tv_nsec == nsec) << ns;
     }

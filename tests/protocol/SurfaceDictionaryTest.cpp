@@ -17,8 +17,13 @@ namespace {
 
 SurfaceProperties Props(uint32_t width, uint32_t height, uint32_t bytesPerRow, uint64_t allocSize)
 {
-    return {.width = width, .height = height, .bytesPerRow = bytesPerRow, .bytesPerElement = 4,
-            .pixelFormat = kPixelFormatBGRA, .surfaceID = 9, .allocSize = allocSize};
+    return {.width = width,
+            .height = height,
+            .bytesPerRow = bytesPerRow,
+            .bytesPerElement = 4,
+            .pixelFormat = kPixelFormatBGRA,
+            .surfaceID = 9,
+            .allocSize = allocSize};
 }
 
 auto Fields(const SurfaceProperties& p)
@@ -32,9 +37,12 @@ auto Fields(const SurfaceProperties& p)
 std::string DictionaryText(std::initializer_list<std::string> changes = {})
 {
     std::vector<std::string> entries = {
-        "'IOSurfaceWidth': <uint64 16>",     "'IOSurfaceHeight': <uint64 2>",
-        "'IOSurfaceBytesPerRow': <uint64 64>", "'IOSurfaceBytesPerElement': <uint64 4>",
-        "'IOSurfacePixelFormat': <uint32 0x42475241>", "'IOSurfaceID': <uint64 9>",
+        "'IOSurfaceWidth': <uint64 16>",
+        "'IOSurfaceHeight': <uint64 2>",
+        "'IOSurfaceBytesPerRow': <uint64 64>",
+        "'IOSurfaceBytesPerElement': <uint64 4>",
+        "'IOSurfacePixelFormat': <uint32 0x42475241>",
+        "'IOSurfaceID': <uint64 9>",
         "'IOSurfaceAllocSize': <uint64 128>",
     };
     for (const std::string& change : changes) {
@@ -95,12 +103,12 @@ TEST(SurfaceDictionary, TimingKeysAreOptional)
     SurfaceProperties p;
     std::string error;
     ASSERT_TRUE(Parse(DictionaryText(), &p, &error)) << error;
-    EXPECT_EQ(std::tie(p.frameSequence, p.framePresentationTime), std::make_tuple(uint64_t{0}, uint64_t{0}));
-    ASSERT_TRUE(Parse(DictionaryText({"'SLFFrameSequence': <uint64 7>", "'SLFFramePresentationTime': <int32 5>",
-                                      "'Other': <1>"}),
-                      &p, &error))
+    EXPECT_EQ(std::tie(p.frameSequence, p.framePresentationTime), std::make_tuple(uint64_t {0}, uint64_t {0}));
+    ASSERT_TRUE(Parse(
+        DictionaryText({"'SLFFrameSequence': <uint64 7>", "'SLFFramePresentationTime': <int32 5>", "'Other': <1>"}), &p,
+        &error))
         << error;
-    EXPECT_EQ(std::tie(p.frameSequence, p.framePresentationTime), std::make_tuple(uint64_t{7}, uint64_t{0}));
+    EXPECT_EQ(std::tie(p.frameSequence, p.framePresentationTime), std::make_tuple(uint64_t {7}, uint64_t {0}));
 }
 
 // Every surface key must be there with exactly its protocol type: a sender

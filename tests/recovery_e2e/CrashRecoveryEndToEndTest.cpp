@@ -51,7 +51,8 @@ public:
     {
         Add("audio-start " + Ids(b.ID(), stream));
     }
-    void BrowserDidReceiveAudioStream(Browser& b, int stream, std::shared_ptr<const streamloft::AudioBuffer> buf) override
+    void BrowserDidReceiveAudioStream(Browser& b, int stream,
+                                      std::shared_ptr<const streamloft::AudioBuffer> buf) override
     {
         if (!buf)
             Add("audio-null " + Ids(b.ID(), stream));
@@ -107,7 +108,6 @@ public:
             m_changed.wait_until(guard, std::min(deadline, std::chrono::steady_clock::now() + 100ms));
         }
     }
-
 
 private:
     void Add(const std::string& event)
@@ -215,8 +215,8 @@ protected:
     int Open(Host& host, const std::string& page, double width, double height)
     {
         const size_t started = host.Events("start ").size();
-        auto browser = m_client->OpenBrowser({"file://" + kPages + "/" + page, width, height, 30, {"file://" + kPages + "/"}},
-                                             host.events());
+        auto browser = m_client->OpenBrowser(
+            {"file://" + kPages + "/" + page, width, height, 30, {"file://" + kPages + "/"}}, host.events());
         if (!host.WaitFor([&] { return host.Events("start ").size() > started; }, 60s))
             return -1;
         const int id = Number(host.Events("start ")[started], 0);
@@ -291,7 +291,8 @@ TEST_F(CrashRecoveryTest, AKilledWebProcessComesBackUnderItsIdUntilTheFourthCras
         ASSERT_EQ(kill(victim, SIGKILL), 0);
         const int replacement = WaitReportedProcess(crashing, victim);
         ASSERT_GT(replacement, 0) << "crash " << crash << ": no new web process";
-        ASSERT_NE(replacement, steadyProcess) << "crash " << crash << ": the browser moved into its neighbour's process";
+        ASSERT_NE(replacement, steadyProcess)
+            << "crash " << crash << ": the browser moved into its neighbour's process";
         const long framesThen = host.Frames(crashing);
         ASSERT_TRUE(host.WaitFor([&] { return host.Frames(crashing) > framesThen + 3; }, 60s))
             << "crash " << crash << ": no frames from the new web process";

@@ -53,7 +53,7 @@ protected:
 
     std::shared_ptr<RecordingWindowManager> m_manager = std::make_shared<RecordingWindowManager>();
     SLFCefCallbackProxyRef m_proxy = SLFCefCallbackProxy::Create(nullptr);
-    SLFCefOverlayXPC m_connection{m_manager};
+    SLFCefOverlayXPC m_connection {m_manager};
 };
 
 } // namespace
@@ -66,17 +66,17 @@ TEST_F(SLFCefOverlayXPCStates, CloseAnswersAfterTheStopAndInvalidationBeforeOpen
     EXPECT_EQ(m_connection.state(), SLFCefOverlayXPC::State::Bound);
     SLFCefWindowRepresentationRef representation = m_connection.windowRepresentation();
     ASSERT_NE(representation, nullptr);
-    EXPECT_EQ(*representation->receiverProxies(), SLFCefReceiverList{m_proxy});
+    EXPECT_EQ(*representation->receiverProxies(), SLFCefReceiverList {m_proxy});
 
     m_connection.closeBrowser(1);
-    EXPECT_EQ(m_manager->events(), (Events{"start 1", "stop 1", "reply 1"}));
+    EXPECT_EQ(m_manager->events(), (Events {"start 1", "stop 1", "reply 1"}));
     EXPECT_EQ(m_connection.state(), SLFCefOverlayXPC::State::Spent);
     EXPECT_EQ(m_connection.callbackProxy(), nullptr);
     EXPECT_TRUE(representation->receiverProxies()->empty());
     EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 0);
 
     m_connection.invalidate();
-    EXPECT_EQ(m_manager->events(), (Events{"start 1", "stop 1", "reply 1"}));
+    EXPECT_EQ(m_manager->events(), (Events {"start 1", "stop 1", "reply 1"}));
 }
 
 TEST_F(SLFCefOverlayXPCStates, CloseOfAnUnknownIDLogsAndStopsBrowserZero)
@@ -84,7 +84,7 @@ TEST_F(SLFCefOverlayXPCStates, CloseOfAnUnknownIDLogsAndStopsBrowserZero)
     testing::internal::CaptureStderr();
     m_connection.closeBrowser(42);
     std::string log = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(m_manager->events(), Events{"stop 0"});
+    EXPECT_EQ(m_manager->events(), Events {"stop 0"});
     EXPECT_NE(log.find("-[SLFCefOverlayXPC closeBrowser:] - Did not find a reply for browser 42 "
                        "(<SLFCefCallbackProxy: 0x"),
               std::string::npos)
@@ -96,13 +96,13 @@ TEST_F(SLFCefOverlayXPCStates, CloseOfAnUnknownIDLogsAndStopsBrowserZero)
 // Any connection may send the ID of another connection's browser.
 TEST_F(SLFCefOverlayXPCStates, ClosingAnotherConnectionsBrowserDoesNotStopIt)
 {
-    SLFCefOverlayXPC owner{m_manager};
+    SLFCefOverlayXPC owner {m_manager};
     owner.setCallbackProxy(SLFCefCallbackProxy::Create(nullptr));
     owner.openBrowserWithURL("https://x.test/", {10, 10}, 30, {}, Reply());
     testing::internal::CaptureStderr();
     m_connection.closeBrowser(1);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("Did not find a reply for browser 1"), std::string::npos);
-    EXPECT_EQ(m_manager->events(), Events{"start 1"});
+    EXPECT_EQ(m_manager->events(), Events {"start 1"});
     EXPECT_EQ(owner.state(), SLFCefOverlayXPC::State::Bound);
 }
 
@@ -110,6 +110,6 @@ TEST_F(SLFCefOverlayXPCStates, InvalidationStopsTheBoundBrowserWithoutReplying)
 {
     Open();
     m_connection.invalidate();
-    EXPECT_EQ(m_manager->events(), (Events{"start 1", "stop 1"}));
+    EXPECT_EQ(m_manager->events(), (Events {"start 1", "stop 1"}));
     EXPECT_EQ(m_connection.state(), SLFCefOverlayXPC::State::Spent);
 }

@@ -63,7 +63,7 @@ struct TestHost : DBusPeer {
                        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                             G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING),
                        nullptr, nullptr, nullptr),
-                   [](GDBusMessage* call) { return std::vector{g_dbus_message_new_method_reply(call)}; })
+                   [](GDBusMessage* call) { return std::vector {g_dbus_message_new_method_reply(call)}; })
     {
     }
     guint32 request(const char* method, GVariant* parameters)
@@ -187,7 +187,7 @@ TEST_F(ServiceFront, CallbacksToAGoneHostAreSilent)
     SLFCefCallbackProxyRef proxy = SLFCefCallbackProxy::Create(host.connection());
     host.close();
     testing::internal::CaptureStderr();
-    std::atomic<int> done{0};
+    std::atomic<int> done {0};
     proxy->browserDidStart(1);
     proxy->requestSettingsDataForBrowser(1);
     proxy->browserWillStopAudioStream(1, 2);

@@ -23,9 +23,7 @@ public:
     using Answer = std::function<std::vector<GDBusMessage*>(GDBusMessage* call)>;
 
     // Takes `connection`, made with G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING.
-    DBusPeer(GDBusConnection* connection, Answer answer)
-        : m_connection(connection)
-        , m_answer(std::move(answer))
+    DBusPeer(GDBusConnection* connection, Answer answer) : m_connection(connection), m_answer(std::move(answer))
     {
         g_dbus_connection_add_filter(m_connection, Filter, this, nullptr);
         g_dbus_connection_start_message_processing(m_connection);

@@ -50,7 +50,9 @@ public:
             [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant* parameters,
                GDBusMethodInvocation* invocation,
                gpointer self) { static_cast<InProcessHost*>(self)->OnMethodCall(method, parameters, invocation); },
-            nullptr, nullptr, {}};
+            nullptr,
+            nullptr,
+            {}};
         m_registration = g_dbus_connection_register_object(m_host, streamloft::protocol::kCallbacksObjectPath,
                                                            streamloft::protocol::CallbacksInterfaceInfo(), &vtable,
                                                            this, nullptr, nullptr);
@@ -81,7 +83,10 @@ public:
         return true;
     }
     // Runs the context for a while, for things that must not happen.
-    void PumpFor(std::chrono::milliseconds time) { PumpUntil([] { return false; }, time); }
+    void PumpFor(std::chrono::milliseconds time)
+    {
+        PumpUntil([] { return false; }, time);
+    }
     void Pump()
     {
         while (g_main_context_iteration(nullptr, FALSE)) {

@@ -45,7 +45,10 @@ public:
     std::deque<Frame>& Frames() { return m_frames; }
     size_t FramesReceived() const { return m_nReceived; }
     std::vector<Event>& Events() { return m_events; }
-    bool WaitForEvents(size_t n) { return PumpUntil([&] { return m_events.size() >= n; }); }
+    bool WaitForEvents(size_t n)
+    {
+        return PumpUntil([&] { return m_events.size() >= n; });
+    }
     size_t HeldBuffers() const { return m_heldBuffers.size(); }
 
     void ReleaseOldestFrame()
@@ -98,7 +101,8 @@ private:
             g_variant_unref(record);
             GUnixFDList* list = g_dbus_message_get_unix_fd_list(g_dbus_method_invocation_get_message(invocation));
             const int fd = (parsed && list) ? g_unix_fd_list_get(list, handle, nullptr) : -1;
-            void* pixels = fd >= 0 ? mmap(nullptr, frame.properties.allocSize, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
+            void* pixels =
+                fd >= 0 ? mmap(nullptr, frame.properties.allocSize, PROT_READ, MAP_SHARED, fd, 0) : MAP_FAILED;
             if (fd >= 0)
                 close(fd);
             if (pixels == MAP_FAILED)

@@ -87,10 +87,10 @@ TEST_F(SLFCefWindowManagerEngine, ResizeIsTruncatedAndFramesAreOffAroundIt)
     ASSERT_NE(representation, nullptr);
     const int id = representation->browserID();
     EXPECT_EQ(m_port.LastBrowserSettings().windowless_frame_rate, 29);
-    EXPECT_EQ(representation->size(), (NSSize{1279.9, 719.99}));
+    EXPECT_EQ(representation->size(), (NSSize {1279.9, 719.99}));
     m_port.ClearHostCalls();
     EXPECT_EQ(m_manager->updateBrowserWithID(id, {640.7, 360.2}), representation);
-    EXPECT_EQ(representation->size(), (NSSize{640.7, 360.2}));
+    EXPECT_EQ(representation->size(), (NSSize {640.7, 360.2}));
     EXPECT_FALSE(representation->updating());
     EXPECT_TRUE(ViewRect(id).width == 640 && ViewRect(id).height == 360);
     EXPECT_EQ(Calls(id), "-r+");
@@ -105,7 +105,7 @@ TEST_F(SLFCefWindowManagerEngine, ASizeUpdateDuringAnotherIsIgnored)
     m_port.ClearHostCalls();
     EXPECT_EQ(m_manager->updateBrowserWithID(id, {300, 300}), representation);
     EXPECT_TRUE(m_port.HostCalls(id).empty());
-    EXPECT_EQ(representation->size(), (NSSize{100, 100}));
+    EXPECT_EQ(representation->size(), (NSSize {100, 100}));
     representation->setUpdating(false);
 
     std::vector<std::thread> threads;

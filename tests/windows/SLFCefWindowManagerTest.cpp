@@ -60,9 +60,8 @@ TEST(SLFCefMainThread, RunOnMainAndWaitRunsOnTheLoopThreadOrInline)
     SLFCefRunOnMainAndWait([&] { loopThread = std::this_thread::get_id(); });
     EXPECT_NE(loopThread, std::this_thread::get_id());
     bool nestedRan = false;
-    SLFCefRunOnMainAndWait([&] {
-        SLFCefRunOnMainAndWait([&] { nestedRan = std::this_thread::get_id() == loopThread; });
-    });
+    SLFCefRunOnMainAndWait(
+        [&] { SLFCefRunOnMainAndWait([&] { nestedRan = std::this_thread::get_id() == loopThread; }); });
     EXPECT_TRUE(nestedRan);
 }
 
@@ -81,15 +80,15 @@ TEST(SLFCefWindowRepresentation, ReceiverListIsCopiedOnWriteAndRepliesFollowThei
     representation.addReceiverProxiesObject(proxy, [&replied, token](int id) { replied = 300 + id; });
     token.reset();
     // Added twice: listed twice, later reply; the reader's snapshot is unchanged.
-    EXPECT_EQ(*representation.receiverProxies(), (SLFCefReceiverList{proxy, other, proxy}));
-    EXPECT_EQ(*snapshot, (SLFCefReceiverList{proxy, other}));
+    EXPECT_EQ(*representation.receiverProxies(), (SLFCefReceiverList {proxy, other, proxy}));
+    EXPECT_EQ(*snapshot, (SLFCefReceiverList {proxy, other}));
     representation.replyForReceiverProxy(proxy)(5);
     EXPECT_EQ(replied, 305);
     // Unknown and null proxies change nothing; one removal takes all and the reply.
     representation.removeReceiverProxiesObject(SLFCefCallbackProxy::Create(nullptr));
     representation.removeReceiverProxiesObject(nullptr);
     representation.removeReceiverProxiesObject(proxy);
-    EXPECT_EQ(*representation.receiverProxies(), (SLFCefReceiverList{other}));
+    EXPECT_EQ(*representation.receiverProxies(), (SLFCefReceiverList {other}));
     EXPECT_FALSE(representation.replyForReceiverProxy(proxy));
     EXPECT_TRUE(watch.expired());
     EXPECT_TRUE(representation.replyForReceiverProxy(other));
@@ -100,7 +99,7 @@ TEST(SLFCefWindowRepresentation, ReceiverListIsCopiedOnWriteAndRepliesFollowThei
 TEST(SLFCefWindowRepresentation, ConcurrentReceiverChangesAreNotLost)
 {
     SLFCefWindowRepresentation representation;
-    std::atomic<int> lostChanges{0};
+    std::atomic<int> lostChanges {0};
     std::vector<std::thread> writers;
     for (int w = 0; w < 4; ++w)
         writers.emplace_back([&] {

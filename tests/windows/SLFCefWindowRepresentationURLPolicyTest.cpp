@@ -37,7 +37,7 @@ protected:
     {
         Answer answer;
         answer.status = initialStatus;
-        std::vector<char> data{'o', 'l', 'd'};
+        std::vector<char> data {'o', 'l', 'd'};
         answer.handled = SLFCefGetResponseHeadersForURL(url, "file:///Users/x/overlay/index.html", &data,
                                                         &answer.length, &answer.status, m_rep.get());
         answer.body.assign(data.begin(), data.end());
@@ -114,8 +114,10 @@ TEST_F(URLPolicy, SettingsComeFromTheHostWhileTheRequestWaits)
         const char* data;
         int status;
         double minSeconds;
-    } cases[] = {{false, 0, nullptr, 408, 0}, {true, 1200, "{\"colour\":\"green\"}", 200, 1.0},
-                 {true, 0, "", 200, 0}, {true, -1, nullptr, 408, 0}};
+    } cases[] = {{false, 0, nullptr, 408, 0},
+                 {true, 1200, "{\"colour\":\"green\"}", 200, 1.0},
+                 {true, 0, "", 200, 0},
+                 {true, -1, nullptr, 408, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.answerAfterMs);
         auto proxy = SLFCefCallbackProxy::Create(nullptr);

@@ -32,5 +32,5 @@ public:
 
 private:
     GMainLoop* m_loop = g_main_loop_new(g_main_context_default(), FALSE);
-    std::thread m_thread{[this] { g_main_loop_run(m_loop); }};
+    std::thread m_thread {[this] { g_main_loop_run(m_loop); }};
 };

@@ -16,9 +16,9 @@ void UnpremultiplyBGRAToRGBA(const uint8_t* bgra, uint32_t width, uint8_t* rgba)
 
 // A frame converted to tightly packed straight-alpha RGBA.
 struct RgbaImage {
-  uint32_t width = 0;
-  uint32_t height = 0;
-  std::vector<uint8_t> pixels;  // width * 4 bytes a row
+    uint32_t width = 0;
+    uint32_t height = 0;
+    std::vector<uint8_t> pixels; // width * 4 bytes a row
 };
 
 // Converts a premultiplied BGRA image with rows `stride` bytes apart.
@@ -27,4 +27,4 @@ RgbaImage ConvertFrame(const uint8_t* bgra, uint32_t width, uint32_t height, uin
 // Writes an 8-bit RGBA PNG; false and a message on failure.
 bool WritePng(const std::string& path, const RgbaImage& image, std::string* error);
 
-}  // namespace slf_capture
+} // namespace slf_capture

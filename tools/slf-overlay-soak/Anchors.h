@@ -30,21 +30,21 @@ constexpr auto kSilenceLimit = 5s;
 constexpr uint64_t kLiveFrames = 10;
 
 struct Anchor {
-  Host host;
-  std::unique_ptr<streamloft::OverlayClient> client;
-  std::shared_ptr<streamloft::Browser> browser;
-  int id = 0;
-  bool large = false;
-  std::shared_ptr<std::atomic<uint64_t>> settingsAnswered = std::make_shared<std::atomic<uint64_t>>(0);
-  bool silent = false;
-  Clock::time_point silentSince;
-  // Frame counts of the last kSilenceLimit, one per look, oldest first.
-  std::deque<std::pair<Clock::time_point, uint64_t>> recent;
-  // Frames over the last kSilenceLimit: a browser that only repaints when
-  // resized sends one now and then, a live one a steady stream.
-  uint64_t recentFrames() const { return recent.empty() ? 0 : recent.back().second - recent.front().second; }
-  int silences = 0;
-  int recoveries = 0;
+    Host host;
+    std::unique_ptr<streamloft::OverlayClient> client;
+    std::shared_ptr<streamloft::Browser> browser;
+    int id = 0;
+    bool large = false;
+    std::shared_ptr<std::atomic<uint64_t>> settingsAnswered = std::make_shared<std::atomic<uint64_t>>(0);
+    bool silent = false;
+    Clock::time_point silentSince;
+    // Frame counts of the last kSilenceLimit, one per look, oldest first.
+    std::deque<std::pair<Clock::time_point, uint64_t>> recent;
+    // Frames over the last kSilenceLimit: a browser that only repaints when
+    // resized sends one now and then, a live one a steady stream.
+    uint64_t recentFrames() const { return recent.empty() ? 0 : recent.back().second - recent.front().second; }
+    int silences = 0;
+    int recoveries = 0;
 };
 
 // Connects kAnchors hosts and opens a browser for each (640x360); stops at
@@ -61,4 +61,4 @@ bool ServeAnchors(std::vector<std::unique_ptr<Anchor>>& anchors, uint64_t* setti
 // Toggles the anchor's browser between 640x360 and 800x450.
 void ResizeAnchor(Anchor& anchor);
 
-}  // namespace slfsoak
+} // namespace slfsoak

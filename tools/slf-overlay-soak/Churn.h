@@ -18,44 +18,49 @@
 namespace slfsoak {
 
 struct ChurnStats {
-  std::atomic<int> closedBrowser{0};
-  std::atomic<int> leftBrowser{0};
-  std::atomic<int> bare{0};
-  std::atomic<int> failures{0};
+    std::atomic<int> closedBrowser {0};
+    std::atomic<int> leftBrowser {0};
+    std::atomic<int> bare {0};
+    std::atomic<int> failures {0};
 };
 
 class Churn {
- public:
-  Churn(const Config& config, const std::string& socket) : config_(config), socket_(socket) {}
-  ~Churn() { Stop(); }
+public:
+    Churn(const Config& config, const std::string& socket) : config_(config), socket_(socket) {}
+    ~Churn() { Stop(); }
 
-  void Start() { thread_ = std::thread([this] { Run(); }); }
-  void Stop() {
-    stop_ = true;
-    if (thread_.joinable()) thread_.join();
-  }
-  // No new churn host after the current one has gone (idle() turns true)
-  // until Resume; RequestStop ends the thread the same way.
-  void Pause() { paused_ = true; }
-  void Resume() { paused_ = false; }
-  void RequestStop() { stop_ = true; }
-  bool idle() const { return idle_.load(); }
-  const ChurnStats& stats() const { return stats_; }
+    void Start()
+    {
+        thread_ = std::thread([this] { Run(); });
+    }
+    void Stop()
+    {
+        stop_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+    // No new churn host after the current one has gone (idle() turns true)
+    // until Resume; RequestStop ends the thread the same way.
+    void Pause() { paused_ = true; }
+    void Resume() { paused_ = false; }
+    void RequestStop() { stop_ = true; }
+    bool idle() const { return idle_.load(); }
+    const ChurnStats& stats() const { return stats_; }
 
- private:
-  // The churn thread: one passing host after the other, every churnSeconds.
-  void Run();
-  // 0: opens a browser and closes it; 1: opens one, holds its frames and
-  // goes away without closing it; 2: connects and goes away.
-  void Session(int kind);
+private:
+    // The churn thread: one passing host after the other, every churnSeconds.
+    void Run();
+    // 0: opens a browser and closes it; 1: opens one, holds its frames and
+    // goes away without closing it; 2: connects and goes away.
+    void Session(int kind);
 
-  const Config& config_;
-  const std::string socket_;
-  std::thread thread_;
-  std::atomic<bool> stop_{false};
-  std::atomic<bool> paused_{false};
-  std::atomic<bool> idle_{true};
-  ChurnStats stats_;
+    const Config& config_;
+    const std::string socket_;
+    std::thread thread_;
+    std::atomic<bool> stop_ {false};
+    std::atomic<bool> paused_ {false};
+    std::atomic<bool> idle_ {true};
+    ChurnStats stats_;
 };
 
-}  // namespace slfsoak
+} // namespace slfsoak

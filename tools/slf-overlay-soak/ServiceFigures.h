@@ -14,12 +14,12 @@
 namespace slfsoak {
 
 struct Usage {
-  long rssKiB = 0;
-  int descriptors = 0;
-  int threads = 0;
-  int segments = 0;  // distinct /dev/shm files mapped
-  int surfaces = 0;  // distinct frame surfaces (memfds) mapped
-  int webProcesses = 0;
+    long rssKiB = 0;
+    int descriptors = 0;
+    int threads = 0;
+    int segments = 0; // distinct /dev/shm files mapped
+    int surfaces = 0; // distinct frame surfaces (memfds) mapped
+    int webProcesses = 0;
 };
 
 // The service's web processes, oldest first.
@@ -33,4 +33,4 @@ bool CountsSettled(const Usage& baseline, const Usage& final);
 // `failures`.
 void CompareUsage(const Usage& baseline, const Usage* final, std::vector<std::string>* failures);
 
-}  // namespace slfsoak
+} // namespace slfsoak

@@ -9,27 +9,33 @@ namespace slfsoak {
 
 const Clock::time_point g_start = Clock::now();
 
-double Elapsed() { return std::chrono::duration<double>(Clock::now() - g_start).count(); }
-
-void Say(const char* format, ...) {
-  static std::mutex lock;
-  std::lock_guard<std::mutex> guard(lock);  // lock order: a leaf, only around printing
-  printf("[%5.0f s] ", Elapsed());
-  va_list args;
-  va_start(args, format);
-  vprintf(format, args);
-  va_end(args);
-  printf("\n");
-  fflush(stdout);
+double Elapsed()
+{
+    return std::chrono::duration<double>(Clock::now() - g_start).count();
 }
 
-bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit) {
-  const auto end = Clock::now() + limit;
-  while (!done()) {
-    if (Clock::now() > end) return false;
-    std::this_thread::sleep_for(50ms);
-  }
-  return true;
+void Say(const char* format, ...)
+{
+    static std::mutex lock;
+    std::lock_guard<std::mutex> guard(lock); // lock order: a leaf, only around printing
+    printf("[%5.0f s] ", Elapsed());
+    va_list args;
+    va_start(args, format);
+    vprintf(format, args);
+    va_end(args);
+    printf("\n");
+    fflush(stdout);
 }
 
-}  // namespace slfsoak
+bool WaitFor(const std::function<bool()>& done, std::chrono::milliseconds limit)
+{
+    const auto end = Clock::now() + limit;
+    while (!done()) {
+        if (Clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(50ms);
+    }
+    return true;
+}
+
+} // namespace slfsoak

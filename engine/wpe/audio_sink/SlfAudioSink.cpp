@@ -40,10 +40,10 @@ G_DEFINE_TYPE(SlfAudioSink, slf_audio_sink, GST_TYPE_BASE_SINK)
 
 #define SLF_AUDIO_SINK(obj) (reinterpret_cast<SlfAudioSink*>(obj))
 
-GstStaticPadTemplate s_SinkTemplate = GST_STATIC_PAD_TEMPLATE(
-    "sink", GST_PAD_SINK, GST_PAD_ALWAYS,
-    GST_STATIC_CAPS("audio/x-raw, format=(string)S16LE, layout=(string)interleaved, "
-                    "rate=(int)[8000, 384000], channels=(int)[1, 32]"));
+GstStaticPadTemplate s_SinkTemplate =
+    GST_STATIC_PAD_TEMPLATE("sink", GST_PAD_SINK, GST_PAD_ALWAYS,
+                            GST_STATIC_CAPS("audio/x-raw, format=(string)S16LE, layout=(string)interleaved, "
+                                            "rate=(int)[8000, 384000], channels=(int)[1, 32]"));
 
 bool SendFrame(SlfAudioSink* sink, AudioFrameKind kind, const void* payload, uint32_t length)
 {

@@ -79,8 +79,8 @@ void ClaimPage(WebKitWebPage* page)
         if (getrandom(&token, sizeof(token), 0) != static_cast<ssize_t>(sizeof(token)))
             token = (static_cast<guint64>(g_random_int()) << 32) | g_random_int();
     }
-    webkit_web_page_send_message_to_view(page, webkit_user_message_new(kPageProcessMessage, g_variant_new("(t)", token)),
-                                         nullptr, nullptr, nullptr);
+    webkit_web_page_send_message_to_view(
+        page, webkit_user_message_new(kPageProcessMessage, g_variant_new("(t)", token)), nullptr, nullptr, nullptr);
     const char* socketName = std::getenv(kAudioSocketVariable);
     if (!socketName || !*socketName)
         return;
@@ -113,7 +113,7 @@ void OnPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer)
 } // namespace
 
 extern "C" G_MODULE_EXPORT void webkit_web_extension_initialize_with_user_data(WebKitWebExtension* extension,
-                                                                              const GVariant* userData)
+                                                                               const GVariant* userData)
 {
     if (g_pState)
         return;

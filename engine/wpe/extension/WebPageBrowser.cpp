@@ -7,7 +7,8 @@
 namespace SLF_ChromiumEmbeddedFramework {
 
 WebPageBrowser::WebPageBrowser(WebKitWebPage* page)
-    : m_pPage(page), m_nId(static_cast<int>(webkit_web_page_get_id(page)))
+    : m_pPage(page),
+      m_nId(static_cast<int>(webkit_web_page_get_id(page)))
 {
     g_object_weak_ref(G_OBJECT(m_pPage), PageGone, this);
 }

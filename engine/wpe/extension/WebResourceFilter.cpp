@@ -26,7 +26,9 @@ bool IsLocalToThePage(const char* uri)
 
 } // namespace
 
-WebResourceFilter::WebResourceFilter(std::string socketPath) : m_strSocketPath(std::move(socketPath)) {}
+WebResourceFilter::WebResourceFilter(std::string socketPath) : m_strSocketPath(std::move(socketPath))
+{
+}
 
 WebResourceFilter::~WebResourceFilter()
 {
@@ -36,12 +38,12 @@ WebResourceFilter::~WebResourceFilter()
 
 void WebResourceFilter::Attach(WebKitWebPage* page)
 {
-    g_signal_connect(page, "send-request",
-                     G_CALLBACK(+[](WebKitWebPage* page, WebKitURIRequest* request, WebKitURIResponse*,
-                                    gpointer self) -> gboolean {
-                         return static_cast<WebResourceFilter*>(self)->Filter(page, request) ? TRUE : FALSE;
-                     }),
-                     this);
+    g_signal_connect(
+        page, "send-request",
+        G_CALLBACK(+[](WebKitWebPage* page, WebKitURIRequest* request, WebKitURIResponse*, gpointer self) -> gboolean {
+            return static_cast<WebResourceFilter*>(self)->Filter(page, request) ? TRUE : FALSE;
+        }),
+        this);
 }
 
 bool WebResourceFilter::Connect()
