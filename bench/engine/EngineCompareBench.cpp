@@ -53,6 +53,7 @@ struct Options {
     int repeat = 3;
     std::vector<int> rates {30, 60};
     std::string modernBase;
+    bool animationOnly = false; // the animation rate alone (with --modern)
 };
 
 class Host : public streamloft::BrowserEvents {
@@ -282,8 +283,11 @@ int main(int argc, char** argv)
                 o.rates.push_back(std::atoi(item.c_str()));
         } else if (arg.rfind("--modern=", 0) == 0)
             o.modernBase = arg.substr(9);
+        else if (arg == "--animation-only")
+            o.animationOnly = true;
         else if (arg.rfind("--benchmark", 0) != 0) {
-            std::fprintf(stderr, "usage: %s [--seconds=S] [--warmup=S] [--repeat=N] [--fps=30,60] [--modern=URL]\n",
+            std::fprintf(stderr, "usage: %s [--seconds=S] [--warmup=S] [--repeat=N] [--fps=30,60] [--modern=URL] "
+                         "[--animation-only]\n",
                          argv[0]);
             return 2;
         }
@@ -293,7 +297,7 @@ int main(int argc, char** argv)
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 
     int status = 0;
-    for (int fps : o.rates) {
+    for (int fps : o.animationOnly ? std::vector<int>() : o.rates) {
         std::map<std::string, std::vector<double>> msPerFrame, rate, first;
         std::vector<double> ratios;
         for (int rep = 1; rep <= o.repeat; ++rep) {
@@ -338,6 +342,8 @@ int main(int argc, char** argv)
 
     if (!o.modernBase.empty()) {
         for (const char* page : {"webgl2.html", "importmap.html", "three.html"}) {
+            if (o.animationOnly)
+                break;
             for (const Engine& engine : kEngines)
                 std::printf("engines: modern %-15s %-3s %s\n", page, engine.name,
                             Probe(engine, o.modernBase + page).c_str());

@@ -283,6 +283,14 @@ void GtkView::OnFrameDue()
         m_bFrozen = false;
         gdk_window_thaw_updates(gtk_widget_get_window(m_pWindow));
     }
+    // The view is drawn at every slot, new frame or not: waiting for WebKit
+    // to invalidate the window is not enough. On a page animated with
+    // requestAnimationFrame at 30 fps the window, once thawed, often stayed
+    // valid (a paint of nothing) while the page kept animating, and no
+    // frame reached the window for seconds. Drawing the view shows its newest
+    // frame, which lets the web process go on.
+    if (m_bPaced && !m_bFrozen)
+        gtk_widget_queue_draw(GTK_WIDGET(m_pView));
 }
 
 void GtkView::OnWindowPainted()
