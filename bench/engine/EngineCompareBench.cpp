@@ -53,7 +53,9 @@ struct Options {
     int repeat = 3;
     std::vector<int> rates {30, 60};
     std::string modernBase;
-    bool animationOnly = false; // the animation rate alone (with --modern)
+    // The animation rate alone (with --modern), at the --fps rates when given.
+    bool animationOnly = false;
+    bool ratesGiven = false;
 };
 
 class Host : public streamloft::BrowserEvents {
@@ -277,6 +279,7 @@ int main(int argc, char** argv)
             o.repeat = std::max(1, std::atoi(arg.c_str() + 9));
         else if (arg.rfind("--fps=", 0) == 0) {
             o.rates.clear();
+            o.ratesGiven = true;
             std::stringstream list(arg.substr(6));
             std::string item;
             while (std::getline(list, item, ','))
@@ -349,7 +352,9 @@ int main(int argc, char** argv)
                             Probe(engine, o.modernBase + page).c_str());
             std::fflush(stdout);
         }
-        for (int fps : {10, 30}) {
+        const std::vector<int> animationRates =
+            o.animationOnly && o.ratesGiven ? o.rates : std::vector<int> {10, 30};
+        for (int fps : animationRates) {
             for (const Engine& engine : kEngines)
                 std::printf("engines: animation rate @%-2d %-3s %s\n", fps, engine.name,
                             ProbeAnimationRate(engine, o.modernBase + "raf.html", fps).c_str());

@@ -288,8 +288,11 @@ void GtkView::OnFrameDue()
     // requestAnimationFrame at 30 fps the window, once thawed, often stayed
     // valid (a paint of nothing) while the page kept animating, and no
     // frame reached the window for seconds. Drawing the view shows its newest
-    // frame, which lets the web process go on.
-    if (m_bPaced && !m_bFrozen)
+    // frame, which lets the web process go on. Not before the navigation
+    // committed: until its web process has rendered, WebKit's draw waits up
+    // to half a second for it, and a draw at every slot kept the page from
+    // loading at all.
+    if (m_bPaced && !m_bFrozen && m_bCommitted)
         gtk_widget_queue_draw(GTK_WIDGET(m_pView));
 }
 
@@ -437,6 +440,10 @@ void GtkView::CloseBrowser(bool forceClose)
 
 void GtkView::OnLoadChanged(int loadEvent)
 {
+    if (loadEvent == WEBKIT_LOAD_STARTED)
+        m_bCommitted = false;
+    else if (loadEvent == WEBKIT_LOAD_COMMITTED)
+        m_bCommitted = true;
     EngineLoadHandler* handler = m_pClient->GetLoadHandler();
     if (!handler)
         return;

@@ -110,6 +110,9 @@ private:
     bool m_bPaced = false;
     bool m_bFrozen = false;
     bool m_bNewImage = false;
+    // The current navigation committed: its web process renders, so drawing
+    // the view does not wait for it (see OnFrameDue).
+    bool m_bCommitted = false;
     // The image of the last frame: the window's own surface (referenced)
     // or, when that is not in client memory, m_pSurface (null here).
     cairo_surface_t* m_pPainted = nullptr;
