@@ -289,7 +289,8 @@ int main(int argc, char** argv)
         else if (arg == "--animation-only")
             o.animationOnly = true;
         else if (arg.rfind("--benchmark", 0) != 0) {
-            std::fprintf(stderr, "usage: %s [--seconds=S] [--warmup=S] [--repeat=N] [--fps=30,60] [--modern=URL] "
+            std::fprintf(stderr,
+                         "usage: %s [--seconds=S] [--warmup=S] [--repeat=N] [--fps=30,60] [--modern=URL] "
                          "[--animation-only]\n",
                          argv[0]);
             return 2;
@@ -352,8 +353,7 @@ int main(int argc, char** argv)
                             Probe(engine, o.modernBase + page).c_str());
             std::fflush(stdout);
         }
-        const std::vector<int> animationRates =
-            o.animationOnly && o.ratesGiven ? o.rates : std::vector<int> {10, 30};
+        const std::vector<int> animationRates = o.animationOnly && o.ratesGiven ? o.rates : std::vector<int> {10, 30};
         for (int fps : animationRates) {
             for (const Engine& engine : kEngines)
                 std::printf("engines: animation rate @%-2d %-3s %s\n", fps, engine.name,
