@@ -8,9 +8,12 @@
 // window's newest painted image (on Wayland its surface is an image in
 // client memory: cairo ARGB32, B, G, R, A in memory, premultiplied, rows of
 // width * 4 bytes; on X the view is drawn again into client memory) and
-// then lets the window paint once more. WebKit's web process renders its
-// next frame only after the window painted the last one, so rendering
-// follows the browser's rate, not the display's refresh.
+// then lets the window paint once more, drawing the view. WebKit's web
+// process sends its next frame only after the view drew the last one, so
+// painting follows the browser's rate, not the display's refresh. The page's
+// requestAnimationFrame does not: WebKit runs it from its own timer at the
+// display's refresh (60 Hz on the headless display), about two callbacks per
+// frame drawn, so up to 60 a second.
 #pragma once
 
 #include "engine/port/EnginePort.h"
