@@ -84,6 +84,6 @@ function(slf_add_test name)
                        PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT} ${lock})
 endfunction()
 
-# The second engine port, over WebKitGTK: built only when asked for (it needs
-# the packages `scripts/install-deps --engine-gtk` installs).
-option(SLF_ENGINE_GTK "Build the WebKitGTK engine port beside the WPE one" OFF)
+# The second engine port, over WebKitGTK (its packages are among those
+# scripts/install-deps installs); a machine without WebKitGTK turns it off.
+option(SLF_ENGINE_GTK "Build the WebKitGTK engine port beside the WPE one" ON)
