@@ -169,10 +169,7 @@ void GtkInput::Move(const EngineMouseEvent& event, bool leave)
     if (leave) {
         // The page learns that the pointer left only from a position
         // outside the view.
-        const int width = gtk_widget_get_allocated_width(m_pView);
-        const int height = gtk_widget_get_allocated_height(m_pView);
-        const bool inside = event.x >= 0 && event.y >= 0 && event.x < width && event.y < height;
-        SendCrossing(GDK_LEAVE_NOTIFY, inside ? -1 : event.x, inside ? -1 : event.y, state);
+        SendCrossing(GDK_LEAVE_NOTIFY, -1, -1, state);
         m_bPointerOutside = true;
         return;
     }

@@ -42,8 +42,8 @@ public:
     // the view counts on from the click before, and one that does not
     // follow a press of its own is sent as a click and a double press.
     void Click(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp, int clickCount);
-    // A move, or with leave the pointer leaving the view (the page sees it
-    // outside); a move after a leave enters the view again.
+    // A move, or with leave the pointer leaving the view (to -1, -1, outside
+    // every element); a move after a leave enters the view again.
     void Move(const EngineMouseEvent& event, bool leave);
     // One discrete scroll event per wheel step (at most kMaxWheelSteps a
     // call); positive deltas scroll up and left.

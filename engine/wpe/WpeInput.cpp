@@ -100,12 +100,13 @@ void WpeInput::Click(struct wpe_view_backend* backend, const EngineMouseEvent& e
     send(!mouseUp);
 }
 
-void WpeInput::Move(struct wpe_view_backend* backend, const EngineMouseEvent& event)
+void WpeInput::Move(struct wpe_view_backend* backend, const EngineMouseEvent& event, bool leave)
 {
     if (!backend)
         return;
-    struct wpe_input_pointer_event pointer = {wpe_input_pointer_event_type_motion, EventTime(), event.x, event.y, 0, 0,
-                                              WpePointerModifiers(event.modifiers)};
+    struct wpe_input_pointer_event pointer = {
+        wpe_input_pointer_event_type_motion, EventTime(), leave ? -1 : event.x, leave ? -1 : event.y, 0, 0,
+        WpePointerModifiers(event.modifiers)};
     wpe_view_backend_dispatch_pointer_event(backend, &pointer);
 }
 

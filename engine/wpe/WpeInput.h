@@ -36,7 +36,9 @@ public:
     // from their timing).
     void Click(struct wpe_view_backend* backend, const EngineMouseEvent& event, EngineMouseButtonType type,
                bool mouseUp, int clickCount);
-    void Move(struct wpe_view_backend* backend, const EngineMouseEvent& event);
+    // A move; with leave the pointer leaves the view (it moves to -1, -1,
+    // outside every element).
+    void Move(struct wpe_view_backend* backend, const EngineMouseEvent& event, bool leave);
     // One axis event per wheel step (at most kMaxWheelSteps a call).
     void Wheel(struct wpe_view_backend* backend, const EngineMouseEvent& event, int deltaX, int deltaY);
     // A key press, release or character; a character of a held key has
