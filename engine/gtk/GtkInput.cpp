@@ -51,15 +51,6 @@ uint32_t GtkPointerButton(EngineMouseButtonType type)
     return GDK_BUTTON_PRIMARY;
 }
 
-namespace {
-
-guint32 EventTime()
-{
-    return static_cast<guint32>(g_get_monotonic_time() / 1000);
-}
-
-} // namespace
-
 // ---- the view ----------------------------------------------------------------
 
 void GtkInput::Attach(GtkWidget* window, GtkWidget* view)
@@ -75,6 +66,11 @@ void GtkInput::Detach()
     m_pWindow = nullptr;
     m_pView = nullptr;
     m_PressedKeys.clear();
+}
+
+uint32_t GtkInput::EventTime() const
+{
+    return static_cast<uint32_t>(g_get_monotonic_time() / 1000 + m_nTimeShift);
 }
 
 bool GtkInput::Ready() const
@@ -111,7 +107,19 @@ GdkEvent* GtkInput::NewEvent(int type, bool keyboard) const
 void GtkInput::SendButton(int type, const EngineMouseEvent& event, uint32_t button, uint32_t state)
 {
     GdkEvent* press = NewEvent(type, false);
+    if (type == GDK_BUTTON_PRESS) {
+        // The view counts a press soon after the last one as the next click
+        // of a double click; a press the client counts 1 is made to come
+        // later than that (event times only serve such comparisons).
+        int doubleClickTime = 400;
+        g_object_get(gtk_widget_get_settings(m_pView), "gtk-double-click-time", &doubleClickTime, nullptr);
+        const int64_t since = static_cast<int64_t>(EventTime()) - m_nLastPressEventTime;
+        if (m_nLastPressEventTime && since >= 0 && since <= doubleClickTime)
+            m_nTimeShift += doubleClickTime + 1 - since;
+    }
     press->button.time = EventTime();
+    if (type != GDK_BUTTON_RELEASE)
+        m_nLastPressEventTime = press->button.time;
     press->button.x = press->button.x_root = event.x;
     press->button.y = press->button.y_root = event.y;
     press->button.state = state;

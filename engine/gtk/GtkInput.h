@@ -37,10 +37,12 @@ public:
     // Forgets the view and the keys held.
     void Detach();
 
-    // A press or release. GTK's web view counts clicks from their timing;
-    // a press with clickCount 2 (3) goes as a double (triple) press, which
-    // the view counts on from the click before, and one that does not
-    // follow a press of its own is sent as a click and a double press.
+    // A press or release, counted as the client counts it. GTK's web view
+    // counts clicks from their timing: a press counted 1 is sent as coming
+    // after the double-click time; one counted 2 (3) goes as a double
+    // (triple) press, which the view counts on from the click before, and
+    // one that does not follow a press of its own is sent as a click and a
+    // double press.
     void Click(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp, int clickCount);
     // A move, or with leave the pointer leaving the view (to -1, -1, outside
     // every element); a move after a leave enters the view again.
@@ -60,6 +62,7 @@ public:
 
 private:
     bool Ready() const;
+    uint32_t EventTime() const;
     // Makes the view its window's focus widget (again, after the page moved
     // the focus).
     void Focus();
@@ -74,6 +77,11 @@ private:
     int64_t m_nLastPressTime = 0;     // monotonic microseconds
     int m_nLastPressX = 0;
     int m_nLastPressY = 0;
+    // Event times are the monotonic clock in milliseconds plus this shift,
+    // which grows to keep a press counted 1 out of the view's double-click
+    // time (see SendButton).
+    int64_t m_nTimeShift = 0;
+    int64_t m_nLastPressEventTime = 0; // of the last press sent
     bool m_bPointerOutside = true;
 };
 

@@ -168,8 +168,10 @@ TEST_F(EnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
 
     first.width = 300, first.height = 150;
     first.browser->GetHost()->WasResized();
+    // The WebKitGTK port may deliver a frame at the new size before the page
+    // painted into it (seen about once in six runs): the content is waited for.
     ASSERT_TRUE(PumpUntil([&] { return first.paintWidth == 300 && first.paintHeight == 150; }));
-    EXPECT_EQ(first.Pixel(25, 25), kRed);
+    EXPECT_TRUE(PumpUntil([&] { return first.Pixel(25, 25) == kRed; })) << "the page never painted at the new size";
     EXPECT_EQ(first.Pixel(250, 120).a, 0);
 
     // As the service's connection threads send input.
@@ -283,17 +285,20 @@ TEST_F(EnginePortTest, TypingModifiersLeavingNewWindowLinksAndDoubleClicks)
     host->SendMouseMoveEvent(event, true);
     EXPECT_TRUE(PumpUntil([&] { return client.Pixel(75, 25) == kBlue; })) << "the pointer never left";
 
-    // A double click as the service sends one: a click, then a press
-    // counted 2. WPE WebKit counts no clicks (libwpe's pointer events carry
-    // no count): its pages see two clicks, as the events case accepts.
+    // Two quick clicks each counted 1, then a double click as the service
+    // sends one (a click, then a press counted 2): the page sees one
+    // dblclick, with the fourth click. WPE WebKit counts no clicks (libwpe's
+    // pointer events carry no count): its pages see clicks only, as the
+    // events case accepts.
     if (PortUnderTest::kGtk) {
         event = {.x = 175, .y = 25};
         host->SendMouseMoveEvent(event, false);
-        host->SendMouseClickEvent(event, MBT_LEFT, false, 1);
-        host->SendMouseClickEvent(event, MBT_LEFT, true, 1);
-        host->SendMouseClickEvent(event, MBT_LEFT, false, 2);
-        host->SendMouseClickEvent(event, MBT_LEFT, true, 2);
-        EXPECT_TRUE(PumpUntil([&] { return client.Pixel(175, 25) == kCyan; })) << "no dblclick";
+        for (int count : {1, 1, 1, 2}) {
+            host->SendMouseClickEvent(event, MBT_LEFT, false, count);
+            host->SendMouseClickEvent(event, MBT_LEFT, true, count);
+        }
+        EXPECT_TRUE(PumpUntil([&] { return client.Pixel(175, 25) == kCyan || client.Pixel(175, 25) == kRed; }));
+        EXPECT_EQ(client.Pixel(175, 25), kCyan) << "the clicks were not counted as sent";
     }
 
     event = {.x = 150, .y = 75};
