@@ -12,8 +12,9 @@
 //
 // Scope: rendering (paced frames at the browser's size and rate, with
 // transparency), loading, scripts, resize, hide/show, invalidate, process
-// messages and the web-process module. Input, resource interception and
-// page audio delivery are not offered by this port yet.
+// messages, the web-process module, input (GtkInput), the cursor, popups
+// and script dialogs. Resource interception and page audio delivery are not
+// offered by this port yet.
 #pragma once
 
 #include "engine/gtk/GtkHeadlessDisplay.h"

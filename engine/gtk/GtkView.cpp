@@ -156,29 +156,7 @@ void GtkView::Open()
                          static_cast<GtkView*>(self)->SetUrl(webkit_web_view_get_uri(view));
                      }),
                      this);
-    g_signal_connect(m_pView, "create",
-                     G_CALLBACK(+[](WebKitWebView*, WebKitNavigationAction* action, gpointer self) -> GtkWidget* {
-                         auto* view = static_cast<GtkView*>(self);
-                         std::string target;
-                         if (WebKitURIRequest* request = webkit_navigation_action_get_request(action))
-                             target = webkit_uri_request_get_uri(request) ? webkit_uri_request_get_uri(request) : "";
-                         if (EngineLifeSpanHandler* handler = view->m_pClient->GetLifeSpanHandler())
-                             handler->OnBeforePopup(view->shared_from_this(), target);
-                         return nullptr;
-                     }),
-                     this);
-    g_signal_connect(m_pView, "script-dialog",
-                     G_CALLBACK(+[](WebKitWebView*, WebKitScriptDialog* dialog, gpointer) -> gboolean {
-                         // No dialog can be shown off screen: every dialog
-                         // ends unanswered, leaving a page is allowed.
-                         const WebKitScriptDialogType type = webkit_script_dialog_get_dialog_type(dialog);
-                         if (type == WEBKIT_SCRIPT_DIALOG_CONFIRM)
-                             webkit_script_dialog_confirm_set_confirmed(dialog, FALSE);
-                         else if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM)
-                             webkit_script_dialog_confirm_set_confirmed(dialog, TRUE);
-                         return TRUE;
-                     }),
-                     this);
+    ConnectUiSignals();
     g_signal_connect(m_pView, "user-message-received",
                      G_CALLBACK(+[](WebKitWebView*, WebKitUserMessage* message, gpointer self) -> gboolean {
                          return static_cast<GtkView*>(self)->OnUserMessage(message);
@@ -209,6 +187,7 @@ void GtkView::Open()
         },
         this, nullptr);
     g_source_set_name(m_pFrameTimer, "SlfGtkViewFrame");
+    m_Input.Attach(m_pWindow, GTK_WIDGET(m_pView));
     m_nGridStart = g_get_monotonic_time();
     m_nFrameIndex = 1;
     g_source_set_ready_time(m_pFrameTimer, m_nGridStart + m_nFramePeriod);
@@ -242,6 +221,7 @@ void GtkView::Close(bool notify)
         g_source_unref(m_pFrameTimer);
         m_pFrameTimer = nullptr;
     }
+    m_Input.Detach();
     if (m_pView) {
         g_signal_handlers_disconnect_by_data(m_pView, this);
         m_pView = nullptr;
@@ -398,32 +378,25 @@ void GtkView::Invalidate()
     OnPump([this]() { Deliver(); });
 }
 
-void GtkView::LogNotOffered(const char* what)
+void GtkView::SendMouseClickEvent(const EngineMouseEvent& event, EngineMouseButtonType type, bool mouseUp,
+                                  int clickCount)
 {
-    if (m_bLoggedInput)
-        return;
-    m_bLoggedInput = true;
-    NSLog("GtkView - browser %d: %s is not offered by the WebKitGTK port yet; dropped", m_nId, what);
+    OnPump([this, event, type, mouseUp, clickCount]() { m_Input.Click(event, type, mouseUp, clickCount); });
 }
 
-void GtkView::SendMouseClickEvent(const EngineMouseEvent&, EngineMouseButtonType, bool, int)
+void GtkView::SendMouseMoveEvent(const EngineMouseEvent& event, bool mouseLeave)
 {
-    OnPump([this]() { LogNotOffered("input"); });
+    OnPump([this, event, mouseLeave]() { m_Input.Move(event, mouseLeave); });
 }
 
-void GtkView::SendMouseMoveEvent(const EngineMouseEvent&, bool)
+void GtkView::SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, int deltaY)
 {
-    OnPump([this]() { LogNotOffered("input"); });
+    OnPump([this, event, deltaX, deltaY]() { m_Input.Wheel(event, deltaX, deltaY); });
 }
 
-void GtkView::SendMouseWheelEvent(const EngineMouseEvent&, int, int)
+void GtkView::SendKeyEvent(const EngineKeyEvent& event)
 {
-    OnPump([this]() { LogNotOffered("input"); });
-}
-
-void GtkView::SendKeyEvent(const EngineKeyEvent&)
-{
-    OnPump([this]() { LogNotOffered("input"); });
+    OnPump([this, event]() { m_Input.Key(event); });
 }
 
 void GtkView::CloseBrowser(bool forceClose)

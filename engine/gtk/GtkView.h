@@ -16,6 +16,7 @@
 // frame drawn, so up to 60 a second.
 #pragma once
 
+#include "engine/gtk/GtkInput.h"
 #include "engine/port/EnginePort.h"
 
 #include <glib.h>
@@ -28,6 +29,9 @@
 typedef struct _GtkWidget GtkWidget;
 typedef struct _WebKitWebView WebKitWebView;
 typedef struct _WebKitUserMessage WebKitUserMessage;
+typedef struct _WebKitHitTestResult WebKitHitTestResult;
+typedef struct _WebKitScriptDialog WebKitScriptDialog;
+typedef struct _WebKitNavigationAction WebKitNavigationAction;
 typedef struct _cairo_surface cairo_surface_t;
 
 namespace SLF_ChromiumEmbeddedFramework {
@@ -89,7 +93,13 @@ private:
     void Deliver();
     void OnLoadChanged(int loadEvent);
     bool OnUserMessage(WebKitUserMessage* message);
-    void LogNotOffered(const char* what);
+
+    // The page's requests to the user interface (GtkViewUi.cpp): popups,
+    // script dialogs, menus and the cursor.
+    void ConnectUiSignals();
+    void OnPopupRequest(WebKitNavigationAction* action);
+    bool OnScriptDialog(WebKitScriptDialog* dialog);
+    void OnMouseTargetChanged(WebKitHitTestResult* hit);
 
     GtkEnginePort& m_Port;
     const int m_nId;
@@ -109,13 +119,14 @@ private:
     bool m_bHasImage = false;
     bool m_bHidden = false;
     bool m_bClosed = false;
-    bool m_bLoggedInput = false;
     bool m_bPaced = false;
     bool m_bFrozen = false;
     bool m_bNewImage = false;
     // The current navigation committed: its web process renders, so drawing
     // the view does not wait for it (see OnFrameDue).
     bool m_bCommitted = false;
+    int m_nCursor = -1; // the cursor last reported to the render handler
+    GtkInput m_Input;
     // The image of the last frame: the window's own surface (referenced)
     // or, when that is not in client memory, m_pSurface (null here).
     cairo_surface_t* m_pPainted = nullptr;

@@ -1,10 +1,11 @@
 // Input of the WPE port: the translation of the port's input vocabulary
-// (event flags, button types, Windows virtual-key codes) into libwpe's
-// (modifier bits, button numbers, XKB key symbols), pure functions; and
+// (event flags, button types) into libwpe's (modifier bits, button
+// numbers), pure functions, with key symbols from KeySymbols.h; and
 // WpeInput, which synthesises one view's pointer, wheel and key events.
 #pragma once
 
 #include "engine/port/EnginePort.h"
+#include "engine/port/KeySymbols.h"
 
 #include <cstdint>
 #include <set>
@@ -25,13 +26,6 @@ uint32_t WpePointerButton(EngineMouseButtonType type);
 // The pointer-modifier bit that stands for the button.
 uint32_t WpePointerButtonModifier(EngineMouseButtonType type);
 
-// The XKB key symbol of a Windows virtual-key code (letters lower case
-// unless shift is held), or 0 for a code without one.
-uint32_t KeysymForWindowsKeyCode(int windowsKeyCode, bool shift);
-
-// The XKB key symbol of a character (a printable Unicode code point), or 0.
-uint32_t KeysymForCharacter(uint32_t codePoint);
-
 // The input of one view, as libwpe events dispatched to its backend. Owned
 // by its WpeView, which calls it on the pump thread only; backend may be
 // null (the view's backend is gone), and then nothing is sent.
@@ -42,7 +36,9 @@ public:
     // from their timing).
     void Click(struct wpe_view_backend* backend, const EngineMouseEvent& event, EngineMouseButtonType type,
                bool mouseUp, int clickCount);
-    void Move(struct wpe_view_backend* backend, const EngineMouseEvent& event);
+    // A move; with leave the pointer leaves the view (it moves to -1, -1,
+    // outside every element).
+    void Move(struct wpe_view_backend* backend, const EngineMouseEvent& event, bool leave);
     // One axis event per wheel step (at most kMaxWheelSteps a call).
     void Wheel(struct wpe_view_backend* backend, const EngineMouseEvent& event, int deltaX, int deltaY);
     // A key press, release or character; a character of a held key has

@@ -316,9 +316,9 @@ void WpeView::SendMouseClickEvent(const EngineMouseEvent& event, EngineMouseButt
     OnPump([this, event, type, mouseUp, clickCount]() { m_Input.Click(Backend(), event, type, mouseUp, clickCount); });
 }
 
-void WpeView::SendMouseMoveEvent(const EngineMouseEvent& event, bool)
+void WpeView::SendMouseMoveEvent(const EngineMouseEvent& event, bool mouseLeave)
 {
-    OnPump([this, event]() { m_Input.Move(Backend(), event); });
+    OnPump([this, event, mouseLeave]() { m_Input.Move(Backend(), event, mouseLeave); });
 }
 
 void WpeView::SendMouseWheelEvent(const EngineMouseEvent& event, int deltaX, int deltaY)

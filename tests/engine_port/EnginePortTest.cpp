@@ -24,6 +24,7 @@ namespace {
 
 const std::string kColoursPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_colors.html";
 const std::string kEventsPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/wpe_port_events.html";
+const std::string kInputPage = std::string("file://") + SLF_TEST_PAGES_DIR + "/port_input.html";
 
 struct Bgra {
     uint8_t b, g, r, a;
@@ -120,6 +121,14 @@ protected:
         ASSERT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == ready; })) << "page never painted";
     }
 
+    // Closes the client's browser before the client goes: the WebKitGTK
+    // port delivers frames as long as a browser is open.
+    void Close(TestClient& client)
+    {
+        client.browser->GetHost()->CloseBrowser(true);
+        EXPECT_TRUE(PumpUntil([&] { return client.closedCount == 1; })) << "no OnBeforeClose";
+    }
+
     static inline PortUnderTest::Port* s_pPort = nullptr;
     static inline bool s_bInitialized = false;
     static inline CBrowserApp s_App; // forces a device scale factor of 1
@@ -146,11 +155,11 @@ TEST_F(EnginePortTest, PaintsPageColoursKeepsTransparencyAndRefusesPopups)
     client.browser->GetHost()->Invalidate();
     ASSERT_TRUE(PumpUntil([&] { return client.paints > paints; }));
     EXPECT_EQ(client.Pixel(25, 25), kRed);
+    Close(client);
 }
 
 TEST_F(EnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
 {
-    SKIP_ON_GTK() << "input is not offered by the WebKitGTK port yet";
     TestClient first(200, 100);
     TestClient second(200, 60);
     Open(first);
@@ -159,8 +168,10 @@ TEST_F(EnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
 
     first.width = 300, first.height = 150;
     first.browser->GetHost()->WasResized();
+    // The WebKitGTK port may deliver a frame at the new size before the page
+    // painted into it (seen about once in six runs): the content is waited for.
     ASSERT_TRUE(PumpUntil([&] { return first.paintWidth == 300 && first.paintHeight == 150; }));
-    EXPECT_EQ(first.Pixel(25, 25), kRed);
+    EXPECT_TRUE(PumpUntil([&] { return first.Pixel(25, 25) == kRed; })) << "the page never painted at the new size";
     EXPECT_EQ(first.Pixel(250, 120).a, 0);
 
     // As the service's connection threads send input.
@@ -194,13 +205,13 @@ TEST_F(EnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
     Pump(200);
     EXPECT_EQ(first.paints, paints);
     EXPECT_EQ(first.closedCount, 1);
+    Close(second);
 }
 
 // Catches: a blocking dialog, a reversed wheel, a double click that arrives
 // as one click, a cursor not reported, a page not shown again.
 TEST_F(EnginePortTest, DialogsWheelDoubleClickCursorAndVisibility)
 {
-    SKIP_ON_GTK() << "input is not offered by the WebKitGTK port yet";
     TestClient client(250, 100);
     Open(client, kEventsPage, kLime); // lime: confirm gave false and prompt null
     EXPECT_EQ(client.dialogs, 3);
@@ -230,6 +241,75 @@ TEST_F(EnginePortTest, DialogsWheelDoubleClickCursorAndVisibility)
 
     host->CloseBrowser(false);
     EXPECT_TRUE(PumpUntil([&] { return client.closedCount == 1; })) << "a polite close did not close";
+}
+
+// Catches: characters that never reach a text field, modifiers lost on the
+// way, a pointer that never leaves, a link to a new window that opens one
+// or never reaches the popup handler, a double click the page sees as two
+// clicks only.
+TEST_F(EnginePortTest, TypingModifiersLeavingNewWindowLinksAndDoubleClicks)
+{
+    TestClient client(250, 100);
+    Open(client, kInputPage, kGrey);
+    EngineBrowserHostRef host = client.browser->GetHost();
+    EngineMouseEvent event {.x = 50, .y = 75};
+    host->SendMouseMoveEvent(event, false);
+    EXPECT_TRUE(PumpUntil([&] { return client.cursor == CT_IBEAM; })) << "cursor " << client.cursor;
+    host->SendMouseClickEvent(event, MBT_LEFT, false, 1);
+    host->SendMouseClickEvent(event, MBT_LEFT, true, 1);
+    // WebKit queues keys apart from clicks, so keys sent at once may
+    // overtake the click: typing starts once the field has the focus.
+    ASSERT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == kYellow; })) << "the field never got the focus";
+
+    // "H" with shift held, "i", and "!" as a character alone (as an input
+    // method sends one).
+    auto send = [&](EngineKeyEventType type, int code, char16_t character, uint32_t modifiers) {
+        EngineKeyEvent key;
+        key.type = type, key.windows_key_code = code, key.character = character, key.modifiers = modifiers;
+        host->SendKeyEvent(key);
+    };
+    send(KEYEVENT_RAWKEYDOWN, 0x10, 0, EVENTFLAG_SHIFT_DOWN);
+    send(KEYEVENT_RAWKEYDOWN, 'H', 0, EVENTFLAG_SHIFT_DOWN);
+    send(KEYEVENT_CHAR, 'H', u'H', EVENTFLAG_SHIFT_DOWN);
+    send(KEYEVENT_KEYUP, 'H', 0, EVENTFLAG_SHIFT_DOWN);
+    send(KEYEVENT_KEYUP, 0x10, 0, 0);
+    send(KEYEVENT_RAWKEYDOWN, 'I', 0, 0);
+    send(KEYEVENT_CHAR, 'i', u'i', 0);
+    send(KEYEVENT_KEYUP, 'I', 0, 0);
+    send(KEYEVENT_CHAR, '!', u'!', EVENTFLAG_SHIFT_DOWN);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(25, 25) == kLime; })) << "\"Hi!\" not typed";
+    send(KEYEVENT_RAWKEYDOWN, 'B', 0, EVENTFLAG_SHIFT_DOWN | EVENTFLAG_CONTROL_DOWN);
+    send(KEYEVENT_KEYUP, 'B', 0, EVENTFLAG_SHIFT_DOWN | EVENTFLAG_CONTROL_DOWN);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(125, 25) == kMagenta; })) << "control+shift+B not seen";
+
+    host->SendMouseMoveEvent(event, true);
+    EXPECT_TRUE(PumpUntil([&] { return client.Pixel(75, 25) == kBlue; })) << "the pointer never left";
+
+    // Two quick clicks each counted 1, then a double click as the service
+    // sends one (a click, then a press counted 2): the page sees one
+    // dblclick, with the fourth click. WPE WebKit counts no clicks (libwpe's
+    // pointer events carry no count): its pages see clicks only, as the
+    // events case accepts.
+    if (PortUnderTest::kGtk) {
+        event = {.x = 175, .y = 25};
+        host->SendMouseMoveEvent(event, false);
+        for (int count : {1, 1, 1, 2}) {
+            host->SendMouseClickEvent(event, MBT_LEFT, false, count);
+            host->SendMouseClickEvent(event, MBT_LEFT, true, count);
+        }
+        EXPECT_TRUE(PumpUntil([&] { return client.Pixel(175, 25) == kCyan || client.Pixel(175, 25) == kRed; }));
+        EXPECT_EQ(client.Pixel(175, 25), kCyan) << "the clicks were not counted as sent";
+    }
+
+    event = {.x = 150, .y = 75};
+    host->SendMouseMoveEvent(event, false);
+    EXPECT_TRUE(PumpUntil([&] { return client.cursor == CT_HAND; })) << "cursor " << client.cursor;
+    host->SendMouseClickEvent(event, MBT_LEFT, false, 1);
+    host->SendMouseClickEvent(event, MBT_LEFT, true, 1);
+    EXPECT_TRUE(PumpUntil([&] { return client.popups == 1; })) << "the link's new window never reached the handler";
+    Pump(300);
+    EXPECT_EQ(client.createdCount, 1);
+    Close(client);
 }
 
 // Where the machine runs WebKit's sandbox, a web process lives in a mount
