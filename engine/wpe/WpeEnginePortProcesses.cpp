@@ -1,12 +1,8 @@
-// The WPE port's knowledge of its web processes: which page each one
-// shows (page claims, asked by the resource and audio threads) and which
-// helper processes of the engine still run (for shutdown and tests).
+// Which helper processes of the WPE engine still run (for shutdown and
+// tests). Which page each web process shows is WpeEngineServices' record.
 #include "engine/wpe/WpeEnginePort.h"
 
-#include "engine/CBrowserApp.h"
 #include "engine/port/EngineProcesses.h"
-#include "engine/wpe/WpeResourceServer.h"
-#include "engine/wpe/WpeView.h"
 
 #include <string>
 
