@@ -170,9 +170,10 @@ bool GtkEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
     const std::string extensionFolder = m_strModuleFolder + "/web-extensions-gtk";
     ApplyWebProcessServices(m_pWebContext, {extensionFolder, pluginFolder});
     // Sandboxed web processes open the display too (the socket is by
-    // absolute path, which the sandbox does not bring in by itself).
+    // absolute path, which the sandbox does not bring in by itself); they
+    // write nothing there.
     if (IsSandboxed())
-        webkit_web_context_add_path_to_sandbox(m_pWebContext, m_Display.GetFolder().c_str(), FALSE);
+        webkit_web_context_add_path_to_sandbox(m_pWebContext, m_Display.GetFolder().c_str(), TRUE);
     webkit_web_context_set_cache_model(m_pWebContext, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
     webkit_web_context_set_web_extensions_directory(m_pWebContext, extensionFolder.c_str());
     g_signal_connect(m_pWebContext, "initialize-web-extensions", G_CALLBACK(+[](WebKitWebContext*, gpointer self) {
