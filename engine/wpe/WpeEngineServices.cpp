@@ -222,6 +222,12 @@ void WpeEngineServices::CorrectProcessId(const WpeServedView& view, EngineProces
         message.GetArgumentList().empty() || !std::holds_alternative<int>(message.GetArgumentList()[0]))
         return;
     std::lock_guard<std::mutex> lock(m_PageMutex);
+    // After a process swap the view's older process may still be known:
+    // the one that claimed its newest page shows it.
+    if (const int pid = m_Claims.ProcessOf(&view)) {
+        message.GetArgumentList()[0] = pid;
+        return;
+    }
     for (const auto& [pid, known] : m_Processes) {
         if (known.lock().get() == &view)
             message.GetArgumentList()[0] = pid;
