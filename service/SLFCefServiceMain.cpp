@@ -20,8 +20,8 @@
 #include "engine/gtk/GtkEnginePort.h"
 #else
 #include "engine/wpe/WpeEnginePort.h"
-#include "engine/wpe/WpeSandbox.h"
 #endif
+#include "engine/wpe/WpeSandbox.h"
 
 #include <CLI/CLI.hpp>
 #include <glib-unix.h>
@@ -213,9 +213,9 @@ int SLFCefServiceMain(int argc, char** argv)
     SLFCefReleaseServiceSocket(socket);
     // Audio segments are named in /dev/shm: they would outlive the process.
     NVKXPCAudioBufferPool::unlinkAllSegments();
-#if !SLF_HAVE_GTK_ENGINE
+    // So would the folder of the engine's sockets (either port makes one
+    // when its web processes are sandboxed).
     SLF_ChromiumEmbeddedFramework::RemoveEngineSocketFolder();
-#endif
     fflush(nullptr);
     _exit(0);
 }

@@ -89,7 +89,11 @@ EnginePort* CreateGtkEnginePort()
 }
 
 GtkEnginePort::GtkEnginePort() = default;
-GtkEnginePort::~GtkEnginePort() = default;
+GtkEnginePort::~GtkEnginePort()
+{
+    // The threads post to this port: they end while it is whole.
+    StopWebProcessServices();
+}
 
 bool GtkEnginePort::IsPumpThread() const
 {
@@ -134,12 +138,6 @@ bool GtkEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
     // raster paints the same pages for about a fifth less processor time
     // (measured with bench_engines). WebGL and compositing keep using GL.
     g_setenv("WEBKIT_SKIA_ENABLE_CPU_RENDERING", "1", FALSE);
-    // Our GStreamer elements (the page-audio sink) are found by the web
-    // processes through the plugin path.
-    std::string pluginPath = m_strModuleFolder + "/gstreamer-1.0";
-    if (const char* existing = g_getenv("GST_PLUGIN_PATH"); existing && *existing)
-        pluginPath += std::string(":") + existing;
-    g_setenv("GST_PLUGIN_PATH", pluginPath.c_str(), TRUE);
 
     m_PumpThread = std::this_thread::get_id();
     m_pMainContext = g_main_context_new();
@@ -160,21 +158,23 @@ bool GtkEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
     g_source_set_name(m_pTaskSource, "SlfGtkEngineTasks");
     g_source_attach(m_pTaskSource, m_pMainContext);
 
+    // The sandbox (where the machine runs it), the resource and audio
+    // threads, and our GStreamer sink on the web processes' plugin path.
+    const std::string pluginFolder = m_strModuleFolder + "/gstreamer-1.0";
+    StartWebProcessServices("GtkEnginePort::Initialize", pluginFolder, true);
+
     m_pWebContext = webkit_web_context_new_ephemeral();
-    // WebKitGTK runs its web processes in its bubblewrap sandbox; the
-    // folders of our web-process modules are made visible inside it.
-    webkit_web_context_set_sandbox_enabled(m_pWebContext, TRUE);
-    webkit_web_context_add_path_to_sandbox(m_pWebContext, m_strModuleFolder.c_str(), TRUE);
-    // The web processes open the display too (the socket is by absolute
-    // path, which the sandbox does not bring in by itself).
-    webkit_web_context_add_path_to_sandbox(m_pWebContext, m_Display.GetFolder().c_str(), FALSE);
-    if (!webkit_web_context_get_sandbox_enabled(m_pWebContext))
-        NSLog("GtkEnginePort::Initialize - the web processes run without the engine's sandbox");
-    webkit_web_context_set_cache_model(m_pWebContext, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
     // The module built for this engine has a folder of its own: WebKit loads
     // every library of the folder, and the WPE module cannot live in a
     // WebKitGTK web process.
     const std::string extensionFolder = m_strModuleFolder + "/web-extensions-gtk";
+    ApplyWebProcessServices(m_pWebContext, {extensionFolder, pluginFolder});
+    // Sandboxed web processes open the display too (the socket is by
+    // absolute path, which the sandbox does not bring in by itself); they
+    // write nothing there.
+    if (IsSandboxed())
+        webkit_web_context_add_path_to_sandbox(m_pWebContext, m_Display.GetFolder().c_str(), TRUE);
+    webkit_web_context_set_cache_model(m_pWebContext, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
     webkit_web_context_set_web_extensions_directory(m_pWebContext, extensionFolder.c_str());
     g_signal_connect(m_pWebContext, "initialize-web-extensions", G_CALLBACK(+[](WebKitWebContext*, gpointer self) {
                          static_cast<GtkEnginePort*>(self)->OnInitializeWebExtensions();
@@ -191,8 +191,9 @@ void GtkEnginePort::OnInitializeWebExtensions()
         if (EngineBrowserProcessHandler* handler = m_pApp->GetBrowserProcessHandler())
             handler->OnBeforeChildProcessLaunch(commandLine);
     }
+    // The resource thread's socket travels with the command line.
     webkit_web_context_set_web_extensions_initialization_user_data(
-        m_pWebContext, ExtensionInitDataToVariant(kRendererProcessType, commandLine));
+        m_pWebContext, AddExtensionInitValues(ExtensionInitDataToVariant(kRendererProcessType, commandLine)));
 }
 
 void GtkEnginePort::DoMessageLoopWork()
@@ -274,6 +275,7 @@ void GtkEnginePort::Shutdown()
     for (auto& entry : views)
         entry.second->Close(false);
     m_Views.clear();
+    StopWebProcessServices();
     if (m_pWebContext) {
         g_signal_handlers_disconnect_by_data(m_pWebContext, this);
         g_object_unref(m_pWebContext);

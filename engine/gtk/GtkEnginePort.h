@@ -13,12 +13,14 @@
 // Scope: rendering (paced frames at the browser's size and rate, with
 // transparency), loading, scripts, resize, hide/show, invalidate, process
 // messages, the web-process module, input (GtkInput), the cursor, popups
-// and script dialogs. Resource interception and page audio delivery are not
-// offered by this port yet.
+// and script dialogs. The web processes' sandbox, resource interception,
+// page audio and page claims are the WPE port's (WpeEngineServices, built
+// against WebKitGTK).
 #pragma once
 
 #include "engine/gtk/GtkHeadlessDisplay.h"
 #include "engine/port/EnginePort.h"
+#include "engine/wpe/WpeEngineServices.h"
 
 #include <glib.h>
 
@@ -41,7 +43,7 @@ class GtkView;
 // SetEnginePort.
 EnginePort* CreateGtkEnginePort();
 
-class GtkEnginePort : public EnginePort {
+class GtkEnginePort : public EnginePort, public WpeEngineServices {
 public:
     GtkEnginePort();
     ~GtkEnginePort() override;
@@ -55,10 +57,10 @@ public:
                        const EngineBrowserSettings& settings) override;
 
     // Queues a task to the pump thread (dropped after Shutdown).
-    void Post(std::function<void()> task);
+    void Post(std::function<void()> task) override;
 
     WebKitWebContext* GetWebContext() const { return m_pWebContext; }
-    GMainContext* GetMainContext() const { return m_pMainContext; }
+    GMainContext* GetMainContext() const override { return m_pMainContext; }
     void ForgetView(int id);
 
 private:

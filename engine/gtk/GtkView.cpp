@@ -3,6 +3,7 @@
 #include "dbg/NSLog.h"
 #include "engine/gtk/GtkEnginePort.h"
 #include "engine/wpe/WpeAudioWire.h"
+#include "engine/wpe/WpeResourceServer.h"
 #include "engine/wpe/WpeVariantCodec.h"
 
 #include <cairo.h>
@@ -127,11 +128,20 @@ void GtkView::Open()
     webkit_settings_set_media_playback_requires_user_gesture(settings, FALSE);
     webkit_settings_set_enable_webaudio(settings, TRUE);
     webkit_settings_set_javascript_can_open_windows_automatically(settings, TRUE);
-    m_pView = WEBKIT_WEB_VIEW(
-        g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", m_Port.GetWebContext(), "settings", settings, nullptr));
+    // Overlays play sound without anyone to click them: WebKitGTK's default
+    // autoplay policy keeps audible media and WebAudio silent until a
+    // gesture.
+    WebKitWebsitePolicies* policies =
+        webkit_website_policies_new_with_policies("autoplay", WEBKIT_AUTOPLAY_ALLOW, nullptr);
+    m_pView = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", m_Port.GetWebContext(), "settings",
+                                           settings, "website-policies", policies, nullptr));
+    g_object_unref(policies);
     g_object_unref(settings);
     GdkRGBA transparent = {0.0, 0.0, 0.0, 0.0};
     webkit_web_view_set_background_color(m_pView, &transparent);
+    // The resource thread answers questions about this page from now on.
+    m_nPageId = webkit_web_view_get_page_id(m_pView);
+    m_Port.RegisterPage(m_nPageId, shared_from_this());
 
     gtk_container_add(GTK_CONTAINER(m_pWindow), GTK_WIDGET(m_pView));
     ApplySize(width, height);
@@ -231,6 +241,7 @@ void GtkView::Close(bool notify)
         gtk_widget_destroy(m_pWindow);
         m_pWindow = nullptr;
     }
+    ForgetPage(notify);
     auto self = shared_from_this();
     m_Port.ForgetView(m_nId);
     if (notify) {
@@ -239,6 +250,37 @@ void GtkView::Close(bool notify)
                 handler->OnBeforeClose(self);
         });
     }
+}
+
+void GtkView::ForgetPage(bool cancelHandlers)
+{
+    if (m_nPageId)
+        m_Port.UnregisterPage(m_nPageId);
+    m_nPageId = 0;
+    m_Port.UnregisterProcessesOf(this);
+    // Requests that were to stay open end with the page; their handlers
+    // hear of it on the resource thread.
+    std::vector<EngineResourceHandler*> handlers;
+    for (auto& open : m_OpenRequests) {
+        GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "the browser closed");
+        webkit_uri_scheme_request_finish_error(open.first, error);
+        g_error_free(error);
+        g_object_unref(open.first);
+        if (open.second)
+            handlers.push_back(open.second);
+    }
+    m_OpenRequests.clear();
+    if (!handlers.empty() && cancelHandlers && m_Port.GetResourceServer())
+        m_Port.GetResourceServer()->CancelRequests(handlers);
+}
+
+bool GtkView::KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler)
+{
+    if (m_bClosed)
+        return false;
+    g_object_ref(request);
+    m_OpenRequests.emplace_back(request, handler);
+    return true;
 }
 
 // ---- painting --------------------------------------------------------------
@@ -436,10 +478,16 @@ void GtkView::OnLoadChanged(int loadEvent)
 bool GtkView::OnUserMessage(WebKitUserMessage* userMessage)
 {
     const char* name = webkit_user_message_get_name(userMessage);
-    // The web process's report of its pages serves page audio, which this
-    // port does not deliver yet.
-    if (name && std::strcmp(name, kPageProcessMessage) == 0)
+    // The web process tells which process shows this page (for its audio
+    // and resource questions); the port's own business, not the client's.
+    if (name && std::strcmp(name, kPageProcessMessage) == 0) {
+        GVariant* parameters = webkit_user_message_get_parameters(userMessage);
+        guint64 token = 0;
+        if (parameters && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(t)")))
+            g_variant_get(parameters, "(t)", &token);
+        m_Port.ClaimPageFromView(token, shared_from_this());
         return true;
+    }
     std::string error;
     EngineProcessMessageRef message =
         ProcessMessageFromVariant(name ? name : "", webkit_user_message_get_parameters(userMessage), error);
@@ -447,6 +495,7 @@ bool GtkView::OnUserMessage(WebKitUserMessage* userMessage)
         NSLog("GtkView - browser %d: message from the web process dropped: %s", m_nId, error.c_str());
         return true;
     }
+    m_Port.CorrectProcessId(*this, *message);
     return m_pClient->OnProcessMessageReceived(shared_from_this(), message);
 }
 

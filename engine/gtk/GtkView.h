@@ -18,6 +18,7 @@
 
 #include "engine/gtk/GtkInput.h"
 #include "engine/port/EnginePort.h"
+#include "engine/wpe/WpeServedView.h"
 
 #include <glib.h>
 
@@ -25,6 +26,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
+#include <vector>
 
 typedef struct _GtkWidget GtkWidget;
 typedef struct _WebKitWebView WebKitWebView;
@@ -38,10 +41,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 
 class GtkEnginePort;
 
-class GtkView : public EngineBrowser,
-                public EngineBrowserHost,
-                public EngineFrame,
-                public std::enable_shared_from_this<GtkView> {
+class GtkView : public WpeServedView, public std::enable_shared_from_this<GtkView> {
 public:
     GtkView(GtkEnginePort& port, int id, EngineClient* client, const EngineBrowserSettings& settings,
             const std::string& url);
@@ -54,6 +54,10 @@ public:
     // Pump thread: destroys the view (idempotent); with notify the client's
     // OnBeforeClose follows from a later pump pass.
     void Close(bool notify);
+
+    // The resource and audio threads' side (WpeServedView).
+    EngineClient* GetClient() const override { return m_pClient; }
+    bool KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler) override;
 
     // EngineBrowser
     int GetIdentifier() override { return m_nId; }
@@ -100,6 +104,10 @@ private:
     void OnPopupRequest(WebKitNavigationAction* action);
     bool OnScriptDialog(WebKitScriptDialog* dialog);
     void OnMouseTargetChanged(WebKitHitTestResult* hit);
+    // The page's records with the port go (page, processes, claims), and
+    // its requests kept open end; their handlers are cancelled with
+    // cancelHandlers.
+    void ForgetPage(bool cancelHandlers);
 
     GtkEnginePort& m_Port;
     const int m_nId;
@@ -127,6 +135,10 @@ private:
     bool m_bCommitted = false;
     int m_nCursor = -1; // the cursor last reported to the render handler
     GtkInput m_Input;
+    // WebKit's page identifier, registered with the port (0 when none).
+    uint64_t m_nPageId = 0;
+    // Requests for the internal scheme kept open until the view goes.
+    std::vector<std::pair<WebKitURISchemeRequest*, EngineResourceHandler*>> m_OpenRequests;
     // The image of the last frame: the window's own surface (referenced)
     // or, when that is not in client memory, m_pSurface (null here).
     cairo_surface_t* m_pPainted = nullptr;

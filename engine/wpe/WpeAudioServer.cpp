@@ -1,9 +1,8 @@
 #include "engine/wpe/WpeAudioServer.h"
 
 #include "engine/wpe/WpeAudioWire.h"
-#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeEngineServices.h"
 #include "engine/wpe/WpeResourceChannel.h"
-#include "engine/wpe/WpeView.h"
 
 #include <algorithm>
 #include <atomic>
@@ -33,7 +32,7 @@ void EndStream(WpeAudioServer::Stream& stream)
 
 } // namespace
 
-WpeAudioServer::WpeAudioServer(WpeEnginePort& port)
+WpeAudioServer::WpeAudioServer(WpeEngineServices& port)
     : m_Port(port),
       m_Server("WpeAudioServer", "audio thread", "SlfAudio", kMaxAudioMessageBytes)
 {

@@ -21,12 +21,12 @@
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-class WpeEnginePort;
-class WpeView;
+class WpeEngineServices;
+class WpeServedView;
 
 class WpeAudioServer {
 public:
-    explicit WpeAudioServer(WpeEnginePort& port);
+    explicit WpeAudioServer(WpeEngineServices& port);
     ~WpeAudioServer();
     WpeAudioServer(const WpeAudioServer&) = delete;
     WpeAudioServer& operator=(const WpeAudioServer&) = delete;
@@ -51,13 +51,13 @@ public:
         int bits = 0;
         bool announced = false; // the start frame arrived
         bool started = false;   // the handler was told
-        std::shared_ptr<WpeView> view;
+        std::shared_ptr<WpeServedView> view;
     };
 
 private:
     bool OnMessage(const WpeSocketServer::Peer& peer, const uint8_t* data, size_t size, std::string& error);
 
-    WpeEnginePort& m_Port;
+    WpeEngineServices& m_Port;
     WpeSocketServer m_Server;
 
     // Audio-thread state: the streams by connection.

@@ -2,11 +2,6 @@
 
 #include "dbg/NSLog.h"
 #include "engine/CBrowserApp.h"
-#include "engine/wpe/WpeAudioServer.h"
-#include "engine/wpe/WpeAudioWire.h"
-#include "engine/wpe/WpeResourceChannel.h"
-#include "engine/wpe/WpeResourceServer.h"
-#include "engine/wpe/WpeSandbox.h"
 #include "engine/wpe/WpeVariantCodec.h"
 #include "engine/wpe/WpeView.h"
 #include "platform/NplFile.h"
@@ -71,28 +66,8 @@ WpeEnginePort::WpeEnginePort() = default;
 
 WpeEnginePort::~WpeEnginePort()
 {
-    if (m_pResourceServer)
-        m_pResourceServer->Stop();
-    if (m_pAudioServer)
-        m_pAudioServer->Stop();
-    RemoveEngineSocketFolder();
-    for (auto& entry : m_ExtraInitValues)
-        g_variant_unref(entry.second);
-}
-
-void WpeEnginePort::SetExtensionInitValue(const std::string& key, GVariant* value)
-{
-    if (!value)
-        return;
-    g_variant_ref_sink(value);
-    for (auto& entry : m_ExtraInitValues) {
-        if (entry.first == key) {
-            g_variant_unref(entry.second);
-            entry.second = value;
-            return;
-        }
-    }
-    m_ExtraInitValues.emplace_back(key, value);
+    // The threads post to this port: they end while it is whole.
+    StopWebProcessServices();
 }
 
 std::string WpeEnginePort::GetExtensionFolder() const
@@ -154,70 +129,15 @@ bool WpeEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
     g_source_set_name(m_pTaskSource, "SlfEngineTasks");
     g_source_attach(m_pTaskSource, m_pMainContext);
 
-    // Web processes run in WebKit's bubblewrap sandbox where the machine
-    // can make its namespaces. Sandboxed, they have a network namespace of
-    // their own, so the resource and audio threads listen on path sockets
-    // in a private folder that the sandbox shows them; otherwise on
-    // abstract addresses unique to this process.
-    std::string why;
-    m_bSandboxed = WpeSandboxWorksHere(why);
-    std::string socketBase;
-    if (m_bSandboxed && (socketBase = MakeEngineSocketFolder(why)).empty())
-        m_bSandboxed = false;
-    if (!m_bSandboxed)
-        NSLog("WpeEnginePort::Initialize - web processes run without a sandbox: %s", why.c_str());
-    if (socketBase.empty()) {
-        gchar* token = g_uuid_string_random();
-        socketBase = "@slf-engine-" + std::to_string(getpid()) + "-" + token;
-        g_free(token);
-    }
-
-    // Resource requests of every page are offered to the clients through
-    // the resource thread; the web processes learn its socket.
-    m_pResourceServer = std::make_unique<WpeResourceServer>(*this);
-    if (m_pResourceServer->Start(socketBase + "/resources")) {
-        SetExtensionInitValue(kResourceSocketKey, g_variant_new_string(m_pResourceServer->GetSocketPath().c_str()));
-    } else {
-        NSLog("WpeEnginePort::Initialize - resource requests go unchecked: the resource thread did not start");
-        m_pResourceServer.reset();
-    }
-
-    // Page audio: the web processes find our sink through the plugin path
-    // and its way back to the service through the environment.
-    m_pAudioServer = std::make_unique<WpeAudioServer>(*this);
-    const std::string audioSocket = socketBase + "/audio";
-    if (m_pAudioServer->Start(audioSocket)) {
-        g_setenv(kAudioSocketVariable, audioSocket.c_str(), TRUE);
-        std::string pluginPath = m_strModuleFolder + "/gstreamer-1.0";
-        if (const char* existing = g_getenv("GST_PLUGIN_PATH"); existing && *existing)
-            pluginPath += std::string(":") + existing;
-        g_setenv("GST_PLUGIN_PATH", pluginPath.c_str(), TRUE);
-    } else {
-        NSLog("WpeEnginePort::Initialize - page audio is not delivered: the audio thread did not start");
-        m_pAudioServer.reset();
-    }
+    StartWebProcessServices("WpeEnginePort::Initialize", m_strModuleFolder + "/gstreamer-1.0", false);
 
     m_pWebContext = webkit_web_context_new_ephemeral();
-    webkit_web_context_set_sandbox_enabled(m_pWebContext, m_bSandboxed);
-    if (m_bSandboxed) {
-        // What our web processes load and reach from inside the sandbox,
-        // read-only: the extension, the audio sink and the sockets.
-        for (const std::string& path : {m_strExtensionFolder, m_strModuleFolder + "/gstreamer-1.0", socketBase})
-            webkit_web_context_add_path_to_sandbox(m_pWebContext, path.c_str(), TRUE);
-    }
+    ApplyWebProcessServices(m_pWebContext, {m_strExtensionFolder, m_strModuleFolder + "/gstreamer-1.0"});
     // One page per view and no page kept for later: a closed view's web
     // process ends instead of waiting in a cache.
     webkit_web_context_set_cache_model(m_pWebContext, WEBKIT_CACHE_MODEL_DOCUMENT_VIEWER);
     webkit_web_context_set_web_extensions_directory(m_pWebContext, m_strExtensionFolder.c_str());
     g_signal_connect(m_pWebContext, "initialize-web-extensions", G_CALLBACK(InitializeWebExtensionsThunk), this);
-    if (m_pResourceServer) {
-        webkit_web_context_register_uri_scheme(m_pWebContext, kResourceScheme, SchemeRequestThunk, this, nullptr);
-        WebKitSecurityManager* security = webkit_web_context_get_security_manager(m_pWebContext);
-        // Taken-over requests of any page (also https pages, also fetches)
-        // may load from the internal scheme.
-        webkit_security_manager_register_uri_scheme_as_secure(security, kResourceScheme);
-        webkit_security_manager_register_uri_scheme_as_cors_enabled(security, kResourceScheme);
-    }
 
     m_bRunning.store(true);
     return true;
@@ -226,18 +146,6 @@ bool WpeEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
 void WpeEnginePort::InitializeWebExtensionsThunk(WebKitWebContext*, gpointer self)
 {
     static_cast<WpeEnginePort*>(self)->OnInitializeWebExtensions();
-}
-
-void WpeEnginePort::SchemeRequestThunk(WebKitURISchemeRequest* request, gpointer self)
-{
-    auto* port = static_cast<WpeEnginePort*>(self);
-    if (port->m_pResourceServer) {
-        port->m_pResourceServer->OnSchemeRequest(request);
-    } else {
-        GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_NOT_FOUND, "no resource thread");
-        webkit_uri_scheme_request_finish_error(request, error);
-        g_error_free(error);
-    }
 }
 
 void WpeEnginePort::OnInitializeWebExtensions()
@@ -249,23 +157,7 @@ void WpeEnginePort::OnInitializeWebExtensions()
         if (EngineBrowserProcessHandler* handler = m_pApp->GetBrowserProcessHandler())
             handler->OnBeforeChildProcessLaunch(commandLine);
     }
-    GVariant* data = ExtensionInitDataToVariant(kRendererProcessType, commandLine);
-    if (!m_ExtraInitValues.empty()) {
-        GVariantBuilder builder;
-        g_variant_builder_init(&builder, G_VARIANT_TYPE_VARDICT);
-        GVariantIter iter;
-        g_variant_iter_init(&iter, data);
-        const gchar* key = nullptr;
-        GVariant* value = nullptr;
-        while (g_variant_iter_next(&iter, "{&sv}", &key, &value)) {
-            g_variant_builder_add(&builder, "{sv}", key, value);
-            g_variant_unref(value);
-        }
-        for (const auto& entry : m_ExtraInitValues)
-            g_variant_builder_add(&builder, "{sv}", entry.first.c_str(), entry.second);
-        g_variant_unref(g_variant_ref_sink(data));
-        data = g_variant_builder_end(&builder);
-    }
+    GVariant* data = AddExtensionInitValues(ExtensionInitDataToVariant(kRendererProcessType, commandLine));
     webkit_web_context_set_web_extensions_initialization_user_data(m_pWebContext, data);
 }
 
@@ -363,11 +255,7 @@ void WpeEnginePort::Shutdown()
     for (auto& entry : views)
         entry.second->Close(false);
     m_Views.clear();
-    if (m_pResourceServer)
-        m_pResourceServer->Stop();
-    if (m_pAudioServer)
-        m_pAudioServer->Stop();
-    RemoveEngineSocketFolder();
+    StopWebProcessServices();
 
     if (m_pWebContext) {
         g_signal_handlers_disconnect_by_data(m_pWebContext, this);

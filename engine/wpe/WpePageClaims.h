@@ -69,6 +69,17 @@ public:
         return found == m_Claims.end() ? 0 : found->second.pid;
     }
 
+    // The process that shows the view's newest page (its claim is the one
+    // both halves completed last); 0 while none is known.
+    int ProcessOf(const View* view) const
+    {
+        for (const auto& entry : m_Claims) {
+            if (entry.second.named && entry.second.pid && entry.second.view.lock().get() == view)
+                return entry.second.pid;
+        }
+        return 0;
+    }
+
     // The view ended: its claims go, and those of views gone before.
     void Forget(const View* view)
     {

@@ -1,8 +1,7 @@
 #include "engine/wpe/WpeResourceServer.h"
 
-#include "engine/wpe/WpeEnginePort.h"
+#include "engine/wpe/WpeEngineServices.h"
 #include "engine/wpe/WpeResourceChannel.h"
-#include "engine/wpe/WpeView.h"
 
 #include "dbg/NSLog.h"
 
@@ -106,7 +105,7 @@ void FinishRequest(WebKitURISchemeRequest* request, ResourceResult& result)
 
 } // namespace
 
-WpeResourceServer::WpeResourceServer(WpeEnginePort& port)
+WpeResourceServer::WpeResourceServer(WpeEngineServices& port)
     : m_Port(port),
       m_Server("WpeResourceServer", "resource thread", "SlfResources", kMaxFrameBytes)
 {
@@ -298,7 +297,7 @@ ResourceVerdictAndUrl WpeResourceServer::Answer(uint64_t pageId, const std::stri
               static_cast<unsigned long long>(pageId), url.c_str());
         return {kRefused, std::string()};
     }
-    std::shared_ptr<WpeView> view = m_Port.FindViewForPage(pageId);
+    std::shared_ptr<WpeServedView> view = m_Port.FindViewForPage(pageId);
     if (!view)
         return {kRefused, std::string()};
     EngineRequestHandler* requestHandler = view->GetClient()->GetRequestHandler();

@@ -41,14 +41,14 @@ typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-class WpeEnginePort;
-class WpeView;
+class WpeEngineServices;
+class WpeServedView;
 
 using ResourceVerdictAndUrl = std::pair<uint8_t, std::string>;
 
 class WpeResourceServer {
 public:
-    explicit WpeResourceServer(WpeEnginePort& port);
+    explicit WpeResourceServer(WpeEngineServices& port);
     ~WpeResourceServer();
     WpeResourceServer(const WpeResourceServer&) = delete;
     WpeResourceServer& operator=(const WpeResourceServer&) = delete;
@@ -72,7 +72,7 @@ public:
 private:
     // A taken-over request waiting for its scheme request.
     struct Pending {
-        std::shared_ptr<WpeView> view;
+        std::shared_ptr<WpeServedView> view;
         uint64_t pageId = 0;
         EngineRequestRef request;
         EngineResourceHandler* handler = nullptr;
@@ -114,7 +114,7 @@ private:
     void RunLane(uint64_t pageId);
     void StopLanes();
 
-    WpeEnginePort& m_Port;
+    WpeEngineServices& m_Port;
     WpeSocketServer m_Server;
 
     // True from Start to Stop; shared with the retry timers.

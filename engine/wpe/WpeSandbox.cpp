@@ -15,11 +15,13 @@ std::string g_strSocketFolder;
 
 } // namespace
 
-bool WpeSandboxWorksHere(std::string& why)
+bool WpeSandboxWorksHere(std::string& why, bool usedInDocker)
 {
     // WebKit itself never uses bubblewrap inside these (it would not work
     // in many of them), whatever the context asks for.
     for (const char* marker : {"/.dockerenv", "/.flatpak-info"}) {
+        if (usedInDocker && g_str_equal(marker, "/.dockerenv"))
+            continue;
         if (g_file_test(marker, G_FILE_TEST_EXISTS)) {
             why = std::string("WebKit does not use bubblewrap in this container (") + marker + " exists)";
             return false;

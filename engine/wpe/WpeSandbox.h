@@ -10,8 +10,10 @@ namespace SLF_ChromiumEmbeddedFramework {
 
 // Whether web processes can run in WebKit's sandbox here: bubblewrap and
 // xdg-dbus-proxy are installed, bubblewrap can make its namespaces, and
-// this is no container in which WebKit refuses to use it. why says why not.
-bool WpeSandboxWorksHere(std::string& why);
+// this is no container in which WebKit refuses to use it (WPE WebKit 2.38
+// refuses in Docker, WebKitGTK 2.50 does not: usedInDocker). why says why
+// not.
+bool WpeSandboxWorksHere(std::string& why, bool usedInDocker = false);
 
 // Makes the private folder (mode 0700) for the engine's sockets and
 // returns its path; empty on failure (why says why). One per process.

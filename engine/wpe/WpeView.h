@@ -12,6 +12,7 @@
 
 #include "engine/port/EnginePort.h"
 #include "engine/wpe/WpeInput.h"
+#include "engine/wpe/WpeServedView.h"
 
 #include <glib.h>
 
@@ -35,10 +36,7 @@ namespace SLF_ChromiumEmbeddedFramework {
 class WpeEnginePort;
 class WpeFrameExporter;
 
-class WpeView : public EngineBrowser,
-                public EngineBrowserHost,
-                public EngineFrame,
-                public std::enable_shared_from_this<WpeView> {
+class WpeView : public WpeServedView, public std::enable_shared_from_this<WpeView> {
 public:
     // url is the view's URL from the start ("about:blank" for none), so
     // GetURL answers it as soon as the client learns the browser.
@@ -72,14 +70,14 @@ public:
     static constexpr int64_t kUnresponsiveLimit = 10 * G_USEC_PER_SEC;
 
     // ---- used by the port, its resource and audio servers -----------------
-    EngineClient* GetClient() const { return m_pClient; }
+    EngineClient* GetClient() const override { return m_pClient; }
     // Pump thread (the port asks after every pump pass): when the view's
     // next frame_complete is due (microseconds of g_get_monotonic_time), or
     // -1 when none is waiting.
     int64_t GetFrameDueTime() const;
     // Engine context: keeps a request for the internal scheme open until
     // the view closes (false when it has closed already).
-    bool KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler);
+    bool KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler) override;
 
     // ---- the port's interfaces; used by the client, from any thread (queued
     // to the pump thread) -----------------------------------------------------

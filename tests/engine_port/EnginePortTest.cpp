@@ -317,7 +317,6 @@ TEST_F(EnginePortTest, TypingModifiersLeavingNewWindowLinksAndDoubleClicks)
 // permitted file pages (Open loads one) still load.
 TEST_F(EnginePortTest, WebProcessesRunInASandboxThatHidesTheHome)
 {
-    SKIP_ON_GTK() << "the web-process sandbox is not offered by the WebKitGTK port yet";
     if (!PortUnderTest::IsSandboxed(s_pPort))
         GTEST_SKIP() << "no web-process sandbox on this machine (the port logged why)";
     const std::string probe = std::string(g_get_home_dir()) + "/slf-sandbox-probe-" + std::to_string(getpid());
@@ -353,7 +352,6 @@ TEST_F(EnginePortTest, WebProcessesRunInASandboxThatHidesTheHome)
 // refused at once.
 TEST_F(EnginePortTest, QuestionsAboutPagesOfAnotherProcessAreRefused)
 {
-    SKIP_ON_GTK() << "resource interception is not offered by the WebKitGTK port yet";
     TestClient client(50, 50);
     Open(client);
     const std::string socketPath = PortUnderTest::ResourceSocketPath(s_pPort);

@@ -11,8 +11,8 @@
 #include "engine/gtk/GtkEnginePort.h"
 #else
 #include "engine/wpe/WpeEnginePort.h"
-#include "engine/wpe/WpeResourceServer.h"
 #endif
+#include "engine/wpe/WpeResourceServer.h"
 
 #include <gtest/gtest.h>
 
@@ -37,19 +37,6 @@ inline std::vector<std::pair<int, bool>> RunningEngineProcesses()
     return RunningChildProcessesNamed("WebKit", "WebKitNetwork");
 }
 
-// Whether the port's web processes run in the engine's sandbox.
-inline bool IsSandboxed(Port*)
-{
-    return false;
-}
-
-// The path of the socket on which the port's resource thread takes the web
-// processes' questions; empty when the port has none.
-inline std::string ResourceSocketPath(Port*)
-{
-    return std::string();
-}
-
 #else
 
 using Port = WpeEnginePort;
@@ -61,17 +48,20 @@ inline std::vector<std::pair<int, bool>> RunningEngineProcesses()
     return WpeEnginePort::RunningEngineProcesses();
 }
 
+#endif
+
+// Whether the port's web processes run in the engine's sandbox.
 inline bool IsSandboxed(Port* port)
 {
     return port->IsSandboxed();
 }
 
+// The path of the socket on which the port's resource thread takes the web
+// processes' questions; empty when the port has none.
 inline std::string ResourceSocketPath(Port* port)
 {
     return port->GetResourceServer() ? port->GetResourceServer()->GetSocketPath() : std::string();
 }
-
-#endif
 
 // A new port of this kind; the caller owns it (the engine keeps references
 // to a port's context: tests never delete one).

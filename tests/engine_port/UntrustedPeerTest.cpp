@@ -123,7 +123,6 @@ protected:
 
 TEST_F(UntrustedPeerTest, MisbehavingPeersAreCutOffWhileRealPagesGoOnAndTheEngineStopsInTime)
 {
-    SKIP_ON_GTK() << "page audio and resources are not offered by the WebKitGTK port yet";
     PageClient playing;
     EngineWindowInfo windowInfo;
     windowInfo.SetAsWindowless(nullptr);

@@ -40,11 +40,16 @@ TEST(PageClaims, BothHalvesMeetInEitherOrderAndForeignTokensAreRefused)
     EXPECT_FALSE(claims.FromProcess(44, 0, &tied));
     EXPECT_EQ(claims.FromView(0, first), 0);
 
-    // A view's new page (a process swap) replaces its older token.
+    // A view's new page (a process swap) replaces its older token; its
+    // process is the new page's, known once that process's half comes.
+    EXPECT_EQ(claims.ProcessOf(first.get()), 100);
     EXPECT_EQ(claims.FromView(55, first), 0);
     EXPECT_EQ(claims.HolderOf(11), 0);
+    EXPECT_EQ(claims.ProcessOf(first.get()), 0);
     ASSERT_TRUE(claims.FromProcess(55, 500, &tied));
     EXPECT_EQ(tied, first);
+    EXPECT_EQ(claims.ProcessOf(first.get()), 500);
+    EXPECT_EQ(claims.ProcessOf(second.get()), 200);
 
     // A view that goes takes its claims along, and those of views gone before.
     claims.Forget(second.get());
