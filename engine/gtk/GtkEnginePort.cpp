@@ -26,9 +26,11 @@ std::atomic<bool> g_bEngineClaimed {false};
 
 const char kRendererProcessType[] = "renderer";
 // Shutdown runs inside the wrapper's 2000 ms stop wait: the engine's
-// processes get 1000 ms to end by themselves, then SIGTERM and 200 ms.
+// processes get 1000 ms to end by themselves, then SIGTERM and 200 ms, then
+// SIGKILL and 100 ms.
 constexpr gint64 kShutdownWaitMicroseconds = 1000 * 1000;
 constexpr gint64 kTerminateWaitMicroseconds = 200 * 1000;
+constexpr gint64 kKillWaitMicroseconds = 100 * 1000;
 
 // Child processes of this process other than `except` that still run (the
 // engine's web and network processes, their sandbox launchers and proxies).
@@ -302,9 +304,13 @@ void GtkEnginePort::Shutdown()
     if (!runUntilGone(kShutdownWaitMicroseconds)) {
         for (int pid : RunningChildren(display))
             kill(pid, SIGTERM);
-        if (!runUntilGone(kTerminateWaitMicroseconds))
+        if (!runUntilGone(kTerminateWaitMicroseconds)) {
             for (int pid : RunningChildren(display))
                 kill(pid, SIGKILL);
+            // Until the engine has reaped them.
+            if (!runUntilGone(kKillWaitMicroseconds))
+                NSLog("GtkEnginePort::Shutdown - engine processes still running after SIGKILL");
+        }
     }
     // GDK leaves the display before the server goes (a lost connection would
     // end the process).

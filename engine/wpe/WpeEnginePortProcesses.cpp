@@ -4,12 +4,10 @@
 #include "engine/wpe/WpeEnginePort.h"
 
 #include "engine/CBrowserApp.h"
+#include "engine/port/EngineProcesses.h"
 #include "engine/wpe/WpeResourceServer.h"
 #include "engine/wpe/WpeView.h"
 
-#include <dirent.h>
-
-#include <fstream>
 #include <string>
 
 namespace SLF_ChromiumEmbeddedFramework {
@@ -131,52 +129,9 @@ std::vector<int> WpeEnginePort::RunningWebProcesses()
 
 std::vector<std::pair<int, bool>> WpeEnginePort::RunningEngineProcesses()
 {
-    std::vector<std::pair<int, bool>> result;
-    // The children of a process, over all its threads.
-    auto childrenOf = [](const std::string& process) {
-        std::vector<int> children;
-        DIR* tasks = opendir(("/proc/" + process + "/task").c_str());
-        if (!tasks)
-            return children;
-        while (struct dirent* entry = readdir(tasks)) {
-            if (entry->d_name[0] == '.')
-                continue;
-            std::ifstream list("/proc/" + process + "/task/" + entry->d_name + "/children");
-            int pid = 0;
-            while (list >> pid)
-                children.push_back(pid);
-        }
-        closedir(tasks);
-        return children;
-    };
     // The engine's helpers are named WPE...; sandboxed ones run below one
     // or two bubblewrap processes, which are searched too.
-    std::vector<std::pair<int, int>> pending; // pid, depth
-    for (int pid : childrenOf("self"))
-        pending.emplace_back(pid, 0);
-    while (!pending.empty()) {
-        const auto [pid, depth] = pending.back();
-        pending.pop_back();
-        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-        std::string line;
-        std::getline(stat, line);
-        // "pid (comm) state ..."
-        const size_t open = line.find('(');
-        const size_t close = line.rfind(')');
-        if (open == std::string::npos || close == std::string::npos || close + 2 >= line.size())
-            continue;
-        const std::string comm = line.substr(open + 1, close - open - 1);
-        const char state = line[close + 2];
-        if (state == 'Z' || state == 'X')
-            continue;
-        if (comm.rfind("WPE", 0) == 0) {
-            result.emplace_back(pid, comm.rfind("WPENetwork", 0) == 0);
-        } else if (comm == "bwrap" && depth < 3) {
-            for (int child : childrenOf(std::to_string(pid)))
-                pending.emplace_back(child, depth + 1);
-        }
-    }
-    return result;
+    return RunningHelperProcesses("WPE", "WPENetwork");
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -1,0 +1,70 @@
+// The WebKitGTK port's knowledge of its web processes: which one shows each
+// view (for the service's log and the render-process-ID question) and which
+// helper processes of the engine still run (for shutdown and tests).
+#include "engine/gtk/GtkEnginePort.h"
+
+#include "engine/CBrowserApp.h"
+#include "engine/port/EngineProcesses.h"
+
+namespace SLF_ChromiumEmbeddedFramework {
+
+void GtkEnginePort::CorrectProcessId(const GtkView& view, EngineProcessMessage& message)
+{
+    if (message.GetName() != kResponseGetRenderProcessId || !message.HasArgumentList())
+        return;
+    auto& arguments = message.GetArgumentList();
+    const int* reported = arguments.empty() ? nullptr : std::get_if<int>(&arguments[0]);
+    const std::string* space = arguments.size() < 2 ? nullptr : std::get_if<std::string>(&arguments[1]);
+    if (!reported || *reported <= 0)
+        return;
+    int pid = *reported;
+    // WebKitGTK starts every web process in a sandbox with a process
+    // namespace of its own, where it is one of the first pids: only the
+    // namespace tells it from the others.
+    if (space && *space != PidNamespaceOf(0)) {
+        pid = FindProcessByInnerPid(RunningWebProcesses(), *reported, *space);
+        if (!pid)
+            return;
+        arguments[0] = pid;
+    }
+    std::lock_guard<std::mutex> lock(m_ProcessMutex);
+    m_ViewProcesses[&view] = pid;
+}
+
+int GtkEnginePort::ProcessOf(const GtkView* view)
+{
+    std::lock_guard<std::mutex> lock(m_ProcessMutex);
+    auto found = m_ViewProcesses.find(view);
+    return found == m_ViewProcesses.end() ? 0 : found->second;
+}
+
+int GtkEnginePort::ForgetProcessOf(const GtkView* view)
+{
+    std::lock_guard<std::mutex> lock(m_ProcessMutex);
+    auto found = m_ViewProcesses.find(view);
+    if (found == m_ViewProcesses.end())
+        return 0;
+    const int pid = found->second;
+    m_ViewProcesses.erase(found);
+    return pid;
+}
+
+std::vector<int> GtkEnginePort::RunningWebProcesses()
+{
+    std::vector<int> result;
+    for (const auto& process : RunningEngineProcesses()) {
+        if (!process.second)
+            result.push_back(process.first);
+    }
+    return result;
+}
+
+std::vector<std::pair<int, bool>> GtkEnginePort::RunningEngineProcesses()
+{
+    // WebKitWebProcess and WebKitNetworkProcess ("WebKitNetworkPr" as the
+    // kernel shortens it), the web processes below their bubblewrap
+    // launchers.
+    return RunningHelperProcesses("WebKit", "WebKitNetwork");
+}
+
+} // namespace SLF_ChromiumEmbeddedFramework
