@@ -194,6 +194,9 @@ int SLFCefServiceMain(int argc, char** argv)
     NVKXPCAudioBufferPool::unlinkAllSegments();
 #if !SLF_HAVE_GTK_ENGINE
     SLF_ChromiumEmbeddedFramework::RemoveEngineSocketFolder();
+#else
+    // The private display's folder (its server ends with this process).
+    SLF_ChromiumEmbeddedFramework::RemoveHeadlessDisplayFolder();
 #endif
     fflush(nullptr);
     _exit(0);
