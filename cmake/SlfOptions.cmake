@@ -52,9 +52,9 @@ endif()
 # of a child process that a test starts. SERVICE: the test runs the real
 # service (tests/support/ServiceProcess.h): it is an integration test and
 # gets the service's and the test pages' paths. RESOURCE_LOCK: a CTest
-# resource its cases hold.
+# resource its cases hold. TEST_PREFIX: put before each case's name in CTest.
 function(slf_add_test name)
-  cmake_parse_arguments(T "SERVICE" "LABEL;TIMEOUT;TEST_FILTER;RESOURCE_LOCK" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "SERVICE" "LABEL;TIMEOUT;TEST_FILTER;RESOURCE_LOCK;TEST_PREFIX" "SOURCES;LIBS" ${ARGN})
   if(T_SERVICE AND NOT T_LABEL)
     set(T_LABEL integration)
   endif()
@@ -80,10 +80,10 @@ function(slf_add_test name)
   if(T_RESOURCE_LOCK)
     set(lock RESOURCE_LOCK ${T_RESOURCE_LOCK})
   endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_FILTER ${T_TEST_FILTER}
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 TEST_FILTER ${T_TEST_FILTER} TEST_PREFIX "${T_TEST_PREFIX}"
                        PROPERTIES LABELS ${T_LABEL} TIMEOUT ${T_TIMEOUT} ${lock})
 endfunction()
 
-# The second engine port, over WebKitGTK: built only when asked for (it needs
-# the packages `scripts/install-deps --engine-gtk` installs).
-option(SLF_ENGINE_GTK "Build the WebKitGTK engine port beside the WPE one" OFF)
+# The second engine port, over WebKitGTK (its packages are among those
+# scripts/install-deps installs); a machine without WebKitGTK turns it off.
+option(SLF_ENGINE_GTK "Build the WebKitGTK engine port beside the WPE one" ON)

@@ -7,6 +7,7 @@
 #include "engine/EngineLog.h"
 #include "engine/port/EnginePort.h"
 #include "platform/NplDebug.h"
+#include "service/SLFCefEngineChoice.h"
 #include "service/SLFCefServiceDelegate.h"
 #include "service/SLFCefServiceSocket.h"
 #include "service/SLFCefXPCListener.h"
@@ -97,6 +98,7 @@ int SLFCefServiceMain(int argc, char** argv)
     std::string listenPath;
     std::vector<std::string> logCommands;
     unsigned idleExitSeconds = 60;
+    std::string engineName;
     app.add_option("--listen", listenPath,
                    "Listen on this Unix socket path (default: a socket handed over by systemd, else "
                    "$XDG_RUNTIME_DIR/streamloft/overlay-helper.sock)");
@@ -108,6 +110,9 @@ int SLFCefServiceMain(int argc, char** argv)
                    "Exit after this many seconds without a host connection; 0 never exits (default 60). The host "
                    "library, or systemd socket activation, starts the service again on the next connect")
         ->check(CLI::NonNegativeNumber);
+    app.add_option("--engine", engineName,
+                   std::string("The web engine: wpe (WPE WebKit) or gtk (WebKitGTK); also ") + kSLFCefEngineVariable +
+                       ", which the command line overrides (default " + kSLFCefDefaultEngine + ")");
     app.set_version_flag("--version", std::string("StreamloftCEFOverlayHelper ") + SLF_VERSION);
     try {
         app.parse(argc, argv);
@@ -120,6 +125,20 @@ int SLFCefServiceMain(int argc, char** argv)
     } catch (const CLI::ParseError& e) {
         app.exit(e);
         return kUsageExitCode;
+    }
+
+    // The engine is settled before anything else happens: an unknown one
+    // ends the process having touched nothing, and the other engine's
+    // executable takes over this process as it was started.
+    std::string engine, engineError;
+    if (!SLFCefChooseEngine(app.count("--engine") ? &engineName : nullptr, engine, engineError)) {
+        fprintf(stderr, "StreamloftCEFOverlayHelper: %s\n", engineError.c_str());
+        return kUsageExitCode;
+    }
+    if (engine != SLFCefThisEngine()) {
+        SLFCefRunEngineExecutable(engine, argv, engineError);
+        fprintf(stderr, "StreamloftCEFOverlayHelper: %s\n", engineError.c_str());
+        return 1;
     }
 
     ConfigureLog(logCommands);
@@ -137,6 +156,8 @@ int SLFCefServiceMain(int argc, char** argv)
     case SLFCefServiceSocketResult::Ready:
         break;
     }
+
+    NSLog("engine: %s", SLFCefEngineDescription().c_str());
 
     InstallEngine();
 

@@ -64,7 +64,7 @@ std::vector<std::pair<int, bool>> GtkEnginePort::RunningEngineProcesses()
     // WebKitWebProcess and WebKitNetworkProcess ("WebKitNetworkPr" as the
     // kernel shortens it), the web processes below their bubblewrap
     // launchers.
-    return RunningHelperProcesses("WebKit", "WebKitNetwork");
+    return RunningChildProcessesNamed("WebKit", "WebKitNetwork");
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -1,3 +1,4 @@
+// Finds the engine's helper processes among this process's children.
 #include "engine/port/EngineProcesses.h"
 
 #include <dirent.h>
@@ -8,35 +9,31 @@
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-namespace {
-
-// The children of a process, over all its threads.
-std::vector<int> ChildrenOf(const std::string& process)
-{
-    std::vector<int> children;
-    DIR* tasks = opendir(("/proc/" + process + "/task").c_str());
-    if (!tasks)
-        return children;
-    while (struct dirent* entry = readdir(tasks)) {
-        if (entry->d_name[0] == '.')
-            continue;
-        std::ifstream list("/proc/" + process + "/task/" + entry->d_name + "/children");
-        int pid = 0;
-        while (list >> pid)
-            children.push_back(pid);
-    }
-    closedir(tasks);
-    return children;
-}
-
-} // namespace
-
-std::vector<std::pair<int, bool>> RunningHelperProcesses(const std::string& helperPrefix,
-                                                         const std::string& networkPrefix)
+std::vector<std::pair<int, bool>> RunningChildProcessesNamed(const std::string& prefix,
+                                                             const std::string& networkPrefix)
 {
     std::vector<std::pair<int, bool>> result;
+    // The children of a process, over all its threads.
+    auto childrenOf = [](const std::string& process) {
+        std::vector<int> children;
+        DIR* tasks = opendir(("/proc/" + process + "/task").c_str());
+        if (!tasks)
+            return children;
+        while (struct dirent* entry = readdir(tasks)) {
+            if (entry->d_name[0] == '.')
+                continue;
+            std::ifstream list("/proc/" + process + "/task/" + entry->d_name + "/children");
+            int pid = 0;
+            while (list >> pid)
+                children.push_back(pid);
+        }
+        closedir(tasks);
+        return children;
+    };
+    // Sandboxed helpers run below one or two bubblewrap processes, which
+    // are searched too.
     std::vector<std::pair<int, int>> pending; // pid, depth
-    for (int pid : ChildrenOf("self"))
+    for (int pid : childrenOf("self"))
         pending.emplace_back(pid, 0);
     while (!pending.empty()) {
         const auto [pid, depth] = pending.back();
@@ -53,10 +50,10 @@ std::vector<std::pair<int, bool>> RunningHelperProcesses(const std::string& help
         const char state = line[close + 2];
         if (state == 'Z' || state == 'X')
             continue;
-        if (comm.rfind(helperPrefix, 0) == 0) {
+        if (comm.rfind(prefix, 0) == 0) {
             result.emplace_back(pid, comm.rfind(networkPrefix, 0) == 0);
         } else if (comm == "bwrap" && depth < 3) {
-            for (int child : ChildrenOf(std::to_string(pid)))
+            for (int child : childrenOf(std::to_string(pid)))
                 pending.emplace_back(child, depth + 1);
         }
     }

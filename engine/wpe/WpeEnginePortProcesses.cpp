@@ -129,9 +129,7 @@ std::vector<int> WpeEnginePort::RunningWebProcesses()
 
 std::vector<std::pair<int, bool>> WpeEnginePort::RunningEngineProcesses()
 {
-    // The engine's helpers are named WPE...; sandboxed ones run below one
-    // or two bubblewrap processes, which are searched too.
-    return RunningHelperProcesses("WPE", "WPENetwork");
+    return RunningChildProcessesNamed("WPE", "WPENetwork");
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

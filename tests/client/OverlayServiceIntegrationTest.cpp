@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include "tests/support/RecordingCallbacks.h"
+#include "tests/support/RunProgram.h"
 #include "tests/support/ServiceProcess.h"
 
 using streamloft::OverlayClient;
@@ -12,29 +13,6 @@ using namespace slftest;
 namespace {
 
 const std::string kCapture = SLF_TEST_CAPTURE_PATH;
-
-struct ProcessResult {
-    int exit = -1; // -1 when it did not exit normally
-    std::string out, err;
-};
-
-// Runs a program (found on PATH; "env" sets variables for one) to its end.
-ProcessResult RunProgram(const std::vector<std::string>& args)
-{
-    std::vector<char*> argv;
-    for (const auto& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    ProcessResult result;
-    gchar *out = nullptr, *err = nullptr;
-    int status = 0;
-    if (g_spawn_sync(nullptr, argv.data(), nullptr, G_SPAWN_SEARCH_PATH, nullptr, nullptr, &out, &err, &status,
-                     nullptr))
-        result = {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out, err};
-    g_free(out);
-    g_free(err);
-    return result;
-}
 
 // A tool other than ours sees the request interface on the socket.
 void ExpectServed(const std::string& socket)

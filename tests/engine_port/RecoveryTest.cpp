@@ -1,7 +1,7 @@
-// A web process that hangs, under the engine wrapper on the real WebKit
-// port: the port ends it and the browser goes on in a new one.
+// A web process that hangs, under the engine wrapper on a real engine port
+// (PortUnderTest.h): the port ends it and the browser goes on in a new one.
 #include "engine/CBrowserWrapper.h"
-#include "engine/wpe/WpeEnginePort.h"
+#include "tests/engine_port/PortUnderTest.h"
 
 #include <gtest/gtest.h>
 
@@ -45,9 +45,10 @@ bool ProcessRuns(int pid)
     return close != std::string::npos && close + 2 < line.size() && line[close + 2] != 'Z';
 }
 
-TEST(WpeRecovery, AWebProcessThatStopsRespondingIsEndedAndTheBrowserGoesOnInANewOne)
+TEST(EngineRecovery, AWebProcessThatStopsRespondingIsEndedAndTheBrowserGoesOnInANewOne)
 {
-    SetEnginePort(CreateWpeEnginePort());
+    SKIP_ON_GTK() << "hang recovery is not offered by the WebKitGTK port yet";
+    SetEnginePort(PortUnderTest::Create());
     CBrowserWrapper wrapper;
     ASSERT_TRUE(wrapper.StartCEF());
     CAccessHandlingForRequestSettings access;

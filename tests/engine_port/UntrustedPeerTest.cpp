@@ -4,9 +4,8 @@
 // resource thread, and the engine still stops within its bound.
 #include "engine/CBrowserApp.h"
 #include "engine/wpe/WpeAudioWire.h"
-#include "engine/wpe/WpeEnginePort.h"
 #include "engine/wpe/WpeResourceChannel.h"
-#include "engine/wpe/WpeResourceServer.h"
+#include "tests/engine_port/PortUnderTest.h"
 
 #include <gtest/gtest.h>
 
@@ -97,11 +96,11 @@ bool ClosedByTheService(int fd)
     return got == 0 || (got < 0 && errno == ECONNRESET);
 }
 
-class WpeUntrustedPeerTest : public ::testing::Test {
+class UntrustedPeerTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        s_pPort = new WpeEnginePort(); // the engine keeps references to the port's context: never deleted
+        s_pPort = PortUnderTest::Create();
         EngineSettings settings;
         settings.windowless_rendering_enabled = true;
         s_bInitialized = s_pPort->Initialize(settings, &s_App);
@@ -117,13 +116,14 @@ protected:
         return true;
     }
 
-    static inline WpeEnginePort* s_pPort = nullptr;
+    static inline PortUnderTest::Port* s_pPort = nullptr;
     static inline bool s_bInitialized = false;
     static inline CBrowserApp s_App;
 };
 
-TEST_F(WpeUntrustedPeerTest, MisbehavingPeersAreCutOffWhileRealPagesGoOnAndTheEngineStopsInTime)
+TEST_F(UntrustedPeerTest, MisbehavingPeersAreCutOffWhileRealPagesGoOnAndTheEngineStopsInTime)
 {
+    SKIP_ON_GTK() << "page audio and resources are not offered by the WebKitGTK port yet";
     PageClient playing;
     EngineWindowInfo windowInfo;
     windowInfo.SetAsWindowless(nullptr);
@@ -132,8 +132,8 @@ TEST_F(WpeUntrustedPeerTest, MisbehavingPeersAreCutOffWhileRealPagesGoOnAndTheEn
 
     const char* audioSocket = std::getenv(kAudioSocketVariable);
     ASSERT_TRUE(audioSocket && *audioSocket);
-    ASSERT_NE(s_pPort->GetResourceServer(), nullptr);
-    const std::string resourceSocket = s_pPort->GetResourceServer()->GetSocketPath();
+    const std::string resourceSocket = PortUnderTest::ResourceSocketPath(s_pPort);
+    ASSERT_FALSE(resourceSocket.empty());
 
     const uint32_t kHuge = 0xFFFFFFF0u;
     const uint8_t garbage[8] = {0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB, 0xAB};
