@@ -77,7 +77,6 @@ constexpr uint32_t kRed = 0xFFFF0000, kBlue = 0xFF0000FF;
 
 TEST(EngineWrapper, ThreadedEngineServesPagesAndStopsInTime)
 {
-    SKIP_ON_GTK() << "page audio is not offered by the WebKitGTK port yet";
     SetEnginePort(PortUnderTest::Create());
     CBrowserWrapper wrapper;
     ASSERT_TRUE(wrapper.StartCEF()) << "the engine did not start on the worker";
@@ -109,16 +108,24 @@ TEST(EngineWrapper, ThreadedEngineServesPagesAndStopsInTime)
 
     // A page playing audio whose web process then hangs in a script: its
     // stream gets a stop signal with the close, and the engine stop has to
-    // end the hung process within the wrapper's 2000 ms wait.
+    // end the hung process within the wrapper's 2000 ms wait. (The
+    // WebKitGTK port does not deliver page audio yet: there, only the hang.)
+    const bool audioOffered = !PortUnderTest::kGtk;
     Representation audio;
     const int second =
         wrapper.StartBrowser("file://" + kPagesDir + "/wpe_port_audio.html", 100, 50, 30, Representation::OnFrame,
                              Representation::OnAudio, &audio, &access, nullptr, false);
     ASSERT_GT(second, 0);
-    EXPECT_TRUE(WaitFor([&] { return audio.audioBytes.load() > 0; })) << "no audio reached the callback";
+    if (audioOffered) {
+        EXPECT_TRUE(WaitFor([&] { return audio.audioBytes.load() > 0; })) << "no audio reached the callback";
+    } else {
+        EXPECT_TRUE(WaitFor([&] { return audio.FrameSize() > 0; })) << "the second page painted nothing";
+    }
     wrapper.ExecuteJavaScript(second, "for (;;) {}");
     wrapper.StopBrowser(second);
-    EXPECT_TRUE(WaitFor([&] { return audio.audioStops.load() >= 1; })) << "no stop signal for the stream";
+    if (audioOffered) {
+        EXPECT_TRUE(WaitFor([&] { return audio.audioStops.load() >= 1; })) << "no stop signal for the stream";
+    }
 
     const auto stopStart = std::chrono::steady_clock::now();
     wrapper.StopCEF();

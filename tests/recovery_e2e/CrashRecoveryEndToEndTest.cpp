@@ -154,7 +154,8 @@ std::set<int> WebProcesses(pid_t service, int depth = 0)
             std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
             std::string name;
             std::getline(comm, name);
-            if (name.rfind("WPEWebProcess", 0) == 0 && Running(pid))
+            // WPE WebKit's and WebKitGTK's web processes.
+            if ((name.rfind("WPEWebProcess", 0) == 0 || name.rfind("WebKitWebProces", 0) == 0) && Running(pid))
                 result.insert(pid);
             else if (name == "bwrap" && depth < 3)
                 result.merge(WebProcesses(pid, depth + 1));
@@ -332,6 +333,8 @@ TEST_F(CrashRecoveryTest, AKilledWebProcessComesBackUnderItsIdUntilTheFourthCras
 
 TEST_F(CrashRecoveryTest, AudioOfAKilledWebProcessStopsAndTheNewProcessIsKnownAsTheSameBrowser)
 {
+    if (const char* engine = getenv("STREAMLOFT_ENGINE"); engine && std::string(engine) == "gtk")
+        GTEST_SKIP() << "page audio and resources are not offered by the WebKitGTK port yet";
     Host& host = m_host;
     ASSERT_NO_FATAL_FAILURE(Connect(host));
     const int browser = Open(host, "recovery_overlay.html", 64, 64);
