@@ -25,9 +25,9 @@ namespace {
 std::atomic<bool> g_bEngineClaimed {false};
 
 const char kRendererProcessType[] = "renderer";
-// Shutdown runs inside the wrapper's 2000 ms stop wait: the engine's
-// processes get 1000 ms to end by themselves, then SIGTERM and 200 ms, then
-// SIGKILL and 100 ms.
+// Shutdown runs inside the wrapper's 2000 ms stop wait: the web processes
+// get 1000 ms to end with their views, then what is left of the engine's
+// processes gets SIGTERM and 200 ms, then SIGKILL and 100 ms.
 constexpr gint64 kShutdownWaitMicroseconds = 1000 * 1000;
 constexpr gint64 kTerminateWaitMicroseconds = 200 * 1000;
 constexpr gint64 kKillWaitMicroseconds = 100 * 1000;
@@ -283,7 +283,7 @@ void GtkEnginePort::Shutdown()
     }
 
     const int display = m_Display.GetPid();
-    auto runUntilGone = [&](gint64 bound) {
+    auto runUntilGone = [&](gint64 bound, bool webOnly) {
         const gint64 deadline = g_get_monotonic_time() + bound;
         GMainContext* defaultContext = g_main_context_default();
         for (;;) {
@@ -294,21 +294,27 @@ void GtkEnginePort::Shutdown()
                 }
                 g_main_context_release(defaultContext);
             }
-            if (RunningChildren(display).empty())
+            if (webOnly ? RunningWebProcesses().empty() : RunningChildren(display).empty())
                 return true;
             if (g_get_monotonic_time() >= deadline)
                 return false;
             g_usleep(5000);
         }
     };
-    if (!runUntilGone(kShutdownWaitMicroseconds)) {
+    // The web processes end with their views; what is left then (the
+    // network process, which outlives the context, and the sandbox's
+    // helpers) holds nothing worth keeping.
+    if (!runUntilGone(kShutdownWaitMicroseconds, true))
+        NSLog("GtkEnginePort::Shutdown - web processes still running after %d ms; terminating them",
+              static_cast<int>(kShutdownWaitMicroseconds / 1000));
+    if (!RunningChildren(display).empty()) {
         for (int pid : RunningChildren(display))
             kill(pid, SIGTERM);
-        if (!runUntilGone(kTerminateWaitMicroseconds)) {
+        if (!runUntilGone(kTerminateWaitMicroseconds, false)) {
             for (int pid : RunningChildren(display))
                 kill(pid, SIGKILL);
             // Until the engine has reaped them.
-            if (!runUntilGone(kKillWaitMicroseconds))
+            if (!runUntilGone(kKillWaitMicroseconds, false))
                 NSLog("GtkEnginePort::Shutdown - engine processes still running after SIGKILL");
         }
     }
