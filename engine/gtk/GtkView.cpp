@@ -487,6 +487,8 @@ void GtkView::OnLoadChanged(int loadEvent)
 
 bool GtkView::OnUserMessage(WebKitUserMessage* userMessage)
 {
+    // The page's web process runs: from now on it is pinged.
+    m_bPinging = true;
     const char* name = webkit_user_message_get_name(userMessage);
     // The web process's report of its pages serves page audio, which this
     // port does not deliver yet.

@@ -154,7 +154,7 @@ private:
     int64_t m_nPingSent = 0;
     int64_t m_nUnresponsiveSince = 0;
     int64_t m_nLastTick = 0;
-    bool m_bPinging = false; // from the first committed load on
+    bool m_bPinging = false; // from the page's first message or committed load on
     bool m_bRecovering = false;
     bool m_bGivenUp = false;
     WebProcessRecoveries m_Recoveries;

@@ -4,7 +4,8 @@
 // process. A process counts as unresponsive when WebKit says so (it checks
 // when it sends input, which an off-screen browser rarely gets) or when it
 // leaves a ping of ours unanswered: once a second, from the page's first
-// committed load on, a message the page does not handle goes to it, and
+// message or committed load on (before, its process may still be
+// starting), a message the page does not handle goes to it, and
 // WebKit answers it from the web process's main thread, which a page stuck
 // in a script holds. Everything here runs on the pump thread.
 #include "engine/gtk/GtkView.h"
