@@ -2,8 +2,11 @@
 // real service executables of both engines: the one started hands over to
 // the other in the same process, and a host gets frames from it.
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include "tests/support/RecordingCallbacks.h"
@@ -28,25 +31,38 @@ class EngineSelectionTest : public ServiceTest {
 protected:
     // Starts the service executable (the WPE one) as a child with these
     // arguments and extra environment variables, standard error to the
-    // service log; stopped when the test ends.
-    pid_t StartService(const std::vector<std::string>& arguments, const std::vector<std::string>& variables)
+    // service log; stopped when the test ends. With `activation`, that
+    // listening socket is handed over as systemd does.
+    pid_t StartService(const std::vector<std::string>& arguments, const std::vector<std::string>& variables,
+                       int activation = -1)
     {
-        std::vector<std::string> args = {kHelper, "--listen=" + socket_};
+        std::vector<std::string> args = {kHelper};
         args.insert(args.end(), arguments.begin(), arguments.end());
         std::vector<char*> argv, envp;
         for (auto& a : args)
             argv.push_back(a.data());
         argv.push_back(nullptr);
-        for (char** e = environ; *e; ++e)
-            envp.push_back(*e);
+        // The extra variables first: they win over the same names in ours.
         std::vector<std::string> extra = variables;
+        if (activation >= 0)
+            extra.insert(extra.end(), {"LISTEN_FDS=1", "LISTEN_PID=" + std::string(16, '\0')});
         for (auto& v : extra)
             envp.push_back(v.data());
+        for (char** e = environ; *e; ++e)
+            envp.push_back(*e);
         envp.push_back(nullptr);
         const int log = open((socket_ + ".log").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         const pid_t pid = fork();
         if (pid == 0) {
             dup2(log, STDERR_FILENO);
+            if (activation >= 0) {
+                // Descriptor 3 without close-on-exec, as systemd hands it over.
+                if (activation == 3)
+                    fcntl(3, F_SETFD, 0);
+                else
+                    dup2(activation, 3);
+                snprintf(extra.back().data() + strlen("LISTEN_PID="), 16, "%d", static_cast<int>(getpid()));
+            }
             execve(argv[0], argv.data(), envp.data());
             _exit(127);
         }
@@ -90,12 +106,33 @@ protected:
 // the process the host (here the test) started, so its pid still holds.
 TEST_F(EngineSelectionTest, GtkFromTheCommandLineServesFramesInTheProcessStarted)
 {
-    const pid_t pid = StartService({"--engine=gtk"}, {"STREAMLOFT_ENGINE=wpe"});
+    const pid_t pid = StartService({"--listen=" + socket_, "--engine=gtk"}, {"STREAMLOFT_ENGINE=wpe"});
     ASSERT_GT(pid, 0);
     RecordingCallbacks host;
     auto overlay = ConnectWhenListening(host);
     ASSERT_TRUE(overlay) << Log();
     EXPECT_EQ(overlay->ServiceProcessID(), pid);
+    EXPECT_EQ(ExecutableOf(pid), "StreamloftCEFOverlayHelperGtk");
+    ExpectPageFrames(*overlay, host);
+    EXPECT_NE(Log().find("engine: gtk (WebKitGTK 2."), std::string::npos) << Log();
+}
+
+// Socket activation: the socket systemd handed over is still there for the
+// GTK executable that took over the process.
+TEST_F(EngineSelectionTest, GtkUnderSocketActivationServesOnTheHandedOverSocket)
+{
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strncpy(address.sun_path, socket_.c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(fd, 8), 0);
+    const pid_t pid = StartService({}, {"STREAMLOFT_ENGINE=gtk"}, fd);
+    close(fd);
+    ASSERT_GT(pid, 0);
+    RecordingCallbacks host;
+    auto overlay = ConnectWhenListening(host);
+    ASSERT_TRUE(overlay) << Log();
     EXPECT_EQ(ExecutableOf(pid), "StreamloftCEFOverlayHelperGtk");
     ExpectPageFrames(*overlay, host);
     EXPECT_NE(Log().find("engine: gtk (WebKitGTK 2."), std::string::npos) << Log();
