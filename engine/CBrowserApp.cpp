@@ -1,5 +1,6 @@
 #include "engine/CBrowserApp.h"
 
+#include "engine/port/EngineProcesses.h"
 #include "platform/NplThreading.h"
 
 namespace SLF_ChromiumEmbeddedFramework {
@@ -34,8 +35,11 @@ bool CBrowserApp::OnProcessMessageReceived(EngineBrowserRef browser, EngineProce
 
     EngineProcessMessageRef response = EngineProcessMessage::Create(kResponseGetRenderProcessId);
     auto& arguments = response->GetArgumentList();
-    arguments.resize(1);
+    arguments.resize(2);
     arguments[0] = static_cast<int>(NplThreading_GetProcessId());
+    // A sandboxed web process knows its own pid only inside its process
+    // namespace; with that namespace the service finds the process.
+    arguments[1] = PidNamespaceOf(0);
     browser->SendProcessMessage(response);
     return true;
 }

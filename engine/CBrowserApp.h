@@ -27,7 +27,8 @@ public:
     void OnBeforeChildProcessLaunch(EngineCommandLine& commandLine) override;
 
     // EngineRenderProcessHandler (web process side): answers
-    // "SlfCef_Request_GetRenderProcessId" through the same browser.
+    // "SlfCef_Request_GetRenderProcessId" through the same browser with the
+    // process's pid and its process namespace (see PidNamespaceOf).
     bool OnProcessMessageReceived(EngineBrowserRef browser, EngineProcessMessageRef message) override;
 
     // Every engine process runs with a device scale factor of 1.

@@ -216,6 +216,10 @@ int SLFCefServiceMain(int argc, char** argv)
     // So would the folder of the engine's sockets (either port makes one
     // when its web processes are sandboxed).
     SLF_ChromiumEmbeddedFramework::RemoveEngineSocketFolder();
+#if SLF_HAVE_GTK_ENGINE
+    // The private display's folder (its server ends with this process).
+    SLF_ChromiumEmbeddedFramework::RemoveHeadlessDisplayFolder();
+#endif
     fflush(nullptr);
     _exit(0);
 }

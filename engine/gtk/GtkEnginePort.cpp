@@ -25,10 +25,12 @@ namespace {
 std::atomic<bool> g_bEngineClaimed {false};
 
 const char kRendererProcessType[] = "renderer";
-// Shutdown runs inside the wrapper's 2000 ms stop wait: the engine's
-// processes get 1000 ms to end by themselves, then SIGTERM and 200 ms.
+// Shutdown runs inside the wrapper's 2000 ms stop wait: the web processes
+// get 1000 ms to end with their views, then what is left of the engine's
+// processes gets SIGTERM and 200 ms, then SIGKILL and 100 ms.
 constexpr gint64 kShutdownWaitMicroseconds = 1000 * 1000;
 constexpr gint64 kTerminateWaitMicroseconds = 200 * 1000;
+constexpr gint64 kKillWaitMicroseconds = 100 * 1000;
 
 // Child processes of this process other than `except` that still run (the
 // engine's web and network processes, their sandbox launchers and proxies).
@@ -59,6 +61,22 @@ std::vector<int> RunningChildren(int except)
     }
     closedir(tasks);
     return result;
+}
+
+// Whether pids holds nothing but network processes. Every other child
+// (web processes, their sandbox launchers and D-Bus proxies) ends with the
+// views and the context; ending one of them while WebKit still starts a
+// web process makes WebKit abort.
+bool OnlyNetworkLeft(const std::vector<int>& pids)
+{
+    for (int pid : pids) {
+        std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        if (!name.empty() && name.rfind("WebKitNetwork", 0) != 0)
+            return false;
+    }
+    return true;
 }
 
 } // namespace
@@ -283,30 +301,43 @@ void GtkEnginePort::Shutdown()
     }
 
     const int display = m_Display.GetPid();
-    auto runUntilGone = [&](gint64 bound) {
+    // Once the engine's leftovers are being ended, its contexts no longer
+    // run: WebKit would take the network process's end for a crash and
+    // start another one.
+    auto runUntilGone = [&](gint64 bound, bool networkMayStay) {
         const gint64 deadline = g_get_monotonic_time() + bound;
         GMainContext* defaultContext = g_main_context_default();
         for (;;) {
-            while (g_main_context_iteration(m_pMainContext, FALSE)) {
+            while (networkMayStay && g_main_context_iteration(m_pMainContext, FALSE)) {
             }
-            if (g_main_context_acquire(defaultContext)) {
+            if (networkMayStay && g_main_context_acquire(defaultContext)) {
                 while (g_main_context_iteration(defaultContext, FALSE)) {
                 }
                 g_main_context_release(defaultContext);
             }
-            if (RunningChildren(display).empty())
+            const std::vector<int> children = RunningChildren(display);
+            if (networkMayStay ? OnlyNetworkLeft(children) : children.empty())
                 return true;
             if (g_get_monotonic_time() >= deadline)
                 return false;
             g_usleep(5000);
         }
     };
-    if (!runUntilGone(kShutdownWaitMicroseconds)) {
+    // The web processes (with their sandbox launchers and proxies) end with
+    // their views and the context; what is left then (the network process,
+    // which outlives the context) holds nothing worth keeping.
+    if (!runUntilGone(kShutdownWaitMicroseconds, true))
+        NSLog("GtkEnginePort::Shutdown - web processes or their helpers still running after %d ms; terminating them",
+              static_cast<int>(kShutdownWaitMicroseconds / 1000));
+    if (!RunningChildren(display).empty()) {
         for (int pid : RunningChildren(display))
             kill(pid, SIGTERM);
-        if (!runUntilGone(kTerminateWaitMicroseconds))
+        if (!runUntilGone(kTerminateWaitMicroseconds, false)) {
             for (int pid : RunningChildren(display))
                 kill(pid, SIGKILL);
+            if (!runUntilGone(kKillWaitMicroseconds, false))
+                NSLog("GtkEnginePort::Shutdown - engine processes still running after SIGKILL");
+        }
     }
     // GDK leaves the display before the server goes (a lost connection would
     // end the process).

@@ -32,6 +32,8 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 typedef struct _WebKitWebContext WebKitWebContext;
 
@@ -63,6 +65,25 @@ public:
     GMainContext* GetMainContext() const override { return m_pMainContext; }
     void ForgetView(int id);
 
+    // ---- web processes (GtkEnginePortProcesses.cpp) ------------------------
+    // The answer to the render-process-ID question names the process as it
+    // knows itself, inside its sandbox's process namespace: the pid this
+    // process sees goes in its place, and is kept as the view's process.
+    // Pump thread.
+    void CorrectProcessId(const GtkView& view, EngineProcessMessage& message);
+    // The web process last known to show the view, 0 when none is; any
+    // thread.
+    int ProcessOf(const GtkView* view);
+    // The view's web process is gone or the view closes: forgets it and
+    // returns it (0 when none was known); any thread.
+    int ForgetProcessOf(const GtkView* view);
+    // Process ids of the web processes this process started that still run
+    // (as this process sees them, also when sandboxed).
+    static std::vector<int> RunningWebProcesses();
+    // The same for every helper process of the engine: pid, and whether it
+    // is the network process.
+    static std::vector<std::pair<int, bool>> RunningEngineProcesses();
+
 private:
     friend struct GtkTaskSource;
     bool HasTasks() const { return m_bHasTasks.load(std::memory_order_acquire); }
@@ -81,6 +102,10 @@ private:
     GSource* m_pTaskSource = nullptr;
     WebKitWebContext* m_pWebContext = nullptr;
     std::map<int, std::shared_ptr<GtkView>> m_Views;
+
+    // The web process of each view. Lock order: a leaf lock.
+    std::mutex m_ProcessMutex;
+    std::map<const GtkView*, int> m_ViewProcesses;
 
     std::atomic<bool> m_bRunning {false};
     std::atomic<int> m_nNextBrowserId {1};

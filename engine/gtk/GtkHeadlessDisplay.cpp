@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
 #include <thread>
 
 extern char** environ;
@@ -39,6 +40,11 @@ bool CanConnect(const std::string& path)
     close(fd);
     return ok;
 }
+
+// The folder of the display that runs, for RemoveHeadlessDisplayFolder.
+// Lock order: a leaf lock.
+std::mutex g_FolderMutex;
+std::string g_strLiveFolder;
 
 bool Exited(pid_t pid)
 {
@@ -72,6 +78,10 @@ bool GtkHeadlessDisplay::Start(Kind kind)
         return false;
     }
     m_strFolder = pattern;
+    {
+        std::lock_guard<std::mutex> lock(g_FolderMutex);
+        g_strLiveFolder = m_strFolder;
+    }
     const bool started = kind == Kind::Weston ? StartWeston() : StartXvfb();
     if (!started)
         Stop();
@@ -219,11 +229,26 @@ void GtkHeadlessDisplay::Stop()
         m_nPid = -1;
     }
     if (!m_strFolder.empty()) {
+        {
+            std::lock_guard<std::mutex> lock(g_FolderMutex);
+            if (g_strLiveFolder == m_strFolder)
+                g_strLiveFolder.clear();
+        }
         std::error_code ignored;
         std::filesystem::remove_all(m_strFolder, ignored);
         m_strFolder.clear();
     }
     m_strName.clear();
+}
+
+void RemoveHeadlessDisplayFolder()
+{
+    std::lock_guard<std::mutex> lock(g_FolderMutex);
+    if (g_strLiveFolder.empty())
+        return;
+    std::error_code ignored;
+    std::filesystem::remove_all(g_strLiveFolder, ignored);
+    g_strLiveFolder.clear();
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

@@ -53,4 +53,9 @@ private:
     std::string m_strFolder;
 };
 
+// Removes the private folder of the display that runs, if one does: for a
+// process that ends without stopping its engine (told to end by a signal).
+// The server itself ends with the process (parent-death signal). Any thread.
+void RemoveHeadlessDisplayFolder();
+
 } // namespace SLF_ChromiumEmbeddedFramework

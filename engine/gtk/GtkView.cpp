@@ -146,6 +146,9 @@ void GtkView::Open()
     gtk_container_add(GTK_CONTAINER(m_pWindow), GTK_WIDGET(m_pView));
     ApplySize(width, height);
     gtk_widget_show_all(m_pWindow);
+    // A view made again after its web process ended keeps a hidden state.
+    if (m_bHidden)
+        gtk_widget_hide(m_pWindow);
     // GTK does not paint the window by itself: the frame timer draws it.
     // Paced painting: GTK paints the window only when the frame timer lets
     // it (see OnFrameDue), so the web process renders at the browser's rate.
@@ -162,8 +165,12 @@ void GtkView::Open()
                          static_cast<GtkView*>(self)->OnLoadChanged(event);
                      }),
                      this);
+    // WebKit clears the URI when the web process ends; the browser keeps its
+    // URL, which its recovery loads again.
     g_signal_connect(m_pView, "notify::uri", G_CALLBACK(+[](WebKitWebView* view, GParamSpec*, gpointer self) {
-                         static_cast<GtkView*>(self)->SetUrl(webkit_web_view_get_uri(view));
+                         const char* uri = webkit_web_view_get_uri(view);
+                         if (uri && *uri)
+                             static_cast<GtkView*>(self)->SetUrl(uri);
                      }),
                      this);
     ConnectUiSignals();
@@ -175,12 +182,7 @@ void GtkView::Open()
     g_signal_connect(m_pView, "close",
                      G_CALLBACK(+[](WebKitWebView*, gpointer self) { static_cast<GtkView*>(self)->Close(true); }),
                      this);
-    g_signal_connect(m_pView, "web-process-terminated",
-                     G_CALLBACK(+[](WebKitWebView*, WebKitWebProcessTerminationReason reason, gpointer self) {
-                         NSLog("GtkView - the web process of browser %d ended (reason %d)",
-                               static_cast<GtkView*>(self)->m_nId, static_cast<int>(reason));
-                     }),
-                     this);
+    WatchWebProcess();
 
     // GTK painted the window: its image is the frame.
     g_signal_connect(m_pWindow, "damage-event", G_CALLBACK(+[](GtkWidget*, GdkEvent*, gpointer self) -> gboolean {
@@ -226,22 +228,7 @@ void GtkView::Close(bool notify)
     if (m_bClosed)
         return;
     m_bClosed = true;
-    if (m_pFrameTimer) {
-        g_source_destroy(m_pFrameTimer);
-        g_source_unref(m_pFrameTimer);
-        m_pFrameTimer = nullptr;
-    }
-    m_Input.Detach();
-    if (m_pView) {
-        g_signal_handlers_disconnect_by_data(m_pView, this);
-        m_pView = nullptr;
-    }
-    if (m_pWindow) {
-        // The window takes its view with it.
-        gtk_widget_destroy(m_pWindow);
-        m_pWindow = nullptr;
-    }
-    ForgetPage(notify);
+    DestroyWebView(notify);
     auto self = shared_from_this();
     m_Port.ForgetView(m_nId);
     if (notify) {
@@ -281,6 +268,40 @@ bool GtkView::KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHan
     g_object_ref(request);
     m_OpenRequests.emplace_back(request, handler);
     return true;
+}
+
+void GtkView::DestroyWebView(bool cancelHandlers)
+{
+    StopWatchingWebProcess();
+    if (m_pFrameTimer) {
+        g_source_destroy(m_pFrameTimer);
+        g_source_unref(m_pFrameTimer);
+        m_pFrameTimer = nullptr;
+    }
+    if (m_pView) {
+        g_signal_handlers_disconnect_by_data(m_pView, this);
+        // WebKitGTK keeps a web process whose last page closed, for a later
+        // page; this view's process ends with it (one process per view: no
+        // view here is related to another).
+        webkit_web_view_terminate_web_process(m_pView);
+        m_pView = nullptr;
+    }
+    if (m_pWindow) {
+        // The window takes its view with it.
+        gtk_widget_destroy(m_pWindow);
+        m_pWindow = nullptr;
+    }
+    m_Input.Detach();
+    m_Port.ForgetProcessOf(this);
+    ForgetPage(cancelHandlers);
+    // A view made again starts without an image, at no size yet.
+    SetPainted(nullptr);
+    m_nWidth = 0;
+    m_nHeight = 0;
+    m_bHasImage = false;
+    m_bNewImage = false;
+    m_bFrozen = false;
+    m_bCommitted = false;
 }
 
 // ---- painting --------------------------------------------------------------
@@ -443,11 +464,15 @@ void GtkView::SendKeyEvent(const EngineKeyEvent& event)
 
 void GtkView::CloseBrowser(bool forceClose)
 {
-    OnPump([this, forceClose]() {
-        if (forceClose)
-            Close(true);
+    // Also a browser given up after its crashes (no web view) closes.
+    auto self = shared_from_this();
+    m_Port.Post([self, forceClose]() {
+        if (self->m_bClosed)
+            return;
+        if (forceClose || !self->m_pView)
+            self->Close(true);
         else
-            webkit_web_view_try_close(m_pView);
+            webkit_web_view_try_close(self->m_pView);
     });
 }
 
@@ -477,6 +502,8 @@ void GtkView::OnLoadChanged(int loadEvent)
 
 bool GtkView::OnUserMessage(WebKitUserMessage* userMessage)
 {
+    // The page's web process runs: from now on it is pinged.
+    m_bPinging = true;
     const char* name = webkit_user_message_get_name(userMessage);
     // The web process tells which process shows this page (for its audio
     // and resource questions); the port's own business, not the client's.

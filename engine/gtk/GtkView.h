@@ -19,6 +19,7 @@
 #include "engine/gtk/GtkInput.h"
 #include "engine/port/EnginePort.h"
 #include "engine/wpe/WpeServedView.h"
+#include "engine/port/EngineRecovery.h"
 
 #include <glib.h>
 
@@ -36,6 +37,7 @@ typedef struct _WebKitHitTestResult WebKitHitTestResult;
 typedef struct _WebKitScriptDialog WebKitScriptDialog;
 typedef struct _WebKitNavigationAction WebKitNavigationAction;
 typedef struct _cairo_surface cairo_surface_t;
+typedef struct _GCancellable GCancellable;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -58,6 +60,15 @@ public:
     // The resource and audio threads' side (WpeServedView).
     EngineClient* GetClient() const override { return m_pClient; }
     bool KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler) override;
+    // ---- web-process recovery (GtkViewRecovery.cpp); pump thread ----------
+    // The view's web process is gone (or is ended because it stopped
+    // responding): the view is made again at the browser's size, rate and
+    // URL in a new web process, under the same identifier and for the same
+    // client, and the client's OnRenderProcessTerminated follows. After
+    // WebProcessRecoveries::kMaxRecoveries within its window the browser is
+    // given up: it stays open and paints nothing more.
+    void RecoverWebProcess(EngineTerminationStatus status);
+    bool IsGivenUp() const { return m_bGivenUp; }
 
     // EngineBrowser
     int GetIdentifier() override { return m_nId; }
@@ -108,6 +119,19 @@ private:
     // its requests kept open end; their handlers are cancelled with
     // cancelHandlers.
     void ForgetPage(bool cancelHandlers);
+    // Tears the window and the web view down (the browser stays); the
+    // page's records go (ForgetPage).
+    void DestroyWebView(bool cancelHandlers);
+
+    // ---- web-process recovery (GtkViewRecovery.cpp) ------------------------
+    // Watches the web view's process: its end, WebKit's responsiveness
+    // notice, and a ping of our own once a second.
+    void WatchWebProcess();
+    void StopWatchingWebProcess();
+    void OnWebProcessTerminated(int reason);
+    void OnWatchTick();
+    void OnPingAnswered(uint64_t generation);
+    void RebuildWebView(EngineTerminationStatus status, bool giveUp);
 
     GtkEnginePort& m_Port;
     const int m_nId;
@@ -142,6 +166,21 @@ private:
     // The image of the last frame: the window's own surface (referenced)
     // or, when that is not in client memory, m_pSurface (null here).
     cairo_surface_t* m_pPainted = nullptr;
+
+    // Web-process recovery; pump thread. A ping is outstanding since
+    // m_nPingSent (0: none); WebKit has found the process unresponsive since
+    // m_nUnresponsiveSince (0: it has not). m_nWatchGeneration tells the
+    // answers of an old web view's pings from the current one's.
+    GSource* m_pWatchTimer = nullptr;
+    GCancellable* m_pPingCancel = nullptr;
+    uint64_t m_nWatchGeneration = 0;
+    int64_t m_nPingSent = 0;
+    int64_t m_nUnresponsiveSince = 0;
+    int64_t m_nLastTick = 0;
+    bool m_bPinging = false; // from the page's first message or committed load on
+    bool m_bRecovering = false;
+    bool m_bGivenUp = false;
+    WebProcessRecoveries m_Recoveries;
 
     // The view's URL, readable from any thread. Lock order: a leaf lock.
     std::mutex m_UrlMutex;

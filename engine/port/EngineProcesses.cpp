@@ -2,8 +2,10 @@
 #include "engine/port/EngineProcesses.h"
 
 #include <dirent.h>
+#include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -56,6 +58,38 @@ std::vector<std::pair<int, bool>> RunningChildProcessesNamed(const std::string& 
         }
     }
     return result;
+}
+
+std::string PidNamespaceOf(int pid)
+{
+    const std::string path = pid ? "/proc/" + std::to_string(pid) + "/ns/pid" : std::string("/proc/self/ns/pid");
+    char target[64] = {};
+    const ssize_t length = readlink(path.c_str(), target, sizeof(target) - 1);
+    return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
+}
+
+int FindProcessByInnerPid(const std::vector<int>& candidates, int innerPid, const std::string& pidNamespace)
+{
+    if (innerPid <= 0 || pidNamespace.empty())
+        return 0;
+    for (int pid : candidates) {
+        if (PidNamespaceOf(pid) != pidNamespace)
+            continue;
+        // "NSpid:\t4711\t2": the pid in each namespace, outermost first.
+        std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("NSpid:", 0) != 0)
+                continue;
+            std::istringstream numbers(line.substr(6));
+            int inner = 0;
+            for (int number = 0; numbers >> number;)
+                inner = number;
+            if (inner == innerPid)
+                return pid;
+            break;
+        }
+    }
+    return 0;
 }
 
 } // namespace SLF_ChromiumEmbeddedFramework

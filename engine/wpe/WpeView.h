@@ -11,13 +11,13 @@
 #pragma once
 
 #include "engine/port/EnginePort.h"
+#include "engine/port/EngineRecovery.h"
 #include "engine/wpe/WpeInput.h"
 #include "engine/wpe/WpeServedView.h"
 
 #include <glib.h>
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -64,10 +64,10 @@ public:
     bool IsGivenUp() const { return m_bGivenUp; }
 
     // Recoveries allowed within the window; one more crash gives up.
-    static constexpr size_t kMaxRecoveries = 3;
-    static constexpr int64_t kRecoveryWindow = 60 * G_USEC_PER_SEC;
+    static constexpr size_t kMaxRecoveries = WebProcessRecoveries::kMaxRecoveries;
+    static constexpr int64_t kRecoveryWindow = WebProcessRecoveries::kWindow;
     // How long the web process may stay unresponsive before it is ended.
-    static constexpr int64_t kUnresponsiveLimit = 10 * G_USEC_PER_SEC;
+    static constexpr int64_t kUnresponsiveLimit = WebProcessRecoveries::kUnresponsiveLimit;
 
     // ---- used by the port, its resource and audio servers -----------------
     EngineClient* GetClient() const override { return m_pClient; }
@@ -161,7 +161,7 @@ private:
     GSource* m_pHangTimer = nullptr;
     bool m_bRecovering = false;
     bool m_bGivenUp = false;
-    std::deque<int64_t> m_Recoveries; // monotonic microseconds
+    WebProcessRecoveries m_Recoveries;
 
     // ---- the view's URL, readable from any thread -------------------------
     // Lock order: a leaf lock.

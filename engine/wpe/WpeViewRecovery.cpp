@@ -13,24 +13,6 @@
 
 namespace SLF_ChromiumEmbeddedFramework {
 
-namespace {
-
-const char* TerminationText(EngineTerminationStatus status)
-{
-    switch (status) {
-    case TS_PROCESS_CRASHED:
-        return "crashed";
-    case TS_PROCESS_OOM:
-        return "exceeded its memory limit";
-    case TS_PROCESS_WAS_KILLED:
-        return "was unresponsive for 10 s and was ended";
-    default:
-        return "ended";
-    }
-}
-
-} // namespace
-
 void WpeView::OnWebProcessTerminated(int reason)
 {
     // Inside WebKit's own handling of the process's end: the view itself is
@@ -87,20 +69,8 @@ void WpeView::RecoverWebProcess(EngineTerminationStatus status)
     const std::vector<int> pids = m_Port.UnregisterProcessesOf(this);
     const int pid = pids.empty() ? 0 : pids.front();
 
-    const int64_t now = g_get_monotonic_time();
-    while (!m_Recoveries.empty() && now - m_Recoveries.front() >= kRecoveryWindow)
-        m_Recoveries.pop_front();
-    const bool giveUp = m_Recoveries.size() >= kMaxRecoveries;
-    if (giveUp) {
-        NSLog("WpeView - browser %d: web process %d %s; given up after %zu recoveries within a minute, the "
-              "browser stays open without frames",
-              m_nId, pid, TerminationText(status), m_Recoveries.size());
-    } else {
-        m_Recoveries.push_back(now);
-        NSLog("WpeView - browser %d: web process %d %s; loading the page again in a new web process (recovery "
-              "%zu of %zu within a minute)",
-              m_nId, pid, TerminationText(status), m_Recoveries.size(), kMaxRecoveries);
-    }
+    const bool giveUp = m_Recoveries.GiveUp(g_get_monotonic_time());
+    NSLog("WpeView - browser %d: %s", m_nId, DescribeWebProcessEnd(pid, status, giveUp, m_Recoveries.Count()).c_str());
     // A hung process would not notice its page going away.
     if (status == TS_PROCESS_WAS_KILLED)
         webkit_web_view_terminate_web_process(m_pView);

@@ -47,7 +47,6 @@ bool ProcessRuns(int pid)
 
 TEST(EngineRecovery, AWebProcessThatStopsRespondingIsEndedAndTheBrowserGoesOnInANewOne)
 {
-    SKIP_ON_GTK() << "hang recovery is not offered by the WebKitGTK port yet";
     SetEnginePort(PortUnderTest::Create());
     CBrowserWrapper wrapper;
     ASSERT_TRUE(wrapper.StartCEF());

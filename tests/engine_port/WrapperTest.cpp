@@ -77,7 +77,6 @@ constexpr uint32_t kRed = 0xFFFF0000, kBlue = 0xFF0000FF;
 
 TEST(EngineWrapper, ThreadedEngineServesPagesAndStopsInTime)
 {
-    SKIP_ON_GTK() << "a closed browser's web process does not end with it on the WebKitGTK port yet";
     SetEnginePort(PortUnderTest::Create());
     CBrowserWrapper wrapper;
     ASSERT_TRUE(wrapper.StartCEF()) << "the engine did not start on the worker";

@@ -154,7 +154,8 @@ std::set<int> WebProcesses(pid_t service, int depth = 0)
             std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
             std::string name;
             std::getline(comm, name);
-            if (name.rfind("WPEWebProcess", 0) == 0 && Running(pid))
+            // WPE WebKit's and WebKitGTK's web processes.
+            if ((name.rfind("WPEWebProcess", 0) == 0 || name.rfind("WebKitWebProces", 0) == 0) && Running(pid))
                 result.insert(pid);
             else if (name == "bwrap" && depth < 3)
                 result.merge(WebProcesses(pid, depth + 1));
@@ -171,6 +172,41 @@ bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds time
         std::this_thread::sleep_for(20ms);
     }
     return true;
+}
+
+// Every process below a process (web, network, sandbox and display ones).
+std::vector<int> Descendants(pid_t process)
+{
+    std::vector<int> result;
+    std::error_code error;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", error)) {
+        std::ifstream children(task.path() / "children");
+        for (int pid = 0; children >> pid;) {
+            result.push_back(pid);
+            const std::vector<int> below = Descendants(pid);
+            result.insert(result.end(), below.begin(), below.end());
+        }
+    }
+    return result;
+}
+
+// The private folders of the service's display servers (WebKitGTK port):
+// each runs with its folder as its runtime folder.
+std::vector<std::string> DisplayFolders(const std::vector<int>& processes)
+{
+    std::vector<std::string> folders;
+    for (int pid : processes) {
+        std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+        std::string name;
+        std::getline(comm, name);
+        if (name != "weston" && name != "Xvfb")
+            continue;
+        std::ifstream environ("/proc/" + std::to_string(pid) + "/environ");
+        for (std::string entry; std::getline(environ, entry, '\0');)
+            if (entry.rfind("XDG_RUNTIME_DIR=/tmp/slf-gtk-display-", 0) == 0)
+                folders.push_back(entry.substr(entry.find('=') + 1));
+    }
+    return folders;
 }
 
 class CrashRecoveryTest : public ::testing::Test {
@@ -328,6 +364,20 @@ TEST_F(CrashRecoveryTest, AKilledWebProcessComesBackUnderItsIdUntilTheFourthCras
     m_browsers[crashing]->Close();
     EXPECT_TRUE(host.WaitFor([&] { return host.IndexOf("closed " + std::to_string(crashing)) >= 0; }, 20s));
     EXPECT_TRUE(host.Events("problem").empty()) << host.Events("problem").front();
+
+    // Told to end, the service leaves no engine process and no private
+    // folder behind.
+    const std::vector<int> below = Descendants(m_service);
+    EXPECT_FALSE(below.empty());
+    const std::vector<std::string> folders = DisplayFolders(below);
+    m_browsers.clear();
+    m_client.reset();
+    ASSERT_EQ(kill(m_service, SIGTERM), 0);
+    EXPECT_TRUE(WaitUntil([&] { return !Running(m_service); }, 10s));
+    for (int pid : below)
+        EXPECT_TRUE(WaitUntil([&] { return !Running(pid); }, 5s)) << "process " << pid << " outlived the service";
+    for (const auto& folder : folders)
+        EXPECT_FALSE(std::filesystem::exists(folder)) << folder << " outlived the service";
 }
 
 TEST_F(CrashRecoveryTest, AudioOfAKilledWebProcessStopsAndTheNewProcessIsKnownAsTheSameBrowser)
