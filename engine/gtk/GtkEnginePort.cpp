@@ -152,6 +152,10 @@ bool GtkEnginePort::Initialize(const EngineSettings& settings, EngineApp* app)
         g_unsetenv("WAYLAND_DISPLAY");
     }
     g_setenv("NO_AT_BRIDGE", "1", FALSE);
+    // Keys come from the host as finished events: a desktop input method
+    // (IBus and the like, named in the user's environment) must not take
+    // them over, so GTK's built-in one handles them.
+    g_setenv("GTK_IM_MODULE", "gtk-im-context-simple", TRUE);
     // Without a GPU, Skia's GPU painting runs on Mesa's software GL; its CPU
     // raster paints the same pages for about a fifth less processor time
     // (measured with bench_engines). WebGL and compositing keep using GL.
