@@ -83,7 +83,7 @@ bool CBrowserClient::ProcessBrowser()
         // The browsers lock is released before the pass: the handlers the
         // pass calls take it themselves, also on the port's other threads.
         CNplThreadMutexLock browsersLock(m_BrowsersMutex); // lock order 3
-        if (m_Browsers.empty())
+        if (m_Browsers.empty() && !m_pEnginePort->HasCloseWorkLeft())
             return false;
     }
     m_pEnginePort->DoMessageLoopWork();

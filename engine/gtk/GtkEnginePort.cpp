@@ -297,6 +297,7 @@ void GtkEnginePort::Shutdown()
     for (auto& entry : views)
         entry.second->Close(false);
     m_Views.clear();
+    m_RetiredViews.EndAll();
     StopWebProcessServices();
     if (m_pWebContext) {
         g_signal_handlers_disconnect_by_data(m_pWebContext, this);

@@ -19,6 +19,7 @@
 #pragma once
 
 #include "engine/gtk/GtkHeadlessDisplay.h"
+#include "engine/gtk/GtkRetiredViews.h"
 #include "engine/port/EnginePort.h"
 #include "engine/wpe/WpeEngineServices.h"
 
@@ -55,6 +56,8 @@ public:
     bool Initialize(const EngineSettings& settings, EngineApp* app) override;
     void DoMessageLoopWork() override;
     void Shutdown() override;
+    // Closed browsers' views kept until their web processes are up and ended.
+    bool HasCloseWorkLeft() override { return m_RetiredViews.Busy(); }
     bool CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
                        const EngineBrowserSettings& settings) override;
 
@@ -64,6 +67,9 @@ public:
     WebKitWebContext* GetWebContext() const { return m_pWebContext; }
     GMainContext* GetMainContext() const override { return m_pMainContext; }
     void ForgetView(int id);
+    // Keeps a closed browser's window and view until its web process is up,
+    // then ends both (GtkRetiredViews). Pump thread.
+    void RetireWebView(GtkWidget* window, WebKitWebView* view) { m_RetiredViews.Retire(window, view, m_pMainContext); }
 
     // ---- web processes (GtkEnginePortProcesses.cpp) ------------------------
     // The answer to the render-process-ID question names the process as it
@@ -102,6 +108,7 @@ private:
     GSource* m_pTaskSource = nullptr;
     WebKitWebContext* m_pWebContext = nullptr;
     std::map<int, std::shared_ptr<GtkView>> m_Views;
+    GtkRetiredViews m_RetiredViews;
 
     // The web process of each view. Lock order: a leaf lock.
     std::mutex m_ProcessMutex;

@@ -280,10 +280,19 @@ void GtkView::DestroyWebView(bool cancelHandlers)
     }
     if (m_pView) {
         g_signal_handlers_disconnect_by_data(m_pView, this);
-        // WebKitGTK keeps a web process whose last page closed, for a later
-        // page; this view's process ends with it (one process per view: no
-        // view here is related to another).
-        webkit_web_view_terminate_web_process(m_pView);
+        if (!m_bProcessUp && m_pWindow) {
+            // Its process may still be being launched, when ending it would
+            // be lost: the port ends it once it is up. The window paints on
+            // meanwhile, to nobody.
+            g_signal_handlers_disconnect_by_data(m_pWindow, this);
+            m_Port.RetireWebView(m_pWindow, m_pView);
+            m_pWindow = nullptr;
+        } else {
+            // WebKitGTK keeps a web process whose last page closed, for a
+            // later page; this view's process ends with it (one process per
+            // view: no view here is related to another).
+            webkit_web_view_terminate_web_process(m_pView);
+        }
         m_pView = nullptr;
     }
     if (m_pWindow) {
@@ -302,6 +311,7 @@ void GtkView::DestroyWebView(bool cancelHandlers)
     m_bNewImage = false;
     m_bFrozen = false;
     m_bCommitted = false;
+    m_bProcessUp = false;
 }
 
 // ---- painting --------------------------------------------------------------
@@ -483,7 +493,7 @@ void GtkView::OnLoadChanged(int loadEvent)
     if (loadEvent == WEBKIT_LOAD_STARTED)
         m_bCommitted = false;
     else if (loadEvent == WEBKIT_LOAD_COMMITTED)
-        m_bCommitted = true;
+        m_bCommitted = m_bProcessUp = true;
     EngineLoadHandler* handler = m_pClient->GetLoadHandler();
     if (!handler)
         return;
@@ -508,6 +518,7 @@ bool GtkView::OnUserMessage(WebKitUserMessage* userMessage)
     // The web process tells which process shows this page (for its audio
     // and resource questions); the port's own business, not the client's.
     if (name && std::strcmp(name, kPageProcessMessage) == 0) {
+        m_bProcessUp = true;
         GVariant* parameters = webkit_user_message_get_parameters(userMessage);
         guint64 token = 0;
         if (parameters && g_variant_is_of_type(parameters, G_VARIANT_TYPE("(t)")))

@@ -157,6 +157,9 @@ private:
     // The current navigation committed: its web process renders, so drawing
     // the view does not wait for it (see OnFrameDue).
     bool m_bCommitted = false;
+    // The page's web process came up (it reported the page, or a load
+    // committed): ending it now is not lost in its launch.
+    bool m_bProcessUp = false;
     int m_nCursor = -1; // the cursor last reported to the render handler
     GtkInput m_Input;
     // WebKit's page identifier, registered with the port (0 when none).

@@ -372,6 +372,11 @@ public:
     // (CLOCK_MONOTONIC), or -1 for none; the pump runs a pass at that time
     // rather than at its next regular one. Pump thread only.
     virtual int64_t GetNextDueTime() { return -1; }
+    // True while the engine still finishes the close of browsers already
+    // closed (their web processes are being ended): the pump goes on
+    // running passes until it is done, also with no browser left. Pump
+    // thread only.
+    virtual bool HasCloseWorkLeft() { return false; }
     // Closes every browser and ends the engine's processes; returns well
     // within the wrapper's 2000 ms stop wait, which it runs inside.
     virtual void Shutdown() = 0;

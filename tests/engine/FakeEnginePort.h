@@ -60,6 +60,8 @@ public:
     void SetFailInitialize(bool fail) { Set(m_bFailInitialize, fail); }
     void SetReportCreation(bool report) { Set(m_bReportCreation, report); }
     void SetReportClose(bool report) { Set(m_bReportClose, report); }
+    // What HasCloseWorkLeft answers.
+    void SetCloseWorkLeft(bool left) { Set(m_bCloseWorkLeft, left); }
     // Runs on the pump thread for every script (browser ID, code), e.g. to
     // change the URL as a page would.
     void SetScriptHandler(std::function<void(int, const std::string&)> handler) { Set(m_ScriptHandler, handler); }
@@ -108,6 +110,7 @@ public:
 
     bool Initialize(const EngineSettings& settings, EngineApp* app) override;
     void DoMessageLoopWork() override;
+    bool HasCloseWorkLeft() override { return Get(m_bCloseWorkLeft); }
     void Shutdown() override;
     bool CreateBrowser(const EngineWindowInfo& windowInfo, EngineClient* client, const std::string& url,
                        const EngineBrowserSettings& settings) override;
@@ -147,6 +150,7 @@ private:
     std::mutex m_Mutex;
     std::condition_variable m_PumpCondition;
     bool m_bInstalled = false, m_bFailInitialize = false, m_bReportCreation = true, m_bReportClose = true;
+    bool m_bCloseWorkLeft = false;
     std::function<void(int, const std::string&)> m_ScriptHandler;
     bool m_bInitialized = false, m_bPumpedOffThread = false;
     int m_nInitializeCalls = 0, m_nShutdownCalls = 0, m_nPumpPasses = 0, m_nCreateCalls = 0, m_nNextBrowserId = 1;

@@ -134,6 +134,31 @@ protected:
     static inline CBrowserApp s_App; // forces a device scale factor of 1
 };
 
+// A host may close a browser the moment it is told of it, before the page's
+// web process is even up. With no browser left the service pumps the engine
+// only while the port still has close work: once that is done, every such
+// process ends without another pass.
+TEST_F(EnginePortTest, BrowsersClosedAsSoonAsTheyExistLeaveNoWebProcessBehind)
+{
+    const size_t before = PortUnderTest::RunningWebProcesses().size();
+    for (int i = 0; i < 3; ++i) {
+        TestClient client(64, 48);
+        EngineWindowInfo windowInfo;
+        windowInfo.SetAsWindowless(nullptr);
+        ASSERT_TRUE(s_pPort->CreateBrowser(windowInfo, &client, kColoursPage, EngineBrowserSettings()));
+        ASSERT_TRUE(PumpUntil([&] { return client.browser != nullptr; })) << "no OnAfterCreated";
+        Close(client);
+    }
+    EXPECT_TRUE(PumpUntil([] { return !s_pPort->HasCloseWorkLeft(); }, 30000)) << "the close work never ended";
+    bool gone = false;
+    for (auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+         !(gone = PortUnderTest::RunningWebProcesses().size() <= before) &&
+         std::chrono::steady_clock::now() < deadline;)
+        usleep(20000);
+    EXPECT_TRUE(gone) << PortUnderTest::RunningWebProcesses().size() << " web processes run, " << before
+                      << " before the browsers";
+}
+
 TEST_F(EnginePortTest, PaintsPageColoursKeepsTransparencyAndRefusesPopups)
 {
     TestClient client(200, 100);

@@ -62,13 +62,19 @@ TEST_F(SLFCefWindowManagerEngine, EveryOpenRequestGetsItsOwnBrowserOnOneEngine)
     EXPECT_TRUE(m_port.WaitForPumpPasses(5, 5000));
     EXPECT_FALSE(m_port.PumpedOffThread());
 
-    // The engine outlives the last browser, its pump timer rests; the next
-    // open starts no second engine and the pump again.
+    // The engine outlives the last browser; its pump timer runs on while the
+    // engine still finishes closing them, then rests; the next open starts
+    // no second engine and the pump again.
     EXPECT_TRUE(m_manager->isPumpRunning());
+    m_port.SetCloseWorkLeft(true);
     EXPECT_EQ(m_manager->stopBrowserWithID(first->browserID()), first);
     EXPECT_EQ(m_manager->stopBrowserWithID(second->browserID()), second);
     EXPECT_EQ(m_manager->numberOfOpenBrowserWindows(), 0);
     EXPECT_TRUE(m_manager->isEngineRunning());
+    const int passes = m_port.PumpPasses();
+    EXPECT_TRUE(m_port.WaitForPumpPasses(passes + 20, 5000)) << "no passes for the close work";
+    EXPECT_TRUE(m_manager->isPumpRunning());
+    m_port.SetCloseWorkLeft(false);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
     while (m_manager->isPumpRunning() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
