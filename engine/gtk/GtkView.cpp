@@ -23,6 +23,9 @@ constexpr int kDefaultHeight = 600;
 constexpr int kMaxEdge = 16384;
 constexpr int kMinFrameRate = 1;
 constexpr int kMaxFrameRate = 240;
+// How long a resized view waits for the web process's frame at its new size
+// before the window's image goes out anyway (microseconds).
+constexpr int64_t kResizeWait = G_USEC_PER_SEC;
 
 void ApplyState(WebKitSettings* settings, EngineState state, void (*setter)(WebKitSettings*, gboolean))
 {
@@ -216,11 +219,13 @@ void GtkView::ApplySize(int width, int height)
     m_nHeight = height;
     gtk_widget_set_size_request(GTK_WIDGET(m_pView), width, height);
     gtk_window_resize(GTK_WINDOW(m_pWindow), width, height);
+    // The last image stays, at its own size, until the window painted at
+    // the new one: a repaint request meanwhile delivers it again.
+    if (m_bHasImage && !m_pPainted)
+        SetPainted(m_pSurface);
     if (m_pSurface)
         cairo_surface_destroy(m_pSurface);
     m_pSurface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
-    SetPainted(nullptr);
-    m_bHasImage = false;
 }
 
 void GtkView::Close(bool notify)
@@ -312,6 +317,7 @@ void GtkView::DestroyWebView(bool cancelHandlers)
     m_bFrozen = false;
     m_bCommitted = false;
     m_bProcessUp = false;
+    m_bSizePending = false;
 }
 
 // ---- painting --------------------------------------------------------------
@@ -358,20 +364,61 @@ void GtkView::OnWindowPainted()
         m_bFrozen = true;
     }
     cairo_surface_t* surface = gtk_offscreen_window_get_surface(GTK_OFFSCREEN_WINDOW(m_pWindow));
-    if (surface && cairo_surface_get_type(surface) == CAIRO_SURFACE_TYPE_IMAGE &&
-        cairo_image_surface_get_format(surface) == CAIRO_FORMAT_ARGB32 &&
-        cairo_image_surface_get_width(surface) == m_nWidth && cairo_image_surface_get_height(surface) == m_nHeight) {
-        // The window's own image in client memory (a Wayland display): the
-        // frame is read from it as it stands, at the next slot.
+    // The window's own image in client memory (a Wayland display) is the
+    // frame, read as it stands at the next slot; any other window surface
+    // (an X pixmap) would be a round trip to read: the view is drawn again,
+    // into client memory.
+    const bool inMemory = surface && cairo_surface_get_type(surface) == CAIRO_SURFACE_TYPE_IMAGE &&
+                          cairo_image_surface_get_format(surface) == CAIRO_FORMAT_ARGB32;
+    GtkAllocation allocation;
+    gtk_widget_get_allocation(GTK_WIDGET(m_pView), &allocation);
+    if (inMemory &&
+        (cairo_image_surface_get_width(surface) != m_nWidth || cairo_image_surface_get_height(surface) != m_nHeight)) {
+        // Right after WasResized the window may still paint at the old size
+        // (GTK sizes it on its next layout): the page at the old size, which
+        // goes out at that size.
         SetPainted(surface);
+    } else if (!inMemory && (allocation.width != m_nWidth || allocation.height != m_nHeight)) {
+        return;
     } else {
-        // Any other window surface (an X pixmap) would be a round trip to
-        // read: the view is drawn again, into client memory.
-        SetPainted(nullptr);
-        DrawFrame();
+        // A window resized paints WebKit's newest frame, which may still be
+        // one the web process rendered at the old size: an empty or partly
+        // painted image at the new size. It does not go out.
+        if (m_bSizePending && !ViewFrameFillsSize())
+            return;
+        m_bSizePending = false;
+        if (inMemory) {
+            SetPainted(surface);
+        } else {
+            SetPainted(nullptr);
+            DrawFrame();
+        }
     }
     m_bHasImage = true;
     m_bNewImage = true;
+}
+
+bool GtkView::ViewFrameFillsSize()
+{
+    if (g_get_monotonic_time() - m_nSizePendingSince > kResizeWait) {
+        NSLog("GtkView - browser %d: no frame at %d x %d from the web process within %d ms; the window's image goes "
+              "out as it is",
+              m_nId, m_nWidth, m_nHeight, static_cast<int>(kResizeWait / 1000));
+        return true;
+    }
+    // WebKit draws its frame at the size the web process rendered it,
+    // whatever the view's size: the view drawn once more into a recording
+    // tells the frame's extent (the same frame as the window's paint: no
+    // new one is taken in between).
+    cairo_rectangle_t bounds = {0, 0, static_cast<double>(m_nWidth), static_cast<double>(m_nHeight)};
+    cairo_surface_t* recording = cairo_recording_surface_create(CAIRO_CONTENT_COLOR_ALPHA, &bounds);
+    cairo_t* cr = cairo_create(recording);
+    gtk_widget_draw(GTK_WIDGET(m_pView), cr);
+    cairo_destroy(cr);
+    double x = 0, y = 0, width = 0, height = 0;
+    cairo_recording_surface_ink_extents(recording, &x, &y, &width, &height);
+    cairo_surface_destroy(recording);
+    return x <= 0 && y <= 0 && x + width >= m_nWidth && y + height >= m_nHeight;
 }
 
 bool GtkView::DrawFrame()
@@ -393,12 +440,18 @@ void GtkView::Deliver()
     if (m_bClosed || !m_bHasImage)
         return;
     cairo_surface_t* image = m_pPainted ? m_pPainted : m_pSurface;
+    if (!image)
+        return;
     cairo_surface_flush(image);
+    // The image's own size, which is the browser's but for the paints
+    // between a resize and the window's first paint at the new size.
+    const int width = cairo_image_surface_get_width(image);
+    const int height = cairo_image_surface_get_height(image);
     // ARGB32 rows are width * 4 bytes: the surface is the packed image.
-    if (!image || cairo_image_surface_get_stride(image) != m_nWidth * 4)
+    if (cairo_image_surface_get_stride(image) != width * 4)
         return;
     if (EngineRenderHandler* handler = m_pClient->GetRenderHandler())
-        handler->OnPaint(shared_from_this(), cairo_image_surface_get_data(image), m_nWidth, m_nHeight);
+        handler->OnPaint(shared_from_this(), cairo_image_surface_get_data(image), width, height);
 }
 
 // ---- browser, frame and host -------------------------------------------------
@@ -433,7 +486,14 @@ void GtkView::WasResized()
         EngineRect rect;
         if (!handler || !handler->GetViewRect(shared_from_this(), rect) || rect.width <= 0 || rect.height <= 0)
             return;
-        ApplySize(std::min(rect.width, kMaxEdge), std::min(rect.height, kMaxEdge));
+        const int width = std::min(rect.width, kMaxEdge);
+        const int height = std::min(rect.height, kMaxEdge);
+        if (width == m_nWidth && height == m_nHeight)
+            return;
+        ApplySize(width, height);
+        // No frame at the new size before the web process rendered one.
+        m_bSizePending = true;
+        m_nSizePendingSince = g_get_monotonic_time();
     });
 }
 
@@ -441,6 +501,9 @@ void GtkView::WasHidden(bool hidden)
 {
     OnPump([this, hidden]() {
         m_bHidden = hidden;
+        // A hidden view renders nothing: the wait for a resized frame
+        // starts again when it is shown.
+        m_nSizePendingSince = g_get_monotonic_time();
         // An unmapped view is one WebKit does not render.
         gtk_widget_set_visible(m_pWindow, !hidden);
     });

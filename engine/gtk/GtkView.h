@@ -105,6 +105,9 @@ private:
     void SetPainted(cairo_surface_t* surface);
     // Draws the view into m_pSurface.
     bool DrawFrame();
+    // The view's frame fills the browser's size (after a resize: WebKit's
+    // frame is at the new size), or the wait for it is over.
+    bool ViewFrameFillsSize();
     void Deliver();
     void OnLoadChanged(int loadEvent);
     bool OnUserMessage(WebKitUserMessage* message);
@@ -160,6 +163,11 @@ private:
     // The page's web process came up (it reported the page, or a load
     // committed): ending it now is not lost in its launch.
     bool m_bProcessUp = false;
+    // Resized: no image at the new size goes out before WebKit's frame
+    // fills it (see OnWindowPainted), for at most kResizeWait from
+    // m_nSizePendingSince (monotonic microseconds; restarted when shown).
+    bool m_bSizePending = false;
+    int64_t m_nSizePendingSince = 0;
     int m_nCursor = -1; // the cursor last reported to the render handler
     GtkInput m_Input;
     // WebKit's page identifier, registered with the port (0 when none).

@@ -1,7 +1,11 @@
 // Frames from a real page through the started-on-demand service to the host library.
 #include <algorithm>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
 
 #include "tests/support/AwaitRequest.h"
 #include "tests/support/ServiceProcess.h"
@@ -9,6 +13,8 @@
 using namespace slftest;
 
 namespace {
+
+bool OpaqueCorners(const streamloft::VideoFrame& frame);
 
 struct FrameHost : streamloft::BrowserEvents {
     void BrowserDidStart(streamloft::Browser&, int id) override
@@ -27,6 +33,7 @@ struct FrameHost : streamloft::BrowserEvents {
     {
         std::lock_guard<std::mutex> guard(lock);
         sizes.emplace_back(frame->width(), frame->height());
+        opaqueCorners.push_back(OpaqueCorners(*frame));
         timings.push_back(
             {frame->sequence(), frame->presentationTime(),
              uint64_t(std::chrono::duration_cast<std::chrono::microseconds>(frame->receivedAt().time_since_epoch())
@@ -47,6 +54,7 @@ struct FrameHost : streamloft::BrowserEvents {
     std::condition_variable changed;
     int browserID = -2;
     std::vector<std::pair<uint32_t, uint32_t>> sizes;
+    std::vector<bool> opaqueCorners; // per frame, as sizes
     struct Timing {
         uint64_t sequence, presentation, received; // microseconds of CLOCK_MONOTONIC
     };
@@ -60,6 +68,16 @@ uint32_t Pixel(const streamloft::VideoFrame& frame, uint32_t x, uint32_t y)
 {
     const uint8_t* p = frame.row(y) + x * 4;
     return uint32_t(p[0]) | uint32_t(p[1]) << 8 | uint32_t(p[2]) << 16 | uint32_t(p[3]) << 24;
+}
+
+// The frame's four corner pixels are opaque.
+bool OpaqueCorners(const streamloft::VideoFrame& frame)
+{
+    const uint32_t right = frame.width() - 1, bottom = frame.height() - 1;
+    for (auto [x, y] : {std::pair {0u, 0u}, {right, 0u}, {0u, bottom}, {right, bottom}})
+        if (Pixel(frame, x, y) >> 24 != 0xFF)
+            return false;
+    return true;
 }
 
 // The page's quarters: red, green, blue, and transparent at the bottom right,
@@ -125,6 +143,33 @@ TEST_F(FramesEndToEnd, KnownColoursArriveAsBGRAWithAlphaZeroWhereThePageIsTransp
     }
     ASSERT_EQ(AwaitRequest([&](auto done) { browser->Resize(1279.9, 720.5, done); }), "");
     EXPECT_TRUE(host.WaitFor([&] { return host.last && ShowsTheColourPage(*host.last, 1279, 720); }));
+}
+
+// A host that resizes an overlay on air, here in the middle of a page's
+// animation at 30 fps, gets no frame at a new size before the page painted
+// at that size: every frame of the page, which is opaque from edge to edge,
+// arrives opaque at its corners.
+TEST_F(FramesEndToEnd, AResizeDuringAnAnimationBringsNoFrameThePageHasNotPaintedEdgeToEdge)
+{
+    const char* engine = getenv("STREAMLOFT_ENGINE");
+    if (!engine || std::string(engine) != "gtk")
+        GTEST_SKIP()
+            << "WPE WebKit 2.38 sends the first frame after an animated page grew painted over the old size only";
+    Open("port_resize_animation.html", 64, 48);
+    // The first paints may come before the page has loaded.
+    size_t loaded = 0;
+    ASSERT_TRUE(host.WaitFor([&] { return loaded = host.sizes.size(), host.last && OpaqueCorners(*host.last); }));
+    const std::pair<uint32_t, uint32_t> steps[] = {{160, 90}, {64, 48}, {320, 180}, {200, 60}, {96, 200}};
+    for (auto [width, height] : steps) {
+        ASSERT_EQ(AwaitRequest([&](auto done) { browser->Resize(width, height, done); }), "");
+        ASSERT_TRUE(host.WaitFor([&] { return host.sizes.back() == std::make_pair(width, height); }));
+        // Into the animation, a different way each time.
+        std::this_thread::sleep_for(std::chrono::milliseconds(width % 70));
+    }
+    std::lock_guard<std::mutex> guard(host.lock);
+    for (size_t i = loaded - 1; i < host.sizes.size(); ++i)
+        EXPECT_TRUE(host.opaqueCorners[i])
+            << "frame " << i << " of " << host.sizes[i].first << " x " << host.sizes[i].second;
 }
 
 // Every frame carries the service's frame number and paint time: numbers go
