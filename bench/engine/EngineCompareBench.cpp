@@ -115,7 +115,9 @@ Service Start(const Engine& engine)
     char pattern[] = "/tmp/slf-engines-bench-XXXXXX";
     s.dir = mkdtemp(pattern);
     s.socket = s.dir + "/overlay-helper.sock";
-    s.pid = slfbench::SpawnService(engine.helper, s.socket);
+    // Each executable runs the other when the other engine is asked for, and
+    // its own only when asked for or by default: the engine is named.
+    s.pid = slfbench::SpawnService(engine.helper, s.socket, engine.name);
     return s;
 }
 

@@ -189,7 +189,8 @@ inline void ReapDescendants(std::chrono::milliseconds grace)
 
 // Starts the service executable listening on `socket`, its log in
 // "<socket>.log"; returns its process id.
-inline pid_t SpawnService(const char* helperPath, const std::string& socket)
+// engine: the service's --engine value, or null for its default.
+inline pid_t SpawnService(const char* helperPath, const std::string& socket, const char* engine = nullptr)
 {
     const pid_t service = fork();
     if (service == 0) {
@@ -197,7 +198,8 @@ inline pid_t SpawnService(const char* helperPath, const std::string& socket)
         if (log >= 0)
             dup2(log, STDERR_FILENO);
         const std::string listen = "--listen=" + socket;
-        execl(helperPath, helperPath, listen.c_str(), static_cast<char*>(nullptr));
+        const std::string choice = std::string("--engine=") + (engine ? engine : "");
+        execl(helperPath, helperPath, listen.c_str(), engine ? choice.c_str() : nullptr, static_cast<char*>(nullptr));
         _exit(127);
     }
     return service;
