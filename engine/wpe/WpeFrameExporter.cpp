@@ -43,6 +43,10 @@ GSourceFuncs s_FrameTimerFuncs = {nullptr,
                                   nullptr,
                                   nullptr};
 
+// How long the first frame after the view grew waits for the next one before
+// it goes out as it is (microseconds).
+constexpr int64_t kResizeWait = G_USEC_PER_SEC;
+
 } // namespace
 
 WpeFrameExporter::WpeFrameExporter(GMainContext* context, int browserId, int frameRate, PaintFn paint)
@@ -98,6 +102,9 @@ void WpeFrameExporter::Stop()
     }
     m_nFrameDue = -1;
     m_bFramePending = false;
+    m_Withheld.clear();
+    m_nFrameWidth = 0;
+    m_nFrameHeight = 0;
     // Given back while the backend exists: it goes with the view.
     ReleaseHeldBuffer();
     DropLastImage();
@@ -134,6 +141,7 @@ void WpeFrameExporter::OnExportedBuffer(BackendHolder* holder, struct wpe_fdo_sh
     }
     bool copied = false;
     bool held = false;
+    bool withheld = false;
     struct wl_shm_buffer* shm = wpe_fdo_shm_exported_buffer_get_shm_buffer(buffer);
     struct wl_resource* resource = wpe_fdo_shm_exported_buffer_get_resource(buffer);
     if (shm) {
@@ -142,9 +150,22 @@ void WpeFrameExporter::OnExportedBuffer(BackendHolder* holder, struct wpe_fdo_sh
         const int height = wl_shm_buffer_get_height(shm);
         const int stride = wl_shm_buffer_get_stride(shm);
         const bool opaque = format == WL_SHM_FORMAT_XRGB8888;
-        const size_t row = static_cast<size_t>(width) * 4;
         if ((format == WL_SHM_FORMAT_ARGB8888 || opaque) && width > 0 && height > 0 && stride >= width * 4) {
-            if (!opaque && static_cast<size_t>(stride) == row && resource) {
+            // A newer frame replaces one withheld.
+            m_Withheld.clear();
+            const bool grew = m_nFrameWidth > 0 && (width > m_nFrameWidth || height > m_nFrameHeight);
+            m_nFrameWidth = width;
+            m_nFrameHeight = height;
+            if (grew) {
+                // The first frame after the view grew: WebKit's compositor
+                // renders one at the new size as soon as it hears of it,
+                // still from the page's layers at the old size, so that only
+                // the old area is painted. The next frame has the page laid
+                // out at the new size; this one goes out only if none comes
+                // (DispatchFrameComplete).
+                withheld = CopyImage(shm, m_Withheld);
+                m_nWithheldSince = g_get_monotonic_time();
+            } else if (!opaque && stride == width * 4 && resource) {
                 // Already a tightly packed BGRA image: delivered straight
                 // from the buffer, which stays with us as the last image
                 // until the next one arrives (the web process renders into
@@ -155,26 +176,14 @@ void WpeFrameExporter::OnExportedBuffer(BackendHolder* holder, struct wpe_fdo_sh
                 m_pHeldBuffer->destroyListener.notify = HeldBufferDestroyed;
                 wl_resource_add_destroy_listener(resource, &m_pHeldBuffer->destroyListener);
                 held = true;
-            } else {
-                wl_shm_buffer_begin_access(shm);
-                const auto* source = static_cast<const uint8_t*>(wl_shm_buffer_get_data(shm));
-                if (source) {
-                    ReleaseHeldBuffer();
-                    m_LastImage.resize(row * static_cast<size_t>(height));
-                    for (int y = 0; y < height; ++y)
-                        std::memcpy(m_LastImage.data() + row * y, source + static_cast<size_t>(stride) * y, row);
-                    if (opaque) {
-                        for (size_t i = 3; i < m_LastImage.size(); i += 4)
-                            m_LastImage[i] = 0xFF;
-                    }
-                    m_nLastWidth = width;
-                    m_nLastHeight = height;
-                    copied = true;
-                }
-                wl_shm_buffer_end_access(shm);
+            } else if (CopyImage(shm, m_LastImage)) {
+                ReleaseHeldBuffer();
+                m_nLastWidth = width;
+                m_nLastHeight = height;
+                copied = true;
             }
         }
-        if (!held && !copied)
+        if (!held && !copied && !withheld)
             NSLog("WpeView - browser %d: unusable frame (format %u, %d x %d, stride %d) dropped", m_nBrowserId, format,
                   width, height, stride);
     }
@@ -186,6 +195,27 @@ void WpeFrameExporter::OnExportedBuffer(BackendHolder* holder, struct wpe_fdo_sh
         DeliverHeldBuffer();
     else if (copied)
         m_Paint(m_LastImage.data(), m_nLastWidth, m_nLastHeight);
+}
+
+bool WpeFrameExporter::CopyImage(struct wl_shm_buffer* shm, std::vector<uint8_t>& image)
+{
+    const int width = wl_shm_buffer_get_width(shm);
+    const int height = wl_shm_buffer_get_height(shm);
+    const int stride = wl_shm_buffer_get_stride(shm);
+    const size_t row = static_cast<size_t>(width) * 4;
+    wl_shm_buffer_begin_access(shm);
+    const auto* source = static_cast<const uint8_t*>(wl_shm_buffer_get_data(shm));
+    if (source) {
+        image.resize(row * static_cast<size_t>(height));
+        for (int y = 0; y < height; ++y)
+            std::memcpy(image.data() + row * y, source + static_cast<size_t>(stride) * y, row);
+        if (wl_shm_buffer_get_format(shm) == WL_SHM_FORMAT_XRGB8888) {
+            for (size_t i = 3; i < image.size(); i += 4)
+                image[i] = 0xFF;
+        }
+    }
+    wl_shm_buffer_end_access(shm);
+    return source != nullptr;
 }
 
 // ---- the last image --------------------------------------------------------
@@ -290,7 +320,26 @@ void WpeFrameExporter::DispatchFrameComplete()
     if (m_pFrameTimer)
         g_source_set_ready_time(m_pFrameTimer, -1);
     m_nFrameDue = -1;
-    if (!m_bFramePending || !m_pExportable || !m_bRunning)
+    if (!m_bRunning)
+        return;
+    if (!m_Withheld.empty()) {
+        if (g_get_monotonic_time() - m_nWithheldSince >= kResizeWait) {
+            NSLog("WpeView - browser %d: no other frame at %d x %d from the web process within %d ms; the first one "
+                  "goes out as it is",
+                  m_nBrowserId, m_nFrameWidth, m_nFrameHeight, static_cast<int>(kResizeWait / 1000));
+            ReleaseHeldBuffer();
+            m_LastImage = std::move(m_Withheld);
+            m_Withheld.clear();
+            m_nLastWidth = m_nFrameWidth;
+            m_nLastHeight = m_nFrameHeight;
+            m_Paint(m_LastImage.data(), m_nLastWidth, m_nLastHeight);
+        } else {
+            // The slots go on while a frame is withheld, so that it goes
+            // out on one of them if no other frame comes.
+            ScheduleFrameComplete();
+        }
+    }
+    if (!m_bFramePending || !m_pExportable)
         return;
     m_bFramePending = false;
     wpe_view_backend_exportable_fdo_dispatch_frame_complete(m_pExportable);

@@ -17,6 +17,7 @@ struct wpe_view_backend;
 struct wpe_view_backend_exportable_fdo;
 struct wpe_fdo_shm_exported_buffer;
 struct wl_listener;
+struct wl_shm_buffer;
 
 namespace SLF_ChromiumEmbeddedFramework {
 
@@ -66,6 +67,9 @@ private:
 
     // The last image: the held buffer, or a copy in m_LastImage.
     bool DeliverHeldBuffer();
+    // Copies the buffer's image, tightly packed and with alpha; false when
+    // its memory cannot be read.
+    static bool CopyImage(struct wl_shm_buffer* shm, std::vector<uint8_t>& image);
     void ReleaseHeldBuffer();
     void DropLastImage();
     // The held buffer's resource goes away with its web process: its image
@@ -99,6 +103,13 @@ private:
     std::vector<uint8_t> m_LastImage;
     int m_nLastWidth = 0;
     int m_nLastHeight = 0;
+
+    // The first frame after the view grew, withheld until the next one (see
+    // OnExportedBuffer), and the size of the newest frame exported.
+    std::vector<uint8_t> m_Withheld;
+    int64_t m_nWithheldSince = 0; // monotonic microseconds
+    int m_nFrameWidth = 0;
+    int m_nFrameHeight = 0;
 
     // Pacing state; the grid outlives a Stop and Start.
     GSource* m_pFrameTimer = nullptr;

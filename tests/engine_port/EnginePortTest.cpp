@@ -241,9 +241,6 @@ TEST_F(EnginePortTest, TwoBrowsersResizeTakeInputFromOtherThreadsAndClose)
 // at different points of its animation.
 TEST_F(EnginePortTest, EveryFirstFrameAfterAResizeOfAnAnimatedPageIsPaintedEdgeToEdge)
 {
-    if (!PortUnderTest::kGtk)
-        GTEST_SKIP()
-            << "WPE WebKit 2.38 sends the first frame after an animated page grew painted over the old size only";
     TestClient client(200, 100);
     Open(client, kAnimatedPage, kRed);
     for (int i = 0; i < 10; ++i) {

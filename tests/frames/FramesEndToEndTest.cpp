@@ -151,10 +151,6 @@ TEST_F(FramesEndToEnd, KnownColoursArriveAsBGRAWithAlphaZeroWhereThePageIsTransp
 // arrives opaque at its corners.
 TEST_F(FramesEndToEnd, AResizeDuringAnAnimationBringsNoFrameThePageHasNotPaintedEdgeToEdge)
 {
-    const char* engine = getenv("STREAMLOFT_ENGINE");
-    if (!engine || std::string(engine) != "gtk")
-        GTEST_SKIP()
-            << "WPE WebKit 2.38 sends the first frame after an animated page grew painted over the old size only";
     Open("port_resize_animation.html", 64, 48);
     // The first paints may come before the page has loaded.
     size_t loaded = 0;
