@@ -4,6 +4,7 @@
 #include "engine/wpe/WpeEnginePort.h"
 #include "engine/wpe/WpeAudioWire.h"
 #include "engine/wpe/WpeFrameExporter.h"
+#include "engine/wpe/WpePageUi.h"
 #include "engine/wpe/WpeResourceServer.h"
 #include "engine/wpe/WpeVariantCodec.h"
 
@@ -379,40 +380,12 @@ void WpeView::OnLoadChanged(int loadEvent)
 
 bool WpeView::OnScriptDialog(WebKitScriptDialog* dialog)
 {
-    const WebKitScriptDialogType type = webkit_script_dialog_get_dialog_type(dialog);
-    if (type == WEBKIT_SCRIPT_DIALOG_BEFORE_UNLOAD_CONFIRM) {
-        // Nobody can answer; leaving the page is always allowed.
-        webkit_script_dialog_confirm_set_confirmed(dialog, TRUE);
-        return true;
-    }
-    if (EngineJSDialogHandler* handler = m_pClient->GetJSDialogHandler()) {
-        EngineJSDialogType dialogType = JSDIALOGTYPE_ALERT;
-        std::string defaultText;
-        if (type == WEBKIT_SCRIPT_DIALOG_CONFIRM) {
-            dialogType = JSDIALOGTYPE_CONFIRM;
-        } else if (type == WEBKIT_SCRIPT_DIALOG_PROMPT) {
-            dialogType = JSDIALOGTYPE_PROMPT;
-            if (const char* text = webkit_script_dialog_prompt_get_default_text(dialog))
-                defaultText = text;
-        }
-        const char* message = webkit_script_dialog_get_message(dialog);
-        bool suppress = false;
-        handler->OnJSDialog(shared_from_this(), GetURL(), dialogType, message ? message : "", defaultText, suppress);
-    }
-    // No dialog can be shown off screen: every dialog ends unanswered
-    // (confirm is false, prompt null).
-    if (type == WEBKIT_SCRIPT_DIALOG_CONFIRM)
-        webkit_script_dialog_confirm_set_confirmed(dialog, FALSE);
-    return true;
+    return AnswerScriptDialog(dialog, m_pClient, shared_from_this(), GetURL());
 }
 
 void WpeView::OnMouseTargetChanged(WebKitHitTestResult* hit)
 {
-    EngineCursorType cursor = CT_POINTER;
-    if (webkit_hit_test_result_context_is_link(hit))
-        cursor = CT_HAND;
-    else if (webkit_hit_test_result_context_is_editable(hit))
-        cursor = CT_IBEAM;
+    const EngineCursorType cursor = CursorForHitTest(hit);
     if (cursor == m_nCursor)
         return;
     m_nCursor = cursor;
