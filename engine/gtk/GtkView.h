@@ -173,7 +173,7 @@ private:
     // WebKit's page identifier, registered with the port (0 when none).
     uint64_t m_nPageId = 0;
     // Requests for the internal scheme kept open until the view goes.
-    std::vector<std::pair<WebKitURISchemeRequest*, EngineResourceHandler*>> m_OpenRequests;
+    OpenSchemeRequests m_OpenRequests;
     // The image of the last frame: the window's own surface (referenced)
     // or, when that is not in client memory, m_pSurface (null here).
     cairo_surface_t* m_pPainted = nullptr;

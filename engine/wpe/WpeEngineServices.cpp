@@ -173,6 +173,27 @@ void WpeEngineServices::UnregisterPage(uint64_t pageId)
     m_Pages.erase(pageId);
 }
 
+void WpeEngineServices::ForgetServedPage(const WpeServedView* view, uint64_t& pageId, OpenSchemeRequests& openRequests,
+                                         bool cancelHandlers)
+{
+    if (pageId)
+        UnregisterPage(pageId);
+    pageId = 0;
+    UnregisterProcessesOf(view);
+    std::vector<EngineResourceHandler*> handlers;
+    for (auto& open : openRequests) {
+        GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "the browser closed");
+        webkit_uri_scheme_request_finish_error(open.first, error);
+        g_error_free(error);
+        g_object_unref(open.first);
+        if (open.second)
+            handlers.push_back(open.second);
+    }
+    openRequests.clear();
+    if (!handlers.empty() && cancelHandlers && m_pResourceServer)
+        m_pResourceServer->CancelRequests(handlers);
+}
+
 std::shared_ptr<WpeServedView> WpeEngineServices::FindViewForProcess(int pid)
 {
     std::lock_guard<std::mutex> lock(m_PageMutex);

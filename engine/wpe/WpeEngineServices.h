@@ -74,6 +74,11 @@ public:
     bool ClaimPageFromProcess(uint64_t token, int pid, int* holder);
     // Forgets the processes known to show the view's page; returns them.
     std::vector<int> UnregisterProcessesOf(const WpeServedView* view);
+    // Engine context. The view's page goes: its page and process records
+    // (pageId becomes 0), and the requests it kept open, which end now; with
+    // cancelHandlers their handlers hear of it on the resource thread.
+    void ForgetServedPage(const WpeServedView* view, uint64_t& pageId, OpenSchemeRequests& openRequests,
+                          bool cancelHandlers);
     // A sandboxed web process knows its own pid only inside its process
     // namespace: its answer to the render-process-ID question gets the pid
     // this process sees (from the page claims) when it is known.

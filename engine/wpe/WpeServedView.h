@@ -6,9 +6,16 @@
 
 #include "engine/port/EnginePort.h"
 
+#include <utility>
+#include <vector>
+
 typedef struct _WebKitURISchemeRequest WebKitURISchemeRequest;
 
 namespace SLF_ChromiumEmbeddedFramework {
+
+// A view's requests for the internal scheme kept open, with the handler
+// that answers each (null when none does).
+using OpenSchemeRequests = std::vector<std::pair<WebKitURISchemeRequest*, EngineResourceHandler*>>;
 
 class WpeServedView : public EngineBrowser, public EngineBrowserHost, public EngineFrame {
 public:

@@ -209,25 +209,8 @@ void WpeView::DestroyWebView(bool cancelHandlers)
         g_object_unref(view);
     }
     m_Input.Reset();
-    if (m_nPageId)
-        m_Port.UnregisterPage(m_nPageId);
-    m_nPageId = 0;
-    m_Port.UnregisterProcessesOf(this);
-
-    // Requests that were to stay open end with the view; their handlers
-    // hear of it on the resource thread.
-    std::vector<EngineResourceHandler*> handlers;
-    for (auto& open : m_OpenRequests) {
-        GError* error = g_error_new_literal(G_IO_ERROR, G_IO_ERROR_CANCELLED, "the browser closed");
-        webkit_uri_scheme_request_finish_error(open.first, error);
-        g_error_free(error);
-        g_object_unref(open.first);
-        if (open.second)
-            handlers.push_back(open.second);
-    }
-    m_OpenRequests.clear();
-    if (!handlers.empty() && cancelHandlers && m_Port.GetResourceServer())
-        m_Port.GetResourceServer()->CancelRequests(handlers);
+    // Requests that were to stay open end with the view.
+    m_Port.ForgetServedPage(this, m_nPageId, m_OpenRequests, cancelHandlers);
 }
 
 bool WpeView::KeepRequestOpen(WebKitURISchemeRequest* request, EngineResourceHandler* handler)

@@ -146,7 +146,7 @@ private:
     int m_nCursor = -1;     // the cursor last reported to the render handler
     uint64_t m_nPageId = 0; // WebKit's page identifier, registered with the port
     // Requests for the internal scheme kept open until the view goes.
-    std::vector<std::pair<WebKitURISchemeRequest*, EngineResourceHandler*>> m_OpenRequests;
+    OpenSchemeRequests m_OpenRequests;
 
     // ---- frames; owned here, pump thread (see WpeFrameExporter) ------------
     std::unique_ptr<WpeFrameExporter> m_pFrames;
