@@ -93,10 +93,14 @@ void GtkView::OnWindowPainted()
         // A window resized paints WebKit's newest frame, which may still be
         // one the web process rendered at the old size: an empty or partly
         // painted image at the new size. It does not go out.
+        const bool firstAtNewSize = m_bSizePending;
         if (m_bSizePending && !ViewFrameFillsSize())
             return;
         m_bSizePending = false;
-        if (inMemory) {
+        // The window's first image at the new size need not hold the view
+        // yet (GTK draws a widget once it has its new size): the view drawn
+        // into our own image is the frame just found to fill the size.
+        if (inMemory && !firstAtNewSize) {
             SetPainted(surface);
         } else {
             SetPainted(nullptr);
